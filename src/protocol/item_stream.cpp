@@ -1,0 +1,131 @@
+#include "protocol/item_stream.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+
+#include "protocol/little_endian.h"
+
+namespace qnt {
+
+std::int32_t ItemStream::create(std::uint32_t base) {
+    release();
+    const std::uint64_t needed = std::uint64_t{base} + kStreamHeaderSize;
+    if (!growTo(needed))
+        return kStreamNoMemory;
+    m_counter = 0;
+    m_base = base;
+    m_position = base + kStreamHeaderSize;
+    writeU32(header() + kStreamBodyLengthOffset, 0);
+    writeU32(header() + kStreamMagicOffset, kStreamMagic);
+    writeU32(header() + kStreamReservedOffset, 0);
+    return kStreamOk;
+}
+
+std::int32_t ItemStream::appendItem(std::uint32_t type, const void* data, std::uint32_t length) {
+    const std::uint64_t end = std::uint64_t{m_position} + kItemHeaderSize + length;
+    if (end > m_capacity && !growTo(end))
+        return kStreamNoMemory;
+    std::uint8_t* item = m_buffer + m_position;
+    writeU32(item + kItemLengthOffset, length);
+    writeU32(item + kItemTypeOffset, type);
+    writeU32(item + kItemIndexOffset, m_counter);
+    if (length != 0)
+        std::memcpy(item + kItemHeaderSize, data, length);
+    ++m_counter;
+    m_position = static_cast<std::uint32_t>(end);
+    writeU32(header() + kStreamBodyLengthOffset, m_position - m_base - kStreamHeaderSize);
+    return kStreamOk;
+}
+
+std::int32_t ItemStream::appendText(std::uint32_t type, std::string_view text) {
+    if (text.size() > std::numeric_limits<std::uint32_t>::max())
+        return kStreamNoMemory;
+    return appendItem(type, text.data(), static_cast<std::uint32_t>(text.size()));
+}
+
+std::int32_t ItemStream::open(const std::uint8_t* buffer, std::uint32_t bufferLength,
+                              std::uint32_t base) {
+    release();
+    if (bufferLength < std::uint64_t{base} + kStreamHeaderSize)
+        return kStreamBadHeader;
+    m_buffer = const_cast<std::uint8_t*>(buffer);  // the reading operations never write to it
+    m_borrowed = 1;
+    m_capacity = bufferLength;
+    m_base = base;
+    const std::uint32_t magic = readU32(header() + kStreamMagicOffset);
+    if (magic != kStreamMagic && magic != kStreamMagicOther)
+        return kStreamBadHeader;
+    if (bufferLength < streamEnd())
+        return kStreamTooShort;
+    m_position = base + kStreamHeaderSize;
+    m_counter = 0;
+    return validateItem();
+}
+
+std::int32_t ItemStream::next() {
+    m_position += itemLength() + kItemHeaderSize;
+    ++m_counter;
+    return validateItem();
+}
+
+std::uint32_t ItemStream::itemType() const {
+    return readU32(m_buffer + m_position + kItemTypeOffset);
+}
+
+std::uint32_t ItemStream::itemLength() const {
+    return readU32(m_buffer + m_position + kItemLengthOffset);
+}
+
+const std::uint8_t* ItemStream::itemData() const {
+    return m_buffer + m_position + kItemHeaderSize;
+}
+
+std::string_view ItemStream::itemText() const {
+    return {reinterpret_cast<const char*>(itemData()), itemLength()};
+}
+
+// Wraps at 32 bits, as the host computes it; open() and validateItem() refuse what comes of it.
+std::uint32_t ItemStream::streamEnd() const {
+    return m_base + kStreamHeaderSize + readU32(header() + kStreamBodyLengthOffset);
+}
+
+void ItemStream::release() {
+    if (m_borrowed == 0)
+        std::free(m_buffer);
+    m_buffer = nullptr;
+    m_capacity = 0;
+    m_borrowed = 0;
+}
+
+std::int32_t ItemStream::validateItem() const {
+    const std::uint32_t end = streamEnd();
+    if (m_position == end)
+        return kStreamEnded;
+    if (end < m_position)
+        return kStreamOverrun;
+    if (end - m_position < kItemHeaderSize)
+        return kStreamTooShort;
+    if (readU32(m_buffer + m_position + kItemIndexOffset) != m_counter)
+        return kStreamBadIndex;
+    if (std::uint64_t{m_position} + kItemHeaderSize + itemLength() > end)
+        return kStreamTooShort;
+    return kStreamOk;
+}
+
+// Doubles the capacity as often as needed.
+bool ItemStream::growTo(std::uint64_t size) {
+    std::uint64_t capacity = m_capacity == 0 ? 2 : m_capacity;
+    while (capacity < size)
+        capacity *= 2;
+    if (capacity > std::numeric_limits<std::uint32_t>::max())
+        return false;
+    auto* grown = static_cast<std::uint8_t*>(std::realloc(m_buffer, capacity));
+    if (grown == nullptr)
+        return false;
+    m_buffer = grown;
+    m_capacity = static_cast<std::uint32_t>(capacity);
+    return true;
+}
+
+}  // namespace qnt

@@ -1,0 +1,88 @@
+// The item stream: the typed, nestable encoding of every payload that is exchanged with the host.
+//
+//   stream header, 12 bytes at the base offset: bodyLength, magic 0x1000, reserved 0
+//   items without gaps, each: length, type, index (0, 1, 2, ...), then `length` data bytes
+//
+// All integers as little_endian.h says. The data of an item may be a stream of its own, base 0.
+
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+namespace qnt {
+
+inline constexpr std::uint32_t kStreamMagic = 0x1000;
+inline constexpr std::uint32_t kStreamMagicOther = 0xACDCBABA;  // accepted by a reader as well
+
+inline constexpr std::uint32_t kStreamBodyLengthOffset = 0;
+inline constexpr std::uint32_t kStreamMagicOffset = 4;
+inline constexpr std::uint32_t kStreamReservedOffset = 8;
+inline constexpr std::uint32_t kStreamHeaderSize = 12;
+
+inline constexpr std::uint32_t kItemLengthOffset = 0;
+inline constexpr std::uint32_t kItemTypeOffset = 4;
+inline constexpr std::uint32_t kItemIndexOffset = 8;
+inline constexpr std::uint32_t kItemHeaderSize = 12;
+
+enum StreamResult : std::int32_t {
+    kStreamOk = 0,
+    kStreamNoMemory = -2,
+    kStreamBadHeader = -3,  // too short for a stream header, or a magic that is not accepted
+    kStreamTooShort = -4,   // the stream runs past the buffer, or the item past the stream
+    kStreamBadIndex = -5,
+    kStreamEnded = -7,
+    kStreamOverrun = -8,  // the position lies behind the stream's end
+};
+
+// Reads or writes one stream over one buffer. A stream that is created owns its buffer; one that
+// is opened only looks at the caller's, which must outlive it. Never reads outside the bytes that
+// open() was given. No locks; throws nothing.
+class ItemStream {
+public:
+    ItemStream() = default;
+    ~ItemStream() { release(); }
+    ItemStream(const ItemStream&) = delete;
+    ItemStream& operator=(const ItemStream&) = delete;
+
+    // Writing. create() allocates a buffer with an empty stream at the base offset and leaves the
+    // bytes before it uninitialised; appendItem() copies one item behind the last. 0 or
+    // kStreamNoMemory, which leaves the stream as it was.
+    std::int32_t create(std::uint32_t base);
+    std::int32_t appendItem(std::uint32_t type, const void* data, std::uint32_t length);
+    std::int32_t appendText(std::uint32_t type, std::string_view text);
+
+    // Reading. open() succeeds when the header and the first item are valid, so a stream without
+    // items does not open; next() makes the following item the current one. A result other than 0
+    // ends the walk: the end of the stream and a malformed item are not told apart.
+    std::int32_t open(const std::uint8_t* buffer, std::uint32_t bufferLength, std::uint32_t base);
+    std::int32_t next();
+
+    // The current item; valid while the last open() or next() gave 0.
+    std::uint32_t itemType() const;
+    std::uint32_t itemLength() const;
+    const std::uint8_t* itemData() const;
+    std::string_view itemText() const;
+
+    // The length of the buffer's used part: base, header and items.
+    std::uint32_t streamEnd() const;
+    // The start of the buffer, to be written to only in a stream that owns it.
+    std::uint8_t* data() const { return m_buffer; }
+
+    // Frees an owned buffer.
+    void release();
+
+private:
+    std::int32_t validateItem() const;
+    bool growTo(std::uint64_t size);
+    std::uint8_t* header() const { return m_buffer + m_base; }
+
+    std::uint32_t m_counter = 0;   // index of the current item, or of the next one to write
+    std::uint32_t m_base = 0;      // offset of the stream header
+    std::uint32_t m_position = 0;  // offset of the current item's header, or of the next to write
+    std::uint8_t* m_buffer = nullptr;
+    std::uint32_t m_capacity = 0;
+    std::uint32_t m_borrowed = 0;  // 0 when the stream owns its buffer
+};
+
+}  // namespace qnt

@@ -1,0 +1,222 @@
+#include "protocol/printing_messages.h"
+
+#include <algorithm>
+#include <cstring>
+#include <optional>
+
+#include "log/log_record.h"
+#include "protocol/item_stream.h"
+#include "protocol/little_endian.h"
+#include "protocol/printing_format.h"
+
+namespace qnt {
+namespace {
+
+void writeHeader(std::uint8_t* buffer, std::uint32_t requestType, std::uint32_t sequence) {
+    std::memset(buffer, 0, kPrintingCmdHeaderSize);
+    writeU32(buffer + PrintingCmdHeader::kVersion, kPrintingVersion);
+    writeU32(buffer + PrintingCmdHeader::kRequestType, requestType);
+    writeU32(buffer + PrintingCmdHeader::kSequence, sequence);
+}
+
+void logNoMemory(const char* operation) {
+    logRecord(kCommandManagerPrefix, kServiceTag, 0, "Not enough memory for %s", operation);
+}
+
+void logSkipped(const ItemStream& stream) {
+    if (logGetLevel() >= 2)
+        logRecord(kCommandManagerPrefix, kServiceTag, 2,
+                  "Unsupported data skipped, type = %u, size = %u", stream.itemType(),
+                  stream.itemLength());
+}
+
+// Calls `read` for each item until the stream ends, an item is malformed, or `read` gives false.
+// False only for the last of these. The stream has been opened.
+template <typename Read>
+bool forEachItem(ItemStream& stream, Read read) {
+    do {
+        if (!read(stream))
+            return false;
+    } while (stream.next() == kStreamOk);
+    return true;
+}
+
+std::int32_t openNested(ItemStream& nested, const ItemStream& outer) {
+    return nested.open(outer.itemData(), outer.itemLength(), 0);
+}
+
+// False when the entry lacks its id or its name.
+bool readEntry(QueueBindingList& printers, const ItemStream& item) {
+    ItemStream entry;
+    if (item.itemType() != PrinterEntry || openNested(entry, item) != kStreamOk)
+        return false;
+    std::optional<std::string_view> id;
+    std::optional<std::string_view> name;
+    forEachItem(entry, [&](const ItemStream& field) {
+        if (field.itemType() == PrinterId)
+            id = field.itemText();
+        else if (field.itemType() == PrinterName)
+            name = field.itemText();
+        else
+            logSkipped(field);
+        return true;
+    });
+    if (!id || !name)
+        return false;
+    printers.push_back({std::string(*id), std::string(*name)});
+    return true;
+}
+
+// False when reading stopped at an entry that can't be used; the entries before it stay.
+bool readList(QueueBindingList& printers, const ItemStream& item) {
+    printers.clear();
+    ItemStream list;
+    if (openNested(list, item) != kStreamOk)
+        return true;
+    return forEachItem(list, [&](const ItemStream& entry) { return readEntry(printers, entry); });
+}
+
+struct SeenItems {
+    bool code = false;
+    bool id = false;
+    bool list = false;
+
+    bool sufficeFor(std::uint32_t commandCode) const {
+        switch (commandCode) {
+            case CmdAddPrinter:
+            case CmdDeletePrinter:
+                return id;
+            case CmdPrinterList:
+                return list;
+            default:
+                return true;
+        }
+    }
+};
+
+void readTopLevelItem(PrintingCmd& command, SeenItems& seen, const ItemStream& item) {
+    switch (item.itemType()) {
+        case CmdCode:
+            if (item.itemLength() >= kCmdCodeSize) {
+                command.code = readU32(item.itemData());
+                seen.code = true;
+            }
+            break;
+        case PrinterId:
+            command.printerId = item.itemText();
+            seen.id = true;
+            break;
+        case PrinterList:
+            if (readList(command.printers, item))
+                seen.list = true;
+            break;
+        default:
+            logSkipped(item);
+    }
+}
+
+}  // namespace
+
+void fillPrintingCmdRequest(ByteArray& bufferCmd, std::uint32_t sequence,
+                            std::uint32_t& requestSize) {
+    writeHeader(bufferCmd.data(), GetPrintingCmd, sequence);
+    requestSize = kPrintingCmdHeaderSize;
+}
+
+void fillPrintingCmdPendingRequest(ByteArray& bufferCmd, std::uint32_t& requestSize) {
+    writeHeader(bufferCmd.data(), PrintingCmdPending, 0);
+    requestSize = kPrintingCmdHeaderSize;
+}
+
+bool fillPrintingCmdAnsRequest(ByteArray& bufferCmd, std::uint32_t result, std::uint32_t sequence,
+                               std::uint32_t& requestSize) {
+    std::uint8_t resultBytes[sizeof result];
+    writeU32(resultBytes, result);
+    ItemStream stream;
+    if (stream.create(kPrintingCmdHeaderSize) != kStreamOk ||
+        stream.appendItem(CmdResult, resultBytes, sizeof resultBytes) != kStreamOk)
+        return false;
+    writeHeader(stream.data(), PrintingCmdAnswer, sequence);
+    const std::uint32_t length = stream.streamEnd();
+    if (bufferCmd.size() < length && !bufferCmd.resize(length)) {
+        logNoMemory("fillPrintingCmdAnsRequest");
+        return false;
+    }
+    std::memcpy(bufferCmd.data(), stream.data(), length);
+    requestSize = length;
+    return true;
+}
+
+bool fillUserDeletedPrintersRequest(ByteArray& destination, const QueueBindingList& deleted) {
+    ItemStream stream;
+    if (stream.create(kPrintingCmdHeaderSize) != kStreamOk)
+        return false;
+    for (const QueueBinding& queue : deleted) {
+        if (stream.appendText(PrinterId, queue.id) != kStreamOk)
+            return false;
+    }
+    writeHeader(stream.data(), UserDeletedPrinters, 0);
+    const std::uint32_t length = stream.streamEnd();
+    if (!destination.resize(length)) {
+        logNoMemory("fillUserDeletedPrintersRequest");
+        return false;
+    }
+    std::memcpy(destination.data(), stream.data(), length);
+    return true;
+}
+
+AnswerResult processAnswerFromHost(ByteArray& bufferCmd) {
+    const std::uint32_t requiredSize = answerRequiredSize(bufferCmd);
+    if (requiredSize == 0)
+        return AnswerCommand;
+    if (requiredSize <= bufferCmd.size())
+        return AnswerNone;
+    if (bufferCmd.resize(requiredSize))
+        return AnswerNone;
+    logNoMemory("processAnswerFromHost");
+    return AnswerFailed;
+}
+
+std::uint32_t answerSequence(const ByteArray& buffer) {
+    return readU32(buffer.data() + PrintingCmdHeader::kSequence);
+}
+
+std::uint32_t answerRequiredSize(const ByteArray& buffer) {
+    return readU32(buffer.data() + PrintingCmdHeader::kRequiredSize);
+}
+
+std::uint32_t answerPayloadLength(const ByteArray& buffer) {
+    if (buffer.size() <= kPrintingCmdHeaderSize)
+        return 0;
+    const std::uint32_t announced = readU32(buffer.data() + PrintingCmdHeader::kPayloadLength);
+    return static_cast<std::uint32_t>(
+        std::min<std::size_t>(announced, buffer.size() - kPrintingCmdHeaderSize));
+}
+
+const std::uint8_t* answerPayload(const ByteArray& buffer) {
+    return buffer.data() + kPrintingCmdHeaderSize;
+}
+
+bool parsePrintingCmd(PrintingCmd& command, const std::uint8_t* payload,
+                      std::uint32_t payloadLength) {
+    ItemStream stream;
+    if (stream.open(payload, payloadLength, 0) != kStreamOk)
+        return false;
+    SeenItems seen;
+    forEachItem(stream, [&](const ItemStream& item) {
+        readTopLevelItem(command, seen, item);
+        return true;
+    });
+    return seen.code && seen.sufficeFor(command.code);
+}
+
+bool parseDefaultPrinterAnswer(std::string& printerId, const std::uint8_t* payload,
+                               std::uint32_t payloadLength) {
+    ItemStream stream;
+    if (stream.open(payload, payloadLength, 0) != kStreamOk || stream.itemType() != PrinterId)
+        return false;
+    printerId = stream.itemText();
+    return true;
+}
+
+}  // namespace qnt
