@@ -1,0 +1,24 @@
+// Creating the queue of a host printer.
+
+#pragma once
+
+#include <string>
+
+namespace qnt {
+
+inline constexpr int kUsbWaitTries = 120;
+inline constexpr unsigned kUsbWaitPauseSeconds = 1;
+
+// Creates the queue of the printer with this id, after deleting every queue that is bound to it.
+// Without a name, waits up to kUsbWaitTries times kUsbWaitPauseSeconds for the virtual USB printer
+// and takes its product string. On return the name is the queue name that was used, blanks
+// replaced, or empty when there was none. A name or id that CUPS can't be told, and an empty id,
+// are refused with a record before any queue is touched. Failures are logged; whether the queue
+// exists, ask isPrinterOnline. The caller holds the tool's mutex. May throw std::bad_alloc.
+void addPrinter(std::string& name, const std::string& id);
+
+// Asks CUPS, once in the process's life, for the driver that every queue gets; a fixed one when
+// CUPS knows none.
+void selectPpdModel();
+
+}  // namespace qnt

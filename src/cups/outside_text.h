@@ -1,0 +1,31 @@
+// The way of outside text (names, ids, models) into a shell command line. Nothing else puts such
+// text there.
+
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace qnt {
+
+// One word of the shell whose value is the text: between single quotes, with each single quote of
+// the text as '\''. None when the text holds a zero byte, which no argument can carry.
+std::optional<std::string> shellWord(std::string_view text);
+
+// A basic regular expression, for a sed program with "/" as delimiter, that matches the text and
+// nothing else. None when the text holds a zero byte or a line end.
+std::optional<std::string> sedPattern(std::string_view text);
+
+// Whether a printer id can be told from all others once it stands in a queue's device URI: the
+// listing cuts it out of a line, at white space and behind the last "=TAG". Any other id would be
+// taken for another printer's.
+bool isCarriableId(std::string_view id);
+
+// The shell word of a queue name; none, with a record, when it can't be one.
+std::optional<std::string> queueWord(const std::string& queueName);
+
+// Queue names are printer names with each blank, the byte 0x20 alone, replaced.
+std::string withoutBlanks(std::string name);
+
+}  // namespace qnt
