@@ -1,0 +1,61 @@
+// Carries out the host's commands on the guest's queues.
+
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "cups/queue_binding.h"
+#include "protocol/printing_format.h"
+#include "protocol/printing_messages.h"
+
+namespace qnt {
+
+// The state of command processing and the one operation on it. A command is pending when it has
+// been accepted but could not be finished: an add whose printer is not online yet, or a wait while
+// a printer is online. The service does not retry it; the host's next command answer ends it.
+//
+// Used by the run loop's thread only, with the tool's mutex held.
+class ICommandManager {
+public:
+    // Keeps a reference to the tool's known queues, which must outlive this object.
+    explicit ICommandManager(QueueBindingList& knownQueues) : m_knownQueues(knownQueues) {}
+    virtual ~ICommandManager() = default;
+    ICommandManager(const ICommandManager&) = delete;
+    ICommandManager& operator=(const ICommandManager&) = delete;
+
+    // Seconds that the host may still wait for a pending add; 0xFFFFFFFF when none is pending.
+    virtual std::uint32_t pendingTimeLeft() = 0;
+    virtual void startPendingTimer() = 0;
+    virtual void onPrintersChanged() = 0;
+
+    // Carries out one command; to be called only while none is pending. Runs CUPS tools, and an
+    // add may wait two minutes for its USB device. Failures of the tools are logged below; what
+    // counts for an add is whether the queue is there and online afterwards.
+    PrintingCmdResult processPrintingCmd(const PrintingCmd& command);
+
+    std::uint32_t m_pendingCmd = 0;  // 0, CmdAddPrinter or CmdWaitAllOffline
+
+protected:
+    std::string m_pendingPrinterId;    // of the last add that was left pending
+    QueueBindingList& m_knownQueues;   // the tool's
+    QueueBindingList m_hostPrinters;   // the host's list of the last CmdPrinterList
+    std::uint32_t m_pendingSince = 0;  // wall-clock second in which the pending add started
+
+private:
+    PrintingCmdResult add(const std::string& printerId);
+    PrintingCmdResult remove(const std::string& printerId);
+    PrintingCmdResult replaceHostPrinters(const QueueBindingList& printers);
+    PrintingCmdResult waitAllOffline();
+};
+
+class CCommandManager : public ICommandManager {
+public:
+    using ICommandManager::ICommandManager;
+
+    std::uint32_t pendingTimeLeft() override;
+    void startPendingTimer() override;
+    void onPrintersChanged() override {}
+};
+
+}  // namespace qnt

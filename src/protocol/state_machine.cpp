@@ -1,0 +1,53 @@
+#include "protocol/state_machine.h"
+
+#include "protocol/reconciliation.h"
+
+namespace qnt {
+namespace {
+
+bool askForCommand(IPrintingTool& tool) {
+    fillPrintingCmdRequest(tool.m_bufferCmd, tool.m_listSequence, tool.m_requestSize);
+    return true;
+}
+
+bool sayPending(IPrintingTool& tool) {
+    fillPrintingCmdPendingRequest(tool.m_bufferCmd, tool.m_requestSize);
+    return true;
+}
+
+bool carryOutCommand(IPrintingTool& tool, ICommandManager& commands) {
+    // The host learns of the user's deletions before its next command is carried out.
+    if (!tool.sendUserDeletedPrinters(getUserDeletedPrinters(tool.m_knownQueues)))
+        return false;
+    PrintingCmd command;
+    if (!parsePrintingCmd(command, answerPayload(tool.m_bufferCmd),
+                          answerPayloadLength(tool.m_bufferCmd)))
+        return false;
+    if (command.code == CmdPrinterList)
+        tool.m_listSequence = answerSequence(tool.m_bufferCmd);
+    const PrintingCmdResult result = commands.processPrintingCmd(command);
+    if (result == CmdPending)
+        return sayPending(tool);
+    return fillPrintingCmdAnsRequest(tool.m_bufferCmd, result, tool.m_listSequence,
+                                     tool.m_requestSize);
+}
+
+}  // namespace
+
+bool executeStateMachine(IPrintingTool& tool, AnswerResult answer, ICommandManager& commands) {
+    const bool pending = commands.m_pendingCmd != 0;
+    switch (answer) {
+        case AnswerNone:
+            return pending ? sayPending(tool) : askForCommand(tool);
+        case AnswerCommand:
+            if (!pending)
+                return carryOutCommand(tool, commands);
+            commands.m_pendingCmd = 0;
+            return askForCommand(tool);
+        case AnswerFailed:
+            break;
+    }
+    return false;
+}
+
+}  // namespace qnt

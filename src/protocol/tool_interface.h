@@ -1,0 +1,39 @@
+// The printing tool as the state machine sees it.
+
+#pragma once
+
+#include <cstdint>
+
+#include "cups/queue_binding.h"
+#include "protocol/byte_array.h"
+
+namespace qnt {
+
+// A tool that the service runs for its whole life.
+class IServiceTool {
+public:
+    IServiceTool() = default;
+    virtual ~IServiceTool() = default;
+    IServiceTool(const IServiceTool&) = delete;
+    IServiceTool& operator=(const IServiceTool&) = delete;
+
+    // Works until the service is to end: 0 after an orderly stop, 1 after a failure.
+    virtual std::int32_t run() = 0;
+    // Ends whatever run() has started. Always 0.
+    virtual std::int32_t stop() = 0;
+};
+
+// What the state machine reads and changes, on the run loop's thread with the tool's mutex held.
+class IPrintingTool : public IServiceTool {
+public:
+    // Reports the ids of queues that the guest's user deleted. True when the list is empty or the
+    // host took the report. Waits for the host; the caller holds the tool's mutex.
+    virtual bool sendUserDeletedPrinters(const QueueBindingList& deleted) = 0;
+
+    QueueBindingList m_knownQueues;    // under the mutex: host-bound queues as last listed
+    std::uint32_t m_listSequence = 0;  // run loop: sequence of the last CmdPrinterList answer
+    ByteArray m_bufferCmd;             // run loop: request and answer of the command channel
+    std::uint32_t m_requestSize = 0;   // run loop: bytes of the request in m_bufferCmd
+};
+
+}  // namespace qnt
