@@ -1,0 +1,75 @@
+// The hypervisor's backdoor: four commands, each one intercepted instruction with a magic number in
+// EAX. Values are 32-bit and zero-extended unless the table says otherwise.
+//
+//   command   EAX        EBX            ECX              EDX            ESI    RDI
+//   probe     0x5F9E652  0x5F9E652      0                0              0      0
+//   begin     0x5F9E653  totalInput     1 with a receive the area's     chunk  the area's
+//                                       limit, else 0    length                64-bit address
+//   continue  0x5F9E654  exchangeId, sign-extended       as for begin
+//   cancel    0x5F9E655  exchangeId, sign-extended; 0    0              0      0
+//
+//   back: probe EAX 0x0B36AF47, EDX = ESI = EDI = 0, EBX version, ECX maxTransfer;
+//         begin EBX exchangeId; begin and continue ESI answerSize, EDI hostStatus, EDX bytes that
+//         the host wrote into the area; cancel EDI hostStatus
+
+#pragma once
+
+#include <cstdint>
+
+#include "hostlink/link_result.h"
+
+namespace qnt {
+
+inline constexpr std::uint32_t kBackdoorProbe = 0x5F9E652;
+inline constexpr std::uint32_t kBackdoorBegin = 0x5F9E653;
+inline constexpr std::uint32_t kBackdoorContinue = 0x5F9E654;
+inline constexpr std::uint32_t kBackdoorCancel = 0x5F9E655;
+inline constexpr std::uint32_t kBackdoorSignature = 0x0B36AF47;
+inline constexpr std::uint32_t kBackdoorVersion = 2;
+
+inline constexpr std::int32_t kNoExchangeId = -1;
+inline constexpr std::int32_t kNoHostStatus = -777;     // before the host's first answer
+inline constexpr std::int32_t kHostStatusComplete = 0;  // negative: failed
+inline constexpr std::int32_t kHostStatusMore = 2;      // more transfers expected
+
+// One exchange, on the stack of the call that makes it.
+struct BackdoorExchange {
+    std::int32_t exchangeId = kNoExchangeId;
+    std::uint32_t totalInput = 0;  // bytes that the exchange sends in all
+    std::uint32_t answerSize = 0;  // set by the host: bytes that it wants to return
+    std::int32_t hostStatus = kNoHostStatus;
+};
+
+// The piece of guest memory that one transfer shows to the host.
+struct TransferArea {
+    std::uint8_t* start = nullptr;
+    std::uint32_t chunk = 0;         // bytes that the host reads from it
+    std::uint32_t receiveLimit = 0;  // bytes that the host may write into it
+
+    std::uint32_t length() const { return chunk > receiveLimit ? chunk : receiveLimit; }
+};
+
+struct BackdoorVersion {
+    std::uint32_t version = 0;
+    std::uint32_t maxTransfer = 0;  // bytes of a transfer in each direction
+};
+
+// Asks for the backdoor. Faults where no hypervisor intercepts the instruction. 0, -5 or -6; the
+// version is filled in on success, when asked for.
+std::int32_t backdoorProbe(BackdoorVersion* version);
+
+// One transfer. 0, or -8 when the host's status is negative or it claims to have written more than
+// the area holds; `got` is the number of bytes that the host wrote, on success.
+std::int32_t backdoorBegin(BackdoorExchange& exchange, const TransferArea& area,
+                           std::uint32_t& got);
+std::int32_t backdoorContinue(BackdoorExchange& exchange, const TransferArea& area,
+                              std::uint32_t& got);
+
+// Abandons an exchange and returns the host's status.
+std::int32_t backdoorCancel(BackdoorExchange& exchange);
+
+// backdoorProbe, surviving the fault: -5 then. Installs handlers for SIGILL and SIGSEGV and puts
+// the old ones back. One thread at a time, and none may rely on these signals meanwhile.
+std::int32_t guardedBackdoorProbe(BackdoorVersion* version);
+
+}  // namespace qnt

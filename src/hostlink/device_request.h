@@ -1,0 +1,58 @@
+// The record that the guest's kernel driver takes: a 16-byte header, inline data, then 16-byte
+// buffer descriptors. Little-endian, in the sender's memory; this service runs on x86-64 alone, so
+// the fields are the machine's own.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace qnt {
+
+inline constexpr char kRequestDevicePath[] = "/proc/driver/qnt_kl";
+
+enum QntKlRequestCode : std::uint32_t {
+    QntKlReqLinkCall = 0x8050,  // one exchange of the Open Kavelink link
+    QntKlReqPrinting = 0x8900,  // one exchange of the printing protocol
+};
+
+// Values of DeviceRequestHeader::status; any other is a failure.
+inline constexpr std::uint32_t kStatusDone = 0;
+inline constexpr std::uint32_t kStatusCanceled = 0xF0000000;
+inline constexpr std::uint32_t kStatusAgain = 0xF0000025;  // submit the same request once more
+
+inline constexpr std::uint32_t kBufferWritable = 1;  // bit 0 of BufferDescriptor::flags
+
+struct DeviceRequestHeader {
+    std::uint32_t code;
+    std::uint32_t status;       // 0 from the sender, the result from the host
+    std::uint16_t inlineSize;   // bytes of inline data behind the header, a multiple of 8
+    std::uint16_t bufferCount;  // descriptors behind the inline data
+    std::uint32_t reserved;
+};
+static_assert(sizeof(DeviceRequestHeader) == 16);
+static_assert(offsetof(DeviceRequestHeader, status) == 4);
+static_assert(offsetof(DeviceRequestHeader, inlineSize) == 8);
+static_assert(offsetof(DeviceRequestHeader, bufferCount) == 10);
+
+struct BufferDescriptor {
+    std::uint64_t address;  // in the sender's memory
+    std::uint32_t size;     // bytes
+    std::uint32_t flags;    // kBufferWritable: the host writes its answer there
+};
+static_assert(sizeof(BufferDescriptor) == 16);
+static_assert(offsetof(BufferDescriptor, size) == 8);
+
+// The one shape of request with buffers that the service sends: no inline data, two buffers.
+struct DeviceRequest {
+    DeviceRequestHeader header;
+    BufferDescriptor buffers[2];
+};
+static_assert(sizeof(DeviceRequest) == 48);
+static_assert(offsetof(DeviceRequest, buffers) == 16);
+
+inline BufferDescriptor describeBuffer(const void* bytes, std::uint32_t size, std::uint32_t flags) {
+    return {reinterpret_cast<std::uintptr_t>(bytes), size, flags};
+}
+
+}  // namespace qnt

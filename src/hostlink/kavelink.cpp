@@ -1,0 +1,74 @@
+#include "hostlink/kavelink.h"
+
+#include "hostlink/backdoor.h"
+#include "hostlink/link_backdoor.h"
+#include "hostlink/link_device.h"
+
+namespace qnt {
+namespace {
+
+std::int32_t openOverDevice(KavelinkLink& link) {
+    link.kind = LinkKindDevice;
+    const std::int32_t result = linkDeviceOpen(link.handle);
+    if (result == kLinkOk)
+        link.state = kLinkOpen;
+    return result;
+}
+
+std::int32_t openOverBackdoor(KavelinkLink& link) {
+    link.kind = LinkKindBackdoor;
+    BackdoorVersion version;
+    const std::int32_t result = guardedBackdoorProbe(&version);
+    if (result == kLinkOk) {
+        link.handle = version.maxTransfer;
+        link.state = kLinkOpen;
+    }
+    return result;
+}
+
+}  // namespace
+
+std::int32_t kavelinkOpen(KavelinkLink* link, std::int32_t mode) {
+    if (link == nullptr)
+        return kLinkBadArgument;
+    link->state = kLinkClosed;
+    switch (mode) {
+        case kLinkDeviceOnly:
+            return openOverDevice(*link);
+        case kLinkDeviceThenBackdoor: {
+            const std::int32_t result = openOverDevice(*link);
+            if (result == kLinkOk || result == kLinkNotAvailable)
+                return result;
+            return openOverBackdoor(*link);
+        }
+        case kLinkBackdoorOnly:
+            return openOverBackdoor(*link);
+        default:
+            return kLinkBadArgument;
+    }
+}
+
+std::int32_t kavelinkClose(KavelinkLink* link) {
+    if (link == nullptr)
+        return kLinkBadArgument;
+    if (link->kind == LinkKindDevice)
+        linkDeviceClose(link->handle);
+    link->state = kLinkClosed;
+    return kLinkOk;
+}
+
+std::int32_t kavelinkCall(KavelinkLink* link, void* buffer, std::uint32_t inputSize,
+                          std::uint32_t outputSize, std::uint32_t* answerLength) {
+    if (link == nullptr || buffer == nullptr || (inputSize == 0 && outputSize == 0))
+        return kLinkBadArgument;
+    switch (link->kind) {
+        case LinkKindDevice:
+            return linkDeviceCall(*link, buffer, inputSize, outputSize, answerLength);
+        case LinkKindBackdoor:
+            return backdoorCall(*link, buffer, inputSize, outputSize, answerLength);
+        default:
+            return kLinkUnknownKind;
+    }
+}
+
+}  // namespace qnt

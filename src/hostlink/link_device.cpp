@@ -1,0 +1,75 @@
+#include "hostlink/link_device.h"
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "hostlink/request_device.h"
+#include "log/owned_descriptor.h"
+
+namespace qnt {
+namespace {
+
+std::int32_t probe(int descriptor) {
+    DeviceRequestHeader request{QntKlReqLinkCall, 0, 0, 0, 0};
+    for (int tries = 0; tries < kMaxProbeRepeats; ++tries) {
+        if (submitRequestTo(descriptor, request) < 0)
+            return errno == EINTR ? kLinkRefused : kLinkNotAvailable;
+        if (request.status == kStatusDone)
+            return kLinkOk;
+        if (request.status != kStatusAgain)
+            return kLinkRefused;
+    }
+    return kLinkRefused;
+}
+
+}  // namespace
+
+std::int32_t linkDeviceOpen(std::uint64_t& handle) {
+    handle = 0;
+    Descriptor device(open(kRequestDevicePath, O_WRONLY | O_CLOEXEC));
+    if (!device.isOpen())
+        return kLinkNotAvailable;
+    const std::int32_t result = probe(device.get());
+    if (result == kLinkOk)
+        handle = static_cast<std::uint64_t>(device.release());
+    return result;
+}
+
+void linkDeviceClose(std::uint64_t& handle) {
+    if (handle != 0)
+        const Descriptor closed(static_cast<int>(handle));
+    handle = 0;
+}
+
+std::int32_t linkDeviceCall(KavelinkLink& link, void* buffer, std::uint32_t inputSize,
+                            std::uint32_t outputSize, std::uint32_t* answerLength) {
+    KavelinkCallHeader header;
+    header.inputSize = inputSize;
+    header.outputSize = outputSize;
+    DeviceRequest request{};
+    request.header.code = QntKlReqLinkCall;
+    request.header.bufferCount = 2;
+    request.buffers[0] = describeBuffer(&header, sizeof header, kBufferWritable);
+    request.buffers[1] = describeBuffer(buffer, std::max(inputSize, outputSize), kBufferWritable);
+    if (answerLength != nullptr)
+        *answerLength = 0;
+    link.state = kLinkNotOpen;
+    if (link.handle == 0)
+        return kLinkNotOpen;
+    if (submitRequestTo(static_cast<int>(link.handle), request.header) < 0)
+        return errno == EINTR ? kLinkWriteInterrupted : kLinkWriteFailed;
+    if (request.header.status != kStatusDone)
+        return kLinkRefused;
+    link.state = header.hostStatus;
+    if (header.hostStatus < 0)
+        return kLinkHostFailed;
+    if (header.answerSize > outputSize)
+        return kLinkAnswerTooLarge;
+    if (answerLength != nullptr)
+        *answerLength = header.outputSize;
+    return kLinkOk;
+}
+
+}  // namespace qnt

@@ -1,0 +1,77 @@
+#include "hostlink/request_device.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "log/log_record.h"
+
+namespace qnt {
+namespace {
+
+constexpr char kDeviceTag[] = "QntCCBase";
+
+// Written before other threads exist. Open while greater than 0.
+int requestDeviceFd = 0;
+
+}  // namespace
+
+bool openRequestDevice() {
+    requestDeviceFd = open(kRequestDevicePath, O_WRONLY);
+    if (requestDeviceFd <= 0) {
+        logRecord("", kDeviceTag, 0, "Error: Can't open %s", kRequestDevicePath);
+        return false;
+    }
+    fcntl(requestDeviceFd, F_SETFD, FD_CLOEXEC);
+    if (logGetLevel() >= 2)
+        logRecord("", kDeviceTag, 2, "Opened %s", kRequestDevicePath);
+    return true;
+}
+
+bool closeRequestDevice() {
+    if (requestDeviceFd <= 0)
+        return false;
+    const int result = close(requestDeviceFd);
+    requestDeviceFd = 0;
+    if (result != 0) {
+        logRecord("", kDeviceTag, 0, "Error: Can't close %s", kRequestDevicePath);
+        return false;
+    }
+    if (logGetLevel() >= 2)
+        logRecord("", kDeviceTag, 2, "Closed %s", kRequestDevicePath);
+    return true;
+}
+
+bool isRequestDeviceOpen() {
+    return requestDeviceFd > 0;
+}
+
+ssize_t submitRequest(DeviceRequest& request) {
+    if (!isRequestDeviceOpen())
+        return 0;
+    return submitRequestTo(requestDeviceFd, request.header);
+}
+
+ssize_t submitRequestTo(int descriptor, DeviceRequestHeader& request) {
+    const std::uint64_t address = reinterpret_cast<std::uintptr_t>(&request);
+    return write(descriptor, &address, sizeof address);
+}
+
+bool SendRequest(DeviceRequest& request, void* buffer, std::uint32_t inSize,
+                 std::uint32_t outSize) {
+    request = {};
+    request.header.code = QntKlReqPrinting;
+    request.header.bufferCount = 2;
+    request.buffers[0] = describeBuffer(buffer, inSize, 0);
+    request.buffers[1] = describeBuffer(buffer, outSize, kBufferWritable);
+    const ssize_t taken = submitRequest(request);
+    const std::uint32_t status = request.header.status;
+    if (taken >= 0 && status == kStatusDone)
+        return true;
+    if (status != kStatusCanceled)
+        logRecord("", kServiceTag, 0, "SendRequest() failed %x", status);
+    else if (logGetLevel() >= 2)
+        logRecord("", kServiceTag, 2, "SendRequest() was canceled");
+    return false;
+}
+
+}  // namespace qnt

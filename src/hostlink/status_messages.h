@@ -1,0 +1,70 @@
+// The status messages that tell the host over the link that the service has started or stops.
+//
+//   offset  size  field
+//        0    16  prefix: the words 14, 0, 1, 0
+//       16    12  stream header (protocol/item_stream.h)
+//       28        items: StatusItemProtocol; those of AppName, Version, State and Extra that the
+//                 caller supplies, in this order; StatusItemAppId
+//
+// Texts are carried without their ending zero. All integers are little-endian, 32-bit.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "hostlink/kavelink.h"
+
+namespace qnt {
+
+enum StatusItemType : std::uint32_t {
+    StatusItemProtocol = 0x2001,  // the words 1 and 3
+    StatusItemAppName = 0x20CA,
+    StatusItemVersion = 0x20CB,  // a ToolVersionRecord
+    StatusItemState = 0x20CC,
+    StatusItemExtra = 0x20CD,
+    StatusItemAppId = 0x2191,
+};
+
+inline constexpr std::uint32_t kStatusPrefixSize = 16;
+
+// Little-endian; the service runs on x86-64 alone.
+struct ToolVersionRecord {
+    std::uint32_t majorVersion;
+    std::uint32_t zero;
+    std::uint32_t buildNumber;
+    std::uint32_t mark;  // 0x80000000
+    std::uint32_t callerValues[2];
+    std::uint32_t packedVersion;  // major version << 26 | build number
+    std::uint32_t nine;
+    std::uint32_t zeros[2];
+};
+static_assert(sizeof(ToolVersionRecord) == 40);
+static_assert(offsetof(ToolVersionRecord, callerValues) == 16);
+static_assert(offsetof(ToolVersionRecord, packedVersion) == 24);
+
+enum StatusResult : std::int32_t {
+    kStatusSent = 0,
+    kStatusBadArgument = -1,
+    kStatusNoMemory = -2,
+    kStatusNoItem = -3,      // an item could not be appended
+    kStatusCallFailed = -4,  // the link call failed
+};
+
+// What a status message tells; null leaves an item out. The caller owns it all.
+struct ToolStatus {
+    const char* applicationId = nullptr;  // required
+    const char* applicationName = nullptr;
+    const ToolVersionRecord* version = nullptr;
+    const char* state = nullptr;
+    const void* extra = nullptr;
+    std::uint32_t extraSize = 0;  // bytes
+};
+
+// Fills the record with the product's version, a build constant, and two values of the caller's.
+void fillVersionRecord(ToolVersionRecord& record, std::uint32_t first, std::uint32_t second);
+
+// Builds a status message and sends it over an open link, expecting no answer. Logs nothing.
+std::int32_t sendToolStatus(KavelinkLink* link, const ToolStatus& status);
+
+}  // namespace qnt
