@@ -1,0 +1,58 @@
+#include "app/options.h"
+
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+
+#include "log/log_record.h"
+
+namespace qnt {
+namespace {
+
+constexpr std::int32_t kDefaultLogLevel = 2;
+constexpr std::int32_t kLowestLogLevel = 0;
+constexpr std::int32_t kHighestLogLevel = 3;
+
+void setLevelFrom(const char* text) {
+    const auto level = static_cast<std::int32_t>(std::strtol(text, nullptr, 10));
+    if (level >= kLowestLogLevel && level <= kHighestLogLevel)
+        logSetLevel(level);
+}
+
+void printUsage(const char* program) {
+    std::printf(
+        "Quintaris Shared Printers Tool usage:\n"
+        " %s [options]\n"
+        "Options:\n"
+        " -h   : This help\n"
+        " -l   : Logging level [0, 3], default %d\n"
+        " -v   : Verbose logging, set log level to 3\n",
+        program, logGetLevel());
+}
+
+}  // namespace
+
+OptionsResult readOptions(int argc, char** argv) {
+    logSetLevel(kDefaultLogLevel);
+    for (int option = getopt(argc, argv, "l:hv"); option != -1;
+         option = getopt(argc, argv, "l:hv")) {
+        switch (option) {
+            case 'l':
+                setLevelFrom(optarg);
+                break;
+            case 'v':
+                logSetLevel(kHighestLogLevel);
+                break;
+            case 'h':
+                printUsage(argv[0]);
+                return OptionsResult::kUsagePrinted;
+            default:
+                break;
+        }
+    }
+    return OptionsResult::kStart;
+}
+
+}  // namespace qnt

@@ -1,0 +1,131 @@
+#include "app/service.h"
+
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <new>
+
+#include "app/cups_check.h"
+#include "app/options.h"
+#include "hostlink/kavelink.h"
+#include "hostlink/request_device.h"
+#include "hostlink/status_messages.h"
+#include "log/log_record.h"
+#include "log/signal_scope.h"
+#include "printing/printing_tool.h"
+
+namespace qnt {
+namespace {
+
+constexpr char kApplicationId[] = "quintaris.PrintingTool.guest.lin";
+constexpr char kApplicationName[] = "Quintaris Shared Printers Tool";
+
+// Set once, before the tool runs; the tool lives to the process's end.
+std::atomic<CPrintingTool*> g_printingTool{nullptr};
+static_assert(std::atomic<CPrintingTool*>::is_always_lock_free, "the stop handler reads it");
+
+// The main thread's.
+KavelinkLink g_link;
+bool g_linkOpen = false;
+
+// The tools' wording is parsed and outside text is passed to them as bytes, so whatever locale the
+// service was started in is not theirs.
+void giveToolsTheByteLocale() {
+    setenv("LC_ALL", "C", 1);
+}
+
+void installStopHandler() {
+    std::signal(SIGTERM, stopSignalHandler);
+    std::signal(SIGINT, stopSignalHandler);
+}
+
+bool openLink() {
+    const std::int32_t result = kavelinkOpen(&g_link, kLinkDeviceThenBackdoor);
+    if (result != kLinkOk) {
+        logRecord("", kServiceTag, 0, "Could not open link to Open Kavelink: %d", result);
+        return false;
+    }
+    if (logGetLevel() >= 2)
+        logRecord("", kServiceTag, 2, "Open Kavelink link was opened.");
+    g_linkOpen = true;
+    return true;
+}
+
+void sendInitialized() {
+    ToolVersionRecord version;
+    fillVersionRecord(version, 0, 0);
+    sendToolStatus(&g_link, {.applicationId = kApplicationId,
+                             .applicationName = kApplicationName,
+                             .version = &version,
+                             .state = "initialized"});
+}
+
+bool openDevice() {
+    openRequestDevice();
+    if (isRequestDeviceOpen())
+        return true;
+    logRecord("", kServiceTag, 0, "Failed to open Kavelink");
+    return false;
+}
+
+int runTool() {
+    auto* tool = new CPrintingTool;
+    g_printingTool = tool;
+    const int returnCode = tool->run();
+    tool->stop();
+    return returnCode;
+}
+
+int work() {
+    if (!isCupsAvailable()) {
+        logRecord("", kServiceTag, 0, "CUPS not available. Will exit.");
+        return 0;
+    }
+    installStopHandler();
+    if (!openLink())
+        return 1;
+    sendInitialized();
+    return openDevice() ? runTool() : 1;
+}
+
+int workWithinMemory() {
+    try {
+        return work();
+    } catch (const std::bad_alloc&) {
+        logRecord("", kServiceTag, 0, "Not enough memory for run");
+        return 1;
+    }
+}
+
+void closeLink() {
+    if (!g_linkOpen)
+        return;
+    sendToolStatus(&g_link, {.applicationId = kApplicationId, .state = "stopped"});
+    g_linkOpen = false;
+    kavelinkClose(&g_link);
+    if (logGetLevel() >= 2)
+        logRecord("", kServiceTag, 2, "Open Kavelink link was closed.");
+}
+
+}  // namespace
+
+void stopSignalHandler(int) {
+    const SignalLogScope signalLogScope;
+    if (logGetLevel() >= 2)
+        logRecord("", kServiceTag, 2, "Closing . . .");
+    if (CPrintingTool* tool = g_printingTool; tool != nullptr)
+        tool->m_running = false;
+}
+
+int runService(int argc, char** argv) {
+    if (readOptions(argc, argv) == OptionsResult::kUsagePrinted)
+        return 0;
+    giveToolsTheByteLocale();
+    logRecord("", kServiceTag, 0, "starting . . .");
+    const int returnCode = workWithinMemory();
+    closeLink();
+    logRecord("", kServiceTag, 0, "closed, rc = %d", returnCode);
+    return returnCode;
+}
+
+}  // namespace qnt
