@@ -1,0 +1,58 @@
+// The guest's side of a simulation: a private CUPS and the unmodified service.
+
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace sim {
+
+// A process of ours, ended at the latest with its owner.
+class Process {
+public:
+    // Starts a program found on PATH, with variables set on top of the environment. Standard output
+    // and error go to `outputFile`, or where ours go when it is empty.
+    Process(const std::vector<std::string>& command,
+            const std::map<std::string, std::string>& variables = {},
+            const std::string& outputFile = {});
+    ~Process();  // SIGKILL, unless it has ended
+    Process(const Process&) = delete;
+    Process& operator=(const Process&) = delete;
+
+    pid_t pid() const { return m_pid; }
+    void signal(int number) const;
+    // The exit code, or 128 plus the signal that ended it; none when it still runs after the time.
+    std::optional<int> wait(std::chrono::milliseconds time);
+
+private:
+    pid_t m_pid = -1;
+    std::optional<int> m_result;
+};
+
+// A real cupsd in a folder of its own, reached by CUPS_SERVER, which is set in this process's
+// environment. Answers when the constructor returns. Throws std::runtime_error otherwise.
+class PrivateCups {
+public:
+    explicit PrivateCups(const std::string& folder);
+    ~PrivateCups();
+
+    pid_t pid() const;
+    void stop();   // SIGTERM and wait
+    void start();  // once more, with the queues it had
+    void kill();   // SIGKILL and wait
+
+private:
+    std::string m_folder;
+    std::optional<Process> m_daemon;
+};
+
+// What a command prints on standard output; its exit code in `status`, if asked for.
+std::string commandOutput(const std::string& command, int* status = nullptr);
+
+}  // namespace sim
