@@ -1,13 +1,17 @@
 #include "log/log_record.h"
 
+#include <pthread.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <iterator>
+#include <string_view>
 
 #include "log/log_file.h"
 #include "log/log_time.h"
@@ -26,22 +30,49 @@ const char* levelMark(std::int32_t level) {
     return kLevelMarks[std::clamp<std::int32_t>(level, 0, std::size(kLevelMarks) - 1)];
 }
 
+// What the calling thread is to the kernel, asked once: two system calls would cost as much as the
+// record's other parts together. A forked child asks anew.
+struct ThreadIds {
+    pid_t process = 0;
+    pid_t thread = 0;
+};
+
+thread_local ThreadIds t_ids;
+
+void forgetIds() {
+    t_ids = {};
+}
+
+const ThreadIds& ownIds() {
+    static const int registered = pthread_atfork(nullptr, nullptr, forgetIds);
+    static_cast<void>(registered);
+    if (t_ids.process == 0)
+        t_ids = {getpid(), static_cast<pid_t>(syscall(SYS_gettid))};
+    return t_ids;
+}
+
 // A record under composition. What does not fit is cut off; the text stays zero-terminated.
 class RecordBuffer {
 public:
     void appendTime() { m_length = logFormatTime(m_text); }
 
+    void append(std::string_view text) {
+        const std::size_t fitting = std::min(text.size(), sizeof m_text - 1 - m_length);
+        std::memcpy(m_text + m_length, text.data(), fitting);
+        m_length += fitting;
+    }
+
+    void appendNumber(pid_t value, int base) {
+        char digits[16];
+        const auto written = std::to_chars(digits, digits + sizeof digits, value, base);
+        append({digits, written.ptr});
+    }
+
     void appendFormatted(const char* format, va_list arguments) {
         const int wanted =
             std::vsnprintf(m_text + m_length, sizeof m_text - m_length, format, arguments);
-        advance(wanted);
-    }
-
-    void append(const char* format, ...) __attribute__((format(printf, 2, 3))) {
-        va_list arguments;
-        va_start(arguments, format);
-        appendFormatted(format, arguments);
-        va_end(arguments);
+        if (wanted > 0)
+            m_length = std::min(m_length + static_cast<std::size_t>(wanted), sizeof m_text - 1);
     }
 
     void deliver(LogSink sink) {
@@ -51,14 +82,29 @@ public:
     }
 
 private:
-    void advance(int wanted) {
-        if (wanted > 0)
-            m_length = std::min(m_length + static_cast<std::size_t>(wanted), sizeof m_text - 1);
-    }
-
     char m_text[kRecordBufferSize];
     std::size_t m_length = 0;
 };
+
+void appendWriter(RecordBuffer& record, const char* tag) {
+    const ThreadIds& ids = ownIds();
+    record.append("/");
+    record.append(tag);
+    record.append(":");
+    record.appendNumber(ids.process, 10);
+    record.append(":");
+    record.appendNumber(ids.thread, 16);
+    record.append("/ ");
+}
+
+void appendPrefix(RecordBuffer& record, const char* prefix) {
+    if (prefix[0] == '\0')
+        return;
+    const bool bracketed = prefix[0] == '[';
+    record.append(bracketed ? "" : "[");
+    record.append(prefix);
+    record.append(bracketed ? " " : "] ");
+}
 
 }  // namespace
 
@@ -79,9 +125,15 @@ std::size_t logFormatTime(char* buffer) {
     gettimeofday(&now, nullptr);
     char second[kLocalSecondSize];
     formatLocalSecond(now.tv_sec, second);
-    const int length = std::snprintf(buffer, kTimeBufferSize, "%s.%03d ", second,
-                                     static_cast<int>(now.tv_usec / 1000));
-    return static_cast<std::size_t>(length);
+    const auto milliseconds = static_cast<int>(now.tv_usec / 1000);
+    char* end = stpcpy(buffer, second);
+    *end++ = '.';
+    *end++ = static_cast<char>('0' + milliseconds / 100);
+    *end++ = static_cast<char>('0' + milliseconds / 10 % 10);
+    *end++ = static_cast<char>('0' + milliseconds % 10);
+    *end++ = ' ';
+    *end = '\0';
+    return static_cast<std::size_t>(end - buffer);
 }
 
 void logRecord(const char* prefix, const char* tag, std::int32_t level, const char* format, ...) {
@@ -89,11 +141,9 @@ void logRecord(const char* prefix, const char* tag, std::int32_t level, const ch
     const CancellationOff cancellationOff;
     RecordBuffer record;
     record.appendTime();
-    record.append("%s", levelMark(level));
-    record.append("/%s:%lld:%x/ ", tag, static_cast<long long>(getpid()),
-                  static_cast<unsigned>(syscall(SYS_gettid)));
-    if (prefix[0] != '\0')
-        record.append(prefix[0] == '[' ? "%s " : "[%s] ", prefix);
+    record.append(levelMark(level));
+    appendWriter(record, tag);
+    appendPrefix(record, prefix);
     va_list arguments;
     va_start(arguments, format);
     record.appendFormatted(format, arguments);
