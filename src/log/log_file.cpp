@@ -117,8 +117,8 @@ bool openAndInstall(const char* path) {
     return true;
 }
 
-int openOrFallBack() {
-    if (openAndInstall(chosenPath()))
+int openOrFallBack(const char* path) {
+    if (openAndInstall(path))
         return g_descriptor.load();
     if (g_fallbackTaken)
         return -1;
@@ -130,14 +130,14 @@ int openOrFallBack() {
 int firstDescriptor() {
     const Placing placing(Placing::IfTaken::kWait);
     const int descriptor = g_descriptor.load();
-    return descriptor != -1 ? descriptor : openOrFallBack();
+    return descriptor != -1 ? descriptor : openOrFallBack(chosenPath());
 }
 
 int checkedDescriptor(int descriptor) {
     const Placing placing(Placing::IfTaken::kGiveUp);
-    if (!placing.held() || isOpenOn(descriptor, chosenPath()))
+    if (!placing.held() || isOpenOn(descriptor, g_path))
         return descriptor;
-    return openOrFallBack();
+    return openOrFallBack(g_path);
 }
 
 }  // namespace
