@@ -27,7 +27,7 @@ struct Progress {
     TransferArea nextArea() const {
         const std::uint32_t chunk = nextChunk();
         if (chunk == 0)
-            return {buffer + received, 0, cut(room(received))};
+            return {buffer + answerLength(), 0, cut(room(received))};
         return {buffer + sent, chunk, cut(inputSize >= outputSize ? chunk : room(sent))};
     }
 
@@ -38,6 +38,9 @@ struct Progress {
         sent += area.chunk;
         received += got;
     }
+
+    // A host may claim more than it was given room for.
+    std::uint32_t answerLength() const { return std::min(received, outputSize); }
 
 private:
     std::uint32_t room(std::uint32_t used) const {
@@ -87,7 +90,7 @@ std::int32_t backdoorCall(KavelinkLink& link, void* buffer, std::uint32_t inputS
         }
     } while (exchange.hostStatus != kHostStatusComplete);
     if (answerLength != nullptr)
-        *answerLength = progress.received;
+        *answerLength = progress.answerLength();
     link.state = kLinkOpen;
     return kLinkOk;
 }

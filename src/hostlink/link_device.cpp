@@ -68,7 +68,7 @@ std::int32_t linkDeviceCall(KavelinkLink& link, void* buffer, std::uint32_t inpu
     if (header.answerSize > outputSize)
         return kLinkAnswerTooLarge;
     if (answerLength != nullptr)
-        *answerLength = header.outputSize;
+        *answerLength = std::min(header.outputSize, outputSize);
     return kLinkOk;
 }
 
