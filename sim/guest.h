@@ -13,15 +13,17 @@
 
 namespace sim {
 
-// A process of ours, ended at the latest with its owner.
+// A process of ours, in a process group of its own, ended at the latest with its owner and with
+// the thread that made it.
 class Process {
 public:
     // Starts a program found on PATH, with variables set on top of the environment. Standard output
-    // and error go to `outputFile`, or where ours go when it is empty.
+    // and error go to the end of `outputFile`, or where ours go when it is empty. One that can't be
+    // started ends with exit code 127.
     Process(const std::vector<std::string>& command,
             const std::map<std::string, std::string>& variables = {},
             const std::string& outputFile = {});
-    ~Process();  // SIGKILL, unless it has ended
+    ~Process();  // SIGKILL to the group, unless it has ended
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
 
@@ -36,7 +38,8 @@ private:
 };
 
 // A real cupsd in a folder of its own, reached by CUPS_SERVER, which is set in this process's
-// environment. Answers when the constructor returns. Throws std::runtime_error otherwise.
+// environment. Answers when the constructor returns. Throws std::runtime_error otherwise; the
+// folder's path is to stay below 90 bytes, as a socket lies in it.
 class PrivateCups {
 public:
     explicit PrivateCups(const std::string& folder);
@@ -46,6 +49,8 @@ public:
     void stop();   // SIGTERM and wait
     void start();  // once more, with the queues it had
     void kill();   // SIGKILL and wait
+
+    std::string socketPath() const;  // the value of CUPS_SERVER
 
 private:
     std::string m_folder;

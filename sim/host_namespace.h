@@ -16,8 +16,12 @@ inline constexpr char kUsbDevicesFolder[] = "/sys/bus/usb/devices";
 // is missing.
 void enterHostNamespace(const std::string& logFolder);
 
+// The same but for the namespace, for a process that was started in a private one.
+void furnishHostNamespace(const std::string& logFolder);
+
 // A virtual USB printer appears in the device tree, with an interface folder beside it, or
-// disappears. Serial and product are written as given, followed by a newline.
+// disappears. Serial and product are written as given, followed by a newline. Several devices may
+// have one serial; they disappear together. Throw std::system_error when the tree can't be changed.
 void plugUsbPrinter(const std::string& serial, const std::string& product);
 void unplugUsbPrinter(const std::string& serial);
 

@@ -42,7 +42,8 @@ HostCommand deleteOffline();
 HostCommand printerList(const std::vector<HostPrinter>& printers);
 HostCommand waitOffline();
 
-// What happens to a request instead of its answer.
+// What happens to a request instead of its answer. For a link call, kAskFor announces an answer of
+// that size, kMalformed reports a failure in the call header, and kRaw replaces that header.
 struct Fault {
     enum class Kind { kCancel, kStatus, kAskFor, kMalformed, kRaw, kSilence, kWriteError };
     Kind kind = Kind::kCancel;
@@ -59,11 +60,19 @@ struct Exchange {
     std::uint32_t inSize = 0;
     std::uint32_t outSize = 0;
     Bytes request;                        // the inSize bytes
-    std::optional<std::uint32_t> status;  // none while it is held
+    std::optional<std::uint32_t> status;  // none while it is held, and for a write that failed
     Bytes answer;                         // what was written into the answer buffer
+    int error = 0;                        // the errno of a write that failed
+    std::optional<std::chrono::system_clock::time_point> answered;
 };
 
 enum class LinkMode { kAccept, kRefuse, kAskAgain };  // kAskAgain: the probe's next time only
+
+// The type of link calls, and one that stands for whatever the run loop sends next.
+inline constexpr std::uint32_t kLinkCall = 0;
+inline constexpr std::uint32_t kRunLoopRequest = 0xFFFFFFFF;
+
+inline constexpr std::uint32_t kStatusRefused = 0xF0000001;
 
 class PlayedHost {
 public:
@@ -77,8 +86,8 @@ public:
     // The host's world. plug() adds to the host's list and plugs the USB device in; these send no
     // command.
     void plug(const std::string& id, const std::string& name);
-    void unplug(const std::string& id);    // the USB device alone
-    void forget(const std::string& id);    // out of the host's list
+    void unplug(const std::string& id);  // the USB device alone
+    void forget(const std::string& id);  // out of the host's list
     void rename(const std::string& id, const std::string& name);
     void setDefault(const std::string& id);
     std::vector<HostPrinter> printers() const;
@@ -88,18 +97,24 @@ public:
     void send(HostCommand command);
     void sendPrinterList() { send(printerList(printers())); }
     // The next requests of this type meet these faults, in order; answers follow again after them.
+    // A request that is waiting for its answer counts as the next one.
     void fault(std::uint32_t requestType, Fault fault);
     // Requests of this type are held until release(); their number that may wait is not limited.
     void hold(std::uint32_t requestType);
     void release(std::uint32_t requestType);
+    // From now on; `times` tells how often kAskAgain is said before the link accepts again.
     void setLinkMode(LinkMode mode, int times = 1);
 
     // What was recorded, in the order of arrival.
     std::vector<Exchange> exchanges() const;
     std::vector<Exchange> exchanges(std::uint32_t requestType) const;
-    std::vector<Bytes> statusMessages() const;        // complete status messages of the link
+    std::vector<Bytes> statusMessages() const;         // complete status messages of the link
     std::vector<std::string> deletedPrinters() const;  // ids reported, in order
-    std::vector<std::uint32_t> results() const;       // CmdResult values received, in order
+    std::vector<std::uint32_t> results() const;        // CmdResult values received, in order
+    // How many requests of this type are waiting for their answer now.
+    std::size_t waiting(std::uint32_t requestType) const;
+    // Whether no command is waiting and the run loop is asking for the next one.
+    bool isIdle() const;
     // Waits until the condition holds, looking after every exchange; false after the time.
     bool waitUntil(const std::function<bool()>& condition,
                    std::chrono::milliseconds time = std::chrono::seconds(20)) const;
@@ -115,5 +130,11 @@ Bytes encodeAnswer(const HostCommand& command, std::uint32_t sequence);
 Bytes encodeDefaultPrinter(const std::string& id, std::uint32_t sequence);
 // A request in words, e.g. "PrintingCmdAnswer seq=17 result=1".
 std::string describeRequest(std::uint32_t code, const Bytes& request);
+// The answer to a request of the printing protocol in words, e.g. "CmdAddPrinter id=TAG1".
+std::string describeAnswer(const Bytes& answer);
+// An exchange as one line: time of day, request, sizes, outcome, and how long it was held.
+std::string describeExchange(const Exchange& exchange);
+// The state word of a status message; empty when it has none.
+std::string statusState(const Bytes& message);
 
 }  // namespace sim

@@ -1,0 +1,183 @@
+#include "sim/guest.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <stdexcept>
+#include <thread>
+
+#include "log/owned_descriptor.h"
+
+namespace sim {
+namespace {
+
+constexpr int kNotStarted = 127;
+constexpr std::chrono::seconds kCupsStartTime(20);
+constexpr std::chrono::seconds kCupsStopTime(10);
+constexpr std::chrono::milliseconds kCupsLookPause(20);
+
+// Pointers to texts that live elsewhere, as the system takes them.
+std::vector<char*> pointersTo(const std::vector<std::string>& texts) {
+    std::vector<char*> pointers;
+    for (const std::string& text : texts)
+        pointers.push_back(const_cast<char*>(text.c_str()));
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+std::vector<std::string> environmentWith(const std::map<std::string, std::string>& variables) {
+    std::vector<std::string> lines;
+    for (char** line = environ; *line != nullptr; ++line) {
+        const std::string text = *line;
+        if (!variables.contains(text.substr(0, text.find('='))))
+            lines.push_back(text);
+    }
+    for (const auto& [name, value] : variables)
+        lines.push_back(name + "=" + value);
+    return lines;
+}
+
+int openOutput(const std::string& path) {
+    return path.empty() ? -1 : open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+}
+
+// In the child: a process group of its own, no signal blocked, output where it belongs.
+[[noreturn]] void runChild(char* const* command, char* const* environment, int output) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    setpgid(0, 0);
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    if (output != -1) {
+        dup2(output, STDOUT_FILENO);
+        dup2(output, STDERR_FILENO);
+    }
+    execvpe(command[0], command, environment);
+    _exit(kNotStarted);
+}
+
+int exitCodeOf(int status) {
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+sockaddr_un socketAddress(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path)
+        throw std::runtime_error("The path of a socket is too long: " + path);
+    std::memcpy(address.sun_path, path.c_str(), path.size());
+    return address;
+}
+
+bool answersAt(const std::string& path) {
+    const sockaddr_un address = socketAddress(path);
+    const qnt::Descriptor client(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    return connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+}
+
+}  // namespace
+
+Process::Process(const std::vector<std::string>& command,
+                 const std::map<std::string, std::string>& variables,
+                 const std::string& outputFile) {
+    const std::vector<std::string> environment = environmentWith(variables);
+    const std::vector<char*> words = pointersTo(command);
+    const std::vector<char*> lines = pointersTo(environment);
+    const qnt::Descriptor output(openOutput(outputFile));
+    m_pid = fork();
+    if (m_pid == -1)
+        throw std::runtime_error("Could not start " + command.front());
+    if (m_pid == 0)
+        runChild(words.data(), lines.data(), output.get());
+    setpgid(m_pid, m_pid);
+}
+
+Process::~Process() {
+    if (m_result)
+        return;
+    kill(-m_pid, SIGKILL);
+    waitpid(m_pid, nullptr, 0);
+}
+
+void Process::signal(int number) const {
+    if (!m_result)
+        kill(m_pid, number);
+}
+
+std::optional<int> Process::wait(std::chrono::milliseconds time) {
+    if (m_result)
+        return m_result;
+    const qnt::Descriptor process(static_cast<int>(syscall(SYS_pidfd_open, m_pid, 0)));
+    pollfd ended{process.get(), POLLIN, 0};
+    poll(&ended, 1, static_cast<int>(time.count()));
+    int status = 0;
+    if (waitpid(m_pid, &status, WNOHANG) == m_pid)
+        m_result = exitCodeOf(status);
+    return m_result;
+}
+
+PrivateCups::PrivateCups(const std::string& folder)
+    : m_folder(std::filesystem::absolute(folder).string()) {
+    std::filesystem::create_directories(m_folder);
+    setenv("CUPS_SERVER", socketPath().c_str(), 1);
+    start();
+}
+
+PrivateCups::~PrivateCups() = default;
+
+pid_t PrivateCups::pid() const {
+    return m_daemon ? m_daemon->pid() : -1;
+}
+
+std::string PrivateCups::socketPath() const {
+    return m_folder + "/cups.sock";
+}
+
+void PrivateCups::start() {
+    m_daemon.emplace(std::vector<std::string>{QNT_PRIVATE_CUPS, m_folder},
+                     std::map<std::string, std::string>{}, m_folder + "/cupsd.out");
+    const auto deadline = std::chrono::steady_clock::now() + kCupsStartTime;
+    while (!answersAt(socketPath())) {
+        if (m_daemon->wait(kCupsLookPause) || std::chrono::steady_clock::now() > deadline)
+            throw std::runtime_error("cupsd does not start; see " + m_folder + "/cupsd.out");
+    }
+}
+
+void PrivateCups::stop() {
+    m_daemon->signal(SIGTERM);
+    if (!m_daemon->wait(kCupsStopTime))
+        throw std::runtime_error("cupsd does not stop");
+}
+
+void PrivateCups::kill() {
+    m_daemon.reset();
+}
+
+std::string commandOutput(const std::string& command, int* status) {
+    std::string output;
+    std::FILE* const pipe = popen(command.c_str(), "re");
+    if (pipe == nullptr)
+        throw std::runtime_error("Could not run " + command);
+    std::array<char, 4096> piece;
+    for (std::size_t got = 0; (got = std::fread(piece.data(), 1, piece.size(), pipe)) > 0;)
+        output.append(piece.data(), got);
+    const int result = pclose(pipe);
+    if (status != nullptr)
+        *status = exitCodeOf(result);
+    return output;
+}
+
+}  // namespace sim
