@@ -80,9 +80,7 @@ std::string readPpdModel() {
 
 void addPrinter(std::string& name, const std::string& id) {
     logRecord("", kServiceTag, 0, "addPrinter: id=%s name=%s", id.c_str(), name.c_str());
-    if (!isCarriableId(id)) {
-        logRecord("", kServiceTag, 0, "Refused printer id '%s': no queue can be bound to it",
-                  id.c_str());
+    if (refusesId(id)) {
         name.clear();
         return;
     }
@@ -95,8 +93,10 @@ void addPrinter(std::string& name, const std::string& id) {
         name.clear();
         return;
     }
-    if (!queueWord(name))
+    if (!queueWord(name)) {
+        name.clear();
         return;
+    }
     deleteQueuesOf(id);
     if (ppdModel.empty())
         selectPpdModel();

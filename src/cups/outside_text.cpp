@@ -7,7 +7,7 @@
 namespace qnt {
 namespace {
 
-constexpr std::string_view kWhiteSpaceAndZero("\0\t\n\v\f\r ", 7);
+constexpr std::string_view kNeverInIds("\0\t\n\v\f\r =", 8);
 constexpr std::string_view kSedSpecials = R"(\[.*^$/)";
 
 bool holds(std::string_view text, char byte) {
@@ -42,8 +42,15 @@ std::optional<std::string> sedPattern(std::string_view text) {
 }
 
 bool isCarriableId(std::string_view id) {
-    return id.find_first_of(kWhiteSpaceAndZero) == std::string_view::npos &&
-           id.find("=TAG") == std::string_view::npos;
+    return id.size() <= kLongestId && id.find_first_of(kNeverInIds) == std::string_view::npos;
+}
+
+bool refusesId(const std::string& id) {
+    if (isCarriableId(id))
+        return false;
+    logRecord("", kServiceTag, 0, "Refused printer id '%s': no queue can be bound to it",
+              id.c_str());
+    return true;
 }
 
 std::optional<std::string> queueWord(const std::string& queueName) {

@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -17,10 +18,17 @@ std::optional<std::string> shellWord(std::string_view text);
 // nothing else. None when the text holds a zero byte or a line end.
 std::optional<std::string> sedPattern(std::string_view text);
 
-// Whether a printer id can be told from all others once it stands in a queue's device URI: the
-// listing cuts it out of a line, at white space and behind the last "=TAG". Any other id would be
-// taken for another printer's.
+// CUPS cuts a device URI at 1023 bytes, and the listing reads lines of as many: a queue name of 127
+// bytes, a blank, the id and a newline.
+inline constexpr std::size_t kLongestId = 894;
+
+// Whether a printer id can be told from all others once it stands in a queue's device URI. The
+// listing cuts it out of a line at white space and behind the last "="; an id that holds these, or
+// is too long, would be taken for another printer's.
 bool isCarriableId(std::string_view id);
+
+// Not isCarriableId, with a record.
+bool refusesId(const std::string& id);
 
 // The shell word of a queue name; none, with a record, when it can't be one.
 std::optional<std::string> queueWord(const std::string& queueName);

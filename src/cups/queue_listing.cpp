@@ -33,7 +33,9 @@ std::string_view takeWord(std::string_view& line) {
 void appendBinding(QueueBindingList& queues, std::string_view line) {
     const std::string_view queueName = takeWord(line);
     const std::string_view id = takeWord(line);
-    if (!id.empty())
+    // lpstat lists a queue's instances as well, as QUEUE/INSTANCE.
+    const bool isQueue = queueName.find('/') == std::string_view::npos;
+    if (!id.empty() && isQueue)
         queues.push_back({std::string(id), std::string(queueName)});
 }
 

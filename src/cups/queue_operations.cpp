@@ -1,5 +1,7 @@
 #include "cups/queue_operations.h"
 
+#include <optional>
+
 #include "cups/outside_text.h"
 #include "cups/queue_listing.h"
 #include "cups/shell.h"
@@ -11,14 +13,27 @@ namespace {
 
 std::string defaultPrinterName;
 
-bool isQueueEnabled(const std::string& queueName) {
-    // lpstat would take an argument that begins with "-" for an option of its own.
-    if (queueName.front() == '-') {
-        logRecord("", kServiceTag, 0, "Refused to ask lpstat about queue '%s'", queueName.c_str());
-        return false;
+// lpstat takes an argument with commas for a list, "all" for every queue and a leading "-" for an
+// option. About such a queue it can be asked only by picking the queue's line from all.
+bool isOneQueueToLpstat(const std::string& queueName) {
+    return queueName.front() != '-' && queueName.find(',') == std::string::npos &&
+           queueName != "all";
+}
+
+std::optional<std::string> queueStateCommand(const std::string& queueName) {
+    if (isOneQueueToLpstat(queueName)) {
+        const auto word = queueWord(queueName);
+        return word ? std::optional("LANG=C lpstat -p " + *word) : std::nullopt;
     }
-    const auto word = queueWord(queueName);
-    return word && runCommand("LANG=C lpstat -p " + *word + " | fgrep -q 'enabled since'") == 0;
+    const auto pattern = sedPattern(queueName);
+    const auto program = shellWord("/^printer " + pattern.value_or("") + " /p");
+    return pattern && program ? std::optional("LANG=C lpstat -p | sed -n " + *program)
+                              : std::nullopt;
+}
+
+bool isQueueEnabled(const std::string& queueName) {
+    const auto command = queueStateCommand(queueName);
+    return command && runCommand(*command + " | fgrep -q 'enabled since'") == 0;
 }
 
 bool isOnline(const std::string& id) {
@@ -76,7 +91,7 @@ void deletePrinter(const std::string& queueName, const std::string& id) {
 
 void deletePrinterById(const std::string& id) {
     QueueBindingList queues;
-    if (!getHostPrinterQueues(queues, kListHostQueues))
+    if (refusesId(id) || !getHostPrinterQueues(queues, kListHostQueues))
         return;
     for (const QueueBinding& queue : queues) {
         if (queue.id == id)

@@ -144,11 +144,8 @@ void applyDefaultPrinter(CPrintingTool& tool, const std::string& receivedId) {
     const ToolLock lock(tool.m_mutex, unlessCancelled);
     tool.m_defaultPrinterId = receivedId;
     tool.m_defaultPrinterPending = true;
-    if (!isCarriableId(receivedId)) {
-        logRecord("", kServiceTag, 0, "Refused printer id '%s': no queue can be bound to it",
-                  receivedId.c_str());
+    if (refusesId(receivedId))
         return;
-    }
     QueueBindingList queues;
     listPrinterQueues(queues, receivedId);
     if (queues.empty())
