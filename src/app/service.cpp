@@ -28,10 +28,12 @@ static_assert(std::atomic<CPrintingTool*>::is_always_lock_free, "the stop handle
 KavelinkLink g_link;
 bool g_linkOpen = false;
 
-// The tools' wording is parsed and outside text is passed to them as bytes, so whatever locale the
-// service was started in is not theirs.
-void giveToolsTheByteLocale() {
+// Whatever the service was started with: the tools' wording is parsed and outside text is passed to
+// them as bytes, so they get the C locale; and with SIGCHLD ignored the kernel would keep their
+// exit status to itself.
+void prepareForTools() {
     setenv("LC_ALL", "C", 1);
+    std::signal(SIGCHLD, SIG_DFL);
 }
 
 void installStopHandler() {
@@ -120,7 +122,7 @@ void stopSignalHandler(int) {
 int runService(int argc, char** argv) {
     if (readOptions(argc, argv) == OptionsResult::kUsagePrinted)
         return 0;
-    giveToolsTheByteLocale();
+    prepareForTools();
     logRecord("", kServiceTag, 0, "starting . . .");
     const int returnCode = workWithinMemory();
     closeLink();

@@ -35,7 +35,7 @@ private:
     posix_spawn_file_actions_t m_actions;
 };
 
-// A process group of its own, no signal blocked, and those at their default that the service, or
+// A session of its own, no signal blocked, and those at their default that the service, or
 // who started it, may have set to be ignored.
 class SpawnAttributes {
 public:
@@ -47,7 +47,7 @@ public:
         sigset_t signals;
         sigemptyset(&signals);
         posix_spawnattr_setsigmask(&m_attributes, &signals);
-        for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGPIPE})
+        for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGPIPE, SIGCHLD})
             sigaddset(&signals, signal);
         posix_spawnattr_setsigdefault(&m_attributes, &signals);
     }

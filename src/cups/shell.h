@@ -1,8 +1,9 @@
 // Running one command line through the shell, as system(3) and popen(3) do it, for a service with
 // threads that must stop at once:
 //
-// - A cancelled thread leaves nothing behind: the command's processes form a group of their own,
-//   which is killed and reaped as the thread unwinds. (glibc's pclose waits for a hung tool.)
+// - A cancelled thread leaves nothing behind: the command's processes form a session of their own,
+//   whose group is killed and reaped as the thread unwinds. (glibc's pclose waits for a hung tool.)
+//   Without a terminal, a tool that would ask for a password fails instead of waiting.
 // - SIGINT keeps its handler. (system(3) ignores it in the whole process while a command runs, so
 //   a stop request of that moment would be lost.)
 // - The command starts with no signal blocked, although the workers block the stop signals, and
