@@ -8,7 +8,6 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/stat.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -22,6 +21,7 @@
 #include <utility>
 
 #include "sim/host_namespace.h"
+#include "sim/sender_memory.h"
 
 namespace sim {
 namespace {
@@ -33,18 +33,6 @@ constexpr double kForever = 1e9;  // seconds that the kernel may trust an attrib
 constexpr off_t kReportedSize = off_t{1} << 60;
 constexpr std::size_t kMaxBuffers = 16;
 constexpr std::size_t kMaxBufferSize = 64u << 20;  // bytes that are ever read from a sender
-
-bool readMemory(pid_t thread, std::uint64_t address, void* bytes, std::size_t size) {
-    const iovec local{bytes, size};
-    const iovec remote{reinterpret_cast<void*>(address), size};
-    return process_vm_readv(thread, &local, 1, &remote, 1, 0) == static_cast<ssize_t>(size);
-}
-
-bool writeMemory(pid_t thread, std::uint64_t address, const void* bytes, std::size_t size) {
-    const iovec local{const_cast<void*>(bytes), size};
-    const iovec remote{reinterpret_cast<void*>(address), size};
-    return process_vm_writev(thread, &local, 1, &remote, 1, 0) == static_cast<ssize_t>(size);
-}
 
 // A record as it lies in the sender's memory.
 struct Record {
