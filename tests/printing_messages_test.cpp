@@ -1,0 +1,274 @@
+#include "protocol/printing_messages.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+#include "log/log_record.h"
+#include "protocol/printing_format.h"
+#include "stream_bytes.h"
+
+namespace {
+enum { kAll, kNotZeroed, kNone } g_memory = kAll;  // what allocations still succeed
+}
+
+// The linker puts these in the place of the library's allocations.
+extern "C" {
+void* __real_malloc(std::size_t size);
+void* __real_calloc(std::size_t count, std::size_t size);
+void* __real_realloc(void* old, std::size_t size);
+void* __wrap_malloc(std::size_t size) {
+    return g_memory == kNone ? nullptr : __real_malloc(size);
+}
+void* __wrap_calloc(std::size_t count, std::size_t size) {
+    return g_memory == kAll ? __real_calloc(count, size) : nullptr;
+}
+void* __wrap_realloc(void* old, std::size_t size) {
+    return g_memory == kNone ? nullptr : __real_realloc(old, size);
+}
+}
+
+namespace qnt {
+namespace {
+
+std::string g_log;
+
+// Keeps the level mark, the prefix and the message of each record.
+int keepRecord(const char* record, std::int32_t length) {
+    const std::string text(record, static_cast<std::size_t>(length));
+    g_log += text[19] + text.substr(text.find("/ ") + 1);
+    return 0;
+}
+
+struct PrintingMessages : testing::Test {
+    PrintingMessages() {
+        g_log.clear();
+        logSetSink(keepRecord);
+    }
+};
+
+// A buffer with an answer's leavings in it.
+struct Buffer : ByteArray {
+    explicit Buffer(std::size_t size) {
+        if (resize(size) && size != 0)
+            std::memset(data(), 0xEE, size);
+    }
+    Bytes bytes() const { return Bytes(data(), data() + size()); }
+};
+
+struct Item {
+    std::uint32_t type;
+    Bytes data;
+};
+
+Bytes stream(const std::vector<Item>& items) {
+    Bytes body;
+    std::uint32_t index = 0;
+    for (const auto& [type, data] : items)
+        body = body + words({static_cast<std::uint32_t>(data.size()), type, index++}) + data;
+    return words({static_cast<std::uint32_t>(body.size()), 0x1000, 0}) + body;
+}
+
+const auto code = [](std::uint32_t value) { return Item{CmdCode, words({value})}; };
+const auto id = [](std::string_view text) { return Item{PrinterId, Bytes() + text}; };
+const auto name = [](std::string_view text) { return Item{PrinterName, Bytes() + text}; };
+const auto entry = [](const std::vector<Item>& items) { return Item{PrinterEntry, stream(items)}; };
+const auto list = [](const std::vector<Item>& items) { return Item{PrinterList, stream(items)}; };
+
+// What parsing gives, in words: the code or "unusable", the id, and each printer. The bytes lie in
+// a buffer without a spare byte behind it.
+std::string parsed(const Bytes& payload) {
+    const Bytes exact(payload.begin(), payload.end());
+    PrintingCmd command;
+    const bool usable =
+        parsePrintingCmd(command, exact.data(), static_cast<std::uint32_t>(exact.size()));
+    std::string outcome = usable ? std::to_string(command.code) : "unusable";
+    if (!command.printerId.empty())
+        outcome += ' ' + command.printerId;
+    for (const QueueBinding& printer : command.printers)
+        outcome += ' ' + printer.id + '=' + printer.queueName;
+    return outcome;
+}
+
+TEST_F(PrintingMessages, FillsRequestsByteByByte) {
+    std::uint32_t size = 0;
+    Buffer command(90);
+    fillPrintingCmdRequest(command, 0x01020304, size);
+    EXPECT_EQ(size, 80u);
+    EXPECT_EQ(command.bytes(), words({1, 3, 0x01020304}) + Bytes(68) + Bytes(10, 0xEE));
+    Buffer pending(80);
+    fillPrintingCmdPendingRequest(pending, size = 0);
+    EXPECT_EQ(size, 80u);
+    EXPECT_EQ(pending.bytes(), words({1, 5}) + Bytes(72));
+}
+
+TEST_F(PrintingMessages, FillsTheResultAndGrowsTheBufferNoFurtherThanNeeded) {
+    const Bytes request = words({1, 4, 7}) + Bytes(68) + words({16, 0x1000, 0, 4, 0x200E, 0, 2});
+    for (const std::size_t before : {80u, 107u, 108u, 200u}) {
+        Buffer buffer(before);
+        std::uint32_t size = 0;
+        ASSERT_TRUE(fillPrintingCmdAnsRequest(buffer, 2, 7, size));
+        EXPECT_EQ(size, 108u);
+        EXPECT_EQ(buffer.bytes(), request + Bytes(std::max<std::size_t>(before, 108) - 108, 0xEE));
+    }
+}
+
+TEST_F(PrintingMessages, FillsTheDeletedPrintersExactly) {
+    const Bytes request = words({1, 6, 0}) + Bytes(68) + words({33, 0x1000, 0, 4, 0x200A, 0}) +
+                          "TAGA" + words({5, 0x200A, 1}) + "TAGBC";
+    ASSERT_EQ(request.size(), 125u);
+    for (const std::size_t before : {0u, 125u, 300u}) {
+        Buffer buffer(before);
+        ASSERT_TRUE(fillUserDeletedPrintersRequest(buffer, {{"TAGA", "A"}, {"TAGBC", "B"}}));
+        EXPECT_EQ(buffer.bytes(), request);
+    }
+}
+
+TEST_F(PrintingMessages, GrowsTheBufferToWhatTheHostAsksFor) {
+    for (const std::uint32_t required : {0u, 1u, 100u, 101u, 70000u}) {
+        Buffer buffer(150);
+        buffer.resize(100);
+        writeU32(buffer.data() + 16, required);
+        const Bytes before = buffer.bytes();
+        EXPECT_EQ(processAnswerFromHost(buffer), required == 0 ? AnswerCommand : AnswerNone);
+        EXPECT_EQ(buffer.bytes(), before + Bytes(std::max(required, 100u) - 100)) << required;
+    }
+    EXPECT_EQ(g_log, "");
+}
+
+TEST_F(PrintingMessages, ReportsExhaustedMemory) {
+    Buffer buffer(80);
+    writeU32(buffer.data() + 16, 200);
+    const Bytes before = buffer.bytes();
+    const std::string record = "F [PRINTING_TOOL] Not enough memory for ";
+    std::string log = record + "processAnswerFromHost\n" + record + "fillPrintingCmdAnsRequest\n" +
+                      record + "fillUserDeletedPrintersRequest\n";
+    for (const auto memory : {kNotZeroed, kNone}) {
+        std::uint32_t size = 0;
+        g_log.clear();
+        g_memory = memory;
+        const AnswerResult answer = processAnswerFromHost(buffer);
+        const bool filled = fillPrintingCmdAnsRequest(buffer, 1, 7, size) ||
+                            fillUserDeletedPrintersRequest(buffer, {{"TAG1", "Lab"}});
+        g_memory = kAll;
+        EXPECT_EQ(answer, AnswerFailed);
+        EXPECT_FALSE(filled);
+        EXPECT_EQ(buffer.bytes(), before);
+        EXPECT_EQ(g_log, log);
+        log = record + "processAnswerFromHost\n";  // a stream's own memory runs out silently
+    }
+}
+
+TEST_F(PrintingMessages, BoundsThePayloadByTheBuffer) {
+    for (const std::uint32_t size : {80u, 187u})
+        for (const std::uint32_t announced : edgeValues()) {
+            Buffer buffer(size);
+            writeU32(buffer.data() + 12, announced);
+            EXPECT_EQ(answerPayloadLength(buffer), std::min(announced, size - 80)) << announced;
+        }
+}
+
+// The payload of a list of one printer.
+const Bytes kListAnswer = words({95, 0x1000, 0}) + words({4, 0x200D, 0, 4}) +
+                          words({67, 0x200F, 1, 55, 0x1000, 0}) +
+                          words({43, 0x200C, 0, 31, 0x1000, 0}) + words({4, 0x200A, 0}) + "TAG1" +
+                          words({3, 0x200B, 1}) + "Lab";
+
+TEST_F(PrintingMessages, ParsesAnAnswerByteByByteAndNoTruncationOfIt) {
+    ASSERT_EQ(kListAnswer.size(), 187u - 80u);
+    EXPECT_EQ(parsed(kListAnswer), "4 TAG1=Lab");
+    for (Bytes cut = kListAnswer; !cut.empty();) {
+        cut.pop_back();
+        EXPECT_EQ(parsed(cut), "unusable") << cut.size();
+        if (cut.size() < 12)
+            continue;
+        Bytes honest = cut;
+        writeU32(honest.data(), static_cast<std::uint32_t>(cut.size()) - 12);
+        EXPECT_EQ(parsed(honest), "unusable") << cut.size();
+    }
+}
+
+TEST_F(PrintingMessages, ReadsNothingFalseWhereALengthLies) {
+    for (const std::size_t offset : {0u, 12u, 28u, 40u, 52u, 64u, 76u, 92u})
+        for (const std::uint32_t value : edgeValues()) {
+            Bytes payload = kListAnswer;
+            const std::uint32_t truth = readU32(&payload[offset]);
+            writeU32(&payload[offset], value);
+            std::string outcome = "unusable";
+            if (value == truth || (offset == 92 && value < truth))
+                outcome = "4 TAG1=" + std::string("Lab").substr(0, value);
+            else if (offset == 40 || (offset == 28 && value < truth) ||
+                     (offset == 52 && value > truth))
+                outcome = "4";  // the list does not open, like an empty one
+            EXPECT_EQ(parsed(payload), outcome) << offset << ' ' << value;
+        }
+}
+
+TEST_F(PrintingMessages, ParsesWhatIsAUsableCommandOnly) {
+    const Item lab = entry({id("TAG1"), name("Lab")});
+    const Item hall = entry({name("Hall"), id("TAG2")});
+    const Item twice = entry({id("x"), name("y"), name("Den"), id("TAG3")});
+    const Item nameless = entry({id("TAG4")});
+    const Item raw = entry({id("T\xFF"), name({"Lab \0", 5})});
+    const std::vector<std::pair<std::vector<Item>, std::string>> cases = {
+        {{code(3)}, "3"},
+        {{code(0)}, "0"},
+        {{id("TAG1")}, "unusable TAG1"},
+        {{{CmdCode, Bytes(3)}}, "unusable"},
+        {{{CmdCode, words({5}) + "x"}}, "5"},
+        {{code(5), {CmdCode, Bytes(3)}}, "5"},
+        {{code(1)}, "unusable"},
+        {{code(2), list({lab})}, "unusable TAG1=Lab"},
+        {{id(""), code(1)}, "1"},
+        {{code(1), id("A"), id("B"), code(2)}, "2 B"},
+        {{code(4), lab, id("TAG1")}, "unusable TAG1"},
+        {{code(4), list({})}, "4"},
+        {{code(4), {PrinterList, {}}}, "4"},
+        {{list({lab, hall, twice}), code(4)}, "4 TAG1=Lab TAG2=Hall TAG3=Den"},
+        {{code(4), list({lab, nameless, hall})}, "unusable TAG1=Lab"},
+        {{code(4), list({entry({name("Den")})})}, "unusable"},
+        {{code(4), list({lab, {PrinterList, hall.data}})}, "unusable TAG1=Lab"},
+        {{code(4), list({hall, entry({})})}, "unusable TAG2=Hall"},
+        {{code(4), list({lab}), list({hall, nameless})}, "4 TAG2=Hall"},
+        {{code(3), list({nameless})}, "3"},
+        {{code(4), list({raw})}, "4 T\xFF=Lab " + std::string(1, 0)},
+    };
+    for (const auto& [items, outcome] : cases)
+        EXPECT_EQ(parsed(stream(items)), outcome);
+}
+
+TEST_F(PrintingMessages, TellsOfSkippedItemsFromLevelTwo) {
+    const Item other = {7, Bytes() + "twelve bytes"};
+    const Bytes answer =
+        stream({other, list({entry({other, id("TAG1"), name("Lab")})}), name("x"), code(4)});
+    logSetLevel(1);
+    EXPECT_EQ(parsed(answer), "4 TAG1=Lab");
+    ASSERT_EQ(g_log, "");
+    logSetLevel(2);
+    EXPECT_EQ(parsed(answer), "4 TAG1=Lab");
+    const std::string skipped = "I [PRINTING_TOOL] Unsupported data skipped, type = ";
+    const std::string twelve = skipped + "7, size = 12\n";
+    EXPECT_EQ(g_log, twelve + twelve + skipped + "8203, size = 1\n");
+}
+
+TEST_F(PrintingMessages, TakesTheDefaultPrinterFromTheFirstItem) {
+    const std::vector<std::pair<Bytes, std::string>> cases = {
+        {stream({id("TAG1"), id("TAG2")}), "TAG1"},
+        {stream({id("")}), ""},
+        {stream({name("TAG1"), id("TAG2")}), "unchanged"},
+        {stream({}), "unchanged"},
+        {{}, "unchanged"},
+    };
+    for (const auto& [payload, expected] : cases) {
+        std::string printerId = "unchanged";
+        EXPECT_EQ(parseDefaultPrinterAnswer(printerId, payload.data(),
+                                            static_cast<std::uint32_t>(payload.size())),
+                  expected != "unchanged");
+        EXPECT_EQ(printerId, expected);
+    }
+}
+
+}  // namespace
+}  // namespace qnt
