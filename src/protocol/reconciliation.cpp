@@ -1,7 +1,9 @@
 #include "protocol/reconciliation.h"
 
 #include <algorithm>
-#include <string_view>
+#include <functional>
+#include <iterator>
+#include <optional>
 #include <vector>
 
 #include "cups/queue_listing.h"
@@ -17,41 +19,72 @@ QueueBindingList takeListing() {
     return listing;
 }
 
-// Finds queues of a list by their id in logarithmic time. The list must outlive the index.
+// Finds queues of a list by their id in logarithmic time. The list must outlive the index. Hashes
+// are compared in place of the ids, which lie scattered in memory.
 class QueueIndex {
 public:
-    explicit QueueIndex(const QueueBindingList& queues) {
-        m_queues.reserve(queues.size());
-        for (const QueueBinding& queue : queues)
-            m_queues.push_back(&queue);
-        std::stable_sort(m_queues.begin(), m_queues.end(),
-                         [](const auto* left, const auto* right) { return left->id < right->id; });
+    using Queue = QueueBindingList::const_iterator;
+
+    explicit QueueIndex(const QueueBindingList& queues) : m_none(queues.end()) {
+        m_slots.reserve(queues.size());
+        for (Queue queue = queues.begin(); queue != queues.end(); ++queue)
+            m_slots.push_back({hashOf(queue->id), m_slots.size(), queue});
+        std::sort(m_slots.begin(), m_slots.end());
     }
 
-    // The first queue in list order with this id, or null.
-    const QueueBinding* find(const std::string& id) const {
-        const auto found =
-            std::lower_bound(m_queues.begin(), m_queues.end(), id,
-                             [](const auto* queue, const auto& key) { return queue->id < key; });
-        return found != m_queues.end() && (*found)->id == id ? *found : nullptr;
+    // The first queue in list order with this id, or the list's end.
+    Queue find(const std::string& id) const {
+        const std::size_t hash = hashOf(id);
+        auto slot = std::lower_bound(m_slots.begin(), m_slots.end(), Slot{hash, 0, m_none});
+        for (; slot != m_slots.end() && slot->hash == hash; ++slot) {
+            if (slot->queue->id == id)
+                return slot->queue;
+        }
+        return m_none;
     }
 
 private:
-    std::vector<const QueueBinding*> m_queues;
+    struct Slot {
+        std::size_t hash;
+        std::size_t position;  // in the list
+        Queue queue;
+
+        bool operator<(const Slot& other) const {
+            return hash != other.hash ? hash < other.hash : position < other.position;
+        }
+    };
+
+    static std::size_t hashOf(const std::string& id) { return std::hash<std::string>()(id); }
+
+    const Queue m_none;
+    std::vector<Slot> m_slots;
 };
 
 }  // namespace
 
 QueueBindingList getUserDeletedPrinters(QueueBindingList& knownQueues) {
     QueueBindingList listing = takeListing();
-    QueueBindingList deleted;
-    const QueueIndex listed(listing);
+    return takeVanishedQueues(knownQueues, listing);
+}
+
+QueueBindingList takeVanishedQueues(QueueBindingList& knownQueues, QueueBindingList& listing) {
+    QueueBindingList vanished;
+    std::optional<QueueIndex> listed;  // made where the order first differs
+    auto next = listing.cbegin();      // behind the last queue that was found
     for (const QueueBinding& known : knownQueues) {
-        if (listed.find(known.id) == nullptr)
-            deleted.push_back(known);
+        auto found = next;
+        if (found == listing.cend() || found->id != known.id) {
+            if (!listed)
+                listed.emplace(listing);
+            found = listed->find(known.id);
+        }
+        if (found == listing.cend())
+            vanished.push_back(known);
+        else
+            next = std::next(found);
     }
     knownQueues.swap(listing);
-    return deleted;
+    return vanished;
 }
 
 void forgetPrinter(QueueBindingList& knownQueues, const std::string& id) {
@@ -84,8 +117,8 @@ void syncPrinterNames(const QueueBindingList& hostPrinters) {
     const QueueBindingList listing = takeListing();
     const QueueIndex queues(listing);
     for (const QueueBinding& printer : hostPrinters) {
-        const QueueBinding* queue = queues.find(printer.id);
-        if (queue == nullptr || queue->queueName == printer.queueName)
+        const auto queue = queues.find(printer.id);
+        if (queue == listing.cend() || queue->queueName == printer.queueName)
             continue;
         std::string newName = printer.queueName;
         renamePrinter(queue->queueName, newName);

@@ -17,6 +17,10 @@ namespace qnt {
 // their known order.
 QueueBindingList getUserDeletedPrinters(QueueBindingList& knownQueues);
 
+// The comparison behind it, with a listing that the caller has taken: `knownQueues` and `listing`
+// change places. Linear while both name the same ids in the same order, as they nearly always do.
+QueueBindingList takeVanishedQueues(QueueBindingList& knownQueues, QueueBindingList& listing);
+
 // Takes the first entry with this id out of the known queues, so that a deletion by the service
 // itself is not reported to the host.
 void forgetPrinter(QueueBindingList& knownQueues, const std::string& id);
