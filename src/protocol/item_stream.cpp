@@ -63,54 +63,12 @@ std::int32_t ItemStream::open(const std::uint8_t* buffer, std::uint32_t bufferLe
     return validateItem();
 }
 
-std::int32_t ItemStream::next() {
-    m_position += itemLength() + kItemHeaderSize;
-    ++m_counter;
-    return validateItem();
-}
-
-std::uint32_t ItemStream::itemType() const {
-    return readU32(m_buffer + m_position + kItemTypeOffset);
-}
-
-std::uint32_t ItemStream::itemLength() const {
-    return readU32(m_buffer + m_position + kItemLengthOffset);
-}
-
-const std::uint8_t* ItemStream::itemData() const {
-    return m_buffer + m_position + kItemHeaderSize;
-}
-
-std::string_view ItemStream::itemText() const {
-    return {reinterpret_cast<const char*>(itemData()), itemLength()};
-}
-
-// Wraps at 32 bits, as the host computes it; open() and validateItem() refuse what comes of it.
-std::uint32_t ItemStream::streamEnd() const {
-    return m_base + kStreamHeaderSize + readU32(header() + kStreamBodyLengthOffset);
-}
-
 void ItemStream::release() {
     if (m_borrowed == 0)
         std::free(m_buffer);
     m_buffer = nullptr;
     m_capacity = 0;
     m_borrowed = 0;
-}
-
-std::int32_t ItemStream::validateItem() const {
-    const std::uint32_t end = streamEnd();
-    if (m_position == end)
-        return kStreamEnded;
-    if (end < m_position)
-        return kStreamOverrun;
-    if (end - m_position < kItemHeaderSize)
-        return kStreamTooShort;
-    if (readU32(m_buffer + m_position + kItemIndexOffset) != m_counter)
-        return kStreamBadIndex;
-    if (std::uint64_t{m_position} + kItemHeaderSize + itemLength() > end)
-        return kStreamTooShort;
-    return kStreamOk;
 }
 
 // Doubles the capacity as often as needed.

@@ -10,6 +10,8 @@
 #include <cstdint>
 #include <string_view>
 
+#include "protocol/little_endian.h"
+
 namespace qnt {
 
 inline constexpr std::uint32_t kStreamMagic = 0x1000;
@@ -84,5 +86,49 @@ private:
     std::uint32_t m_capacity = 0;
     std::uint32_t m_borrowed = 0;  // 0 when the stream owns its buffer
 };
+
+// Reading is inline: a list of printers is three items and two streams for each of them.
+
+inline std::int32_t ItemStream::next() {
+    m_position += itemLength() + kItemHeaderSize;
+    ++m_counter;
+    return validateItem();
+}
+
+inline std::uint32_t ItemStream::itemType() const {
+    return readU32(m_buffer + m_position + kItemTypeOffset);
+}
+
+inline std::uint32_t ItemStream::itemLength() const {
+    return readU32(m_buffer + m_position + kItemLengthOffset);
+}
+
+inline const std::uint8_t* ItemStream::itemData() const {
+    return m_buffer + m_position + kItemHeaderSize;
+}
+
+inline std::string_view ItemStream::itemText() const {
+    return {reinterpret_cast<const char*>(itemData()), itemLength()};
+}
+
+// Wraps at 32 bits, as the host computes it; open() and validateItem() refuse what comes of it.
+inline std::uint32_t ItemStream::streamEnd() const {
+    return m_base + kStreamHeaderSize + readU32(header() + kStreamBodyLengthOffset);
+}
+
+inline std::int32_t ItemStream::validateItem() const {
+    const std::uint32_t end = streamEnd();
+    if (m_position == end)
+        return kStreamEnded;
+    if (end < m_position)
+        return kStreamOverrun;
+    if (end - m_position < kItemHeaderSize)
+        return kStreamTooShort;
+    if (readU32(m_buffer + m_position + kItemIndexOffset) != m_counter)
+        return kStreamBadIndex;
+    if (std::uint64_t{m_position} + kItemHeaderSize + itemLength() > end)
+        return kStreamTooShort;
+    return kStreamOk;
+}
 
 }  // namespace qnt

@@ -63,7 +63,9 @@ bool readEntry(QueueBindingList& printers, const ItemStream& item) {
     });
     if (!id || !name)
         return false;
-    printers.push_back({std::string(*id), std::string(*name)});
+    QueueBinding& printer = printers.emplace_back();
+    printer.id = *id;
+    printer.queueName = *name;
     return true;
 }
 
