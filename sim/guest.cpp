@@ -54,13 +54,14 @@ int openOutput(const std::string& path) {
     return path.empty() ? -1 : open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
 }
 
-// In the child: a process group of its own, no signal blocked, output where it belongs.
-[[noreturn]] void runChild(char* const* command, char* const* environment, int output) {
+// In the child: a process group of its own, no signal blocked, no input, output where it belongs.
+[[noreturn]] void runChild(char* const* command, char* const* environment, int input, int output) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     setpgid(0, 0);
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
+    dup2(input, STDIN_FILENO);
     if (output != -1) {
         dup2(output, STDOUT_FILENO);
         dup2(output, STDERR_FILENO);
@@ -96,12 +97,13 @@ Process::Process(const std::vector<std::string>& command,
     const std::vector<std::string> environment = environmentWith(variables);
     const std::vector<char*> words = pointersTo(command);
     const std::vector<char*> lines = pointersTo(environment);
+    const qnt::Descriptor input(open("/dev/null", O_RDONLY | O_CLOEXEC));
     const qnt::Descriptor output(openOutput(outputFile));
     m_pid = fork();
     if (m_pid == -1)
         throw std::runtime_error("Could not start " + command.front());
     if (m_pid == 0)
-        runChild(words.data(), lines.data(), output.get());
+        runChild(words.data(), lines.data(), input.get(), output.get());
     setpgid(m_pid, m_pid);
 }
 

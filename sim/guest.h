@@ -17,9 +17,9 @@ namespace sim {
 // the thread that made it.
 class Process {
 public:
-    // Starts a program found on PATH, with variables set on top of the environment. Standard output
-    // and error go to the end of `outputFile`, or where ours go when it is empty. One that can't be
-    // started ends with exit code 127.
+    // Starts a program found on PATH, with variables set on top of the environment and no input.
+    // Standard output and error go to the end of `outputFile`, or where ours go when it is empty.
+    // One that can't be started ends with exit code 127.
     Process(const std::vector<std::string>& command,
             const std::map<std::string, std::string>& variables = {},
             const std::string& outputFile = {});

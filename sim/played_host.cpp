@@ -156,19 +156,13 @@ public:
     // Makes a change under the mutex, then answers whatever can be answered now.
     template <typename Change>
     void change(Change apply) {
-        std::vector<std::string> lines;
         {
             const std::lock_guard lock(m_mutex);
             apply(*this);
-            for (const std::size_t index : settle()) {
-                if (m_report)
-                    lines.push_back(describeExchange(m_exchanges[index]));
-            }
+            settle();
             ++m_version;
         }
         m_changed.notify_all();
-        for (const std::string& line : lines)
-            m_report(line);
     }
 
     template <typename Look>
@@ -279,19 +273,14 @@ private:
         });
     }
 
-    // Answers the requests whose time has come, in the order of their arrival; returns which
-    // exchanges these were.
-    std::vector<std::size_t> settle() {
-        std::vector<std::size_t> settled;
+    // Answers the requests whose time has come, in the order of their arrival.
+    void settle() {
         std::erase_if(m_held, [&](Held& held) {
             const std::optional<Reply> reply = replyTo(held);
-            if (!reply)
-                return false;
-            carryOut(held, *reply);
-            settled.push_back(held.exchange);
-            return true;
+            if (reply)
+                carryOut(held, *reply);
+            return reply.has_value();
         });
-        return settled;
     }
 
     std::optional<Reply> replyTo(Held& held) {
@@ -371,25 +360,35 @@ private:
         return answerReply(probe ? Bytes() : linkHeader(header));
     }
 
+    // The sender goes on only when the exchange has been recorded and reported.
     void carryOut(Held& held, const Reply& reply) {
         Exchange& exchange = m_exchanges[held.exchange];
-        const std::size_t buffer = isPrinting(exchange) ? kPrintingAnswerBuffer : kLinkHeaderBuffer;
         exchange.answered = Clock::now();
-        exchange.error = reply.error;
-        if (reply.error == 0 && !reply.answer.empty() &&
-            !held.submission->writeBuffer(buffer, reply.answer))
-            exchange.error = EFAULT;
+        exchange.error = writeAnswer(*held.submission, exchange, reply);
+        if (exchange.error == 0)
+            exchange.status = reply.status;
+        if (m_report)
+            m_report(describeExchange(exchange));
         if (exchange.error != 0) {
             held.submission->refuse(exchange.error);
             return;
         }
-        exchange.status = reply.status;
-        exchange.answer = reply.answer;
-        if (isPrinting(exchange) && exchange.answer.size() > exchange.outSize)
-            exchange.answer.resize(exchange.outSize);
         if (reply.takesCommand)
             m_commands.pop_front();
         held.submission->complete(reply.status);
+    }
+
+    // 0, or the errno of the write.
+    static int writeAnswer(Submission& submission, Exchange& exchange, const Reply& reply) {
+        if (reply.error != 0 || reply.answer.empty())
+            return reply.error;
+        const std::size_t buffer = isPrinting(exchange) ? kPrintingAnswerBuffer : kLinkHeaderBuffer;
+        if (!submission.writeBuffer(buffer, reply.answer))
+            return EFAULT;
+        exchange.answer = reply.answer;
+        if (exchange.answer.size() > submission.buffers()[buffer].size)
+            exchange.answer.resize(submission.buffers()[buffer].size);
+        return 0;
     }
 
     const std::function<void(const std::string&)> m_report;

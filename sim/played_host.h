@@ -77,7 +77,8 @@ inline constexpr std::uint32_t kStatusRefused = 0xF0000001;
 class PlayedHost {
 public:
     // Mounts the device; the process is in its host namespace. `report` receives a decoded line
-    // for each exchange that is answered, from any thread; may be empty.
+    // for each exchange before its sender goes on, from any thread; it must not call the host, and
+    // may be empty. Throws std::runtime_error like DeviceFile.
     explicit PlayedHost(std::function<void(const std::string&)> report = {});
     ~PlayedHost();
 

@@ -1,0 +1,286 @@
+#include "sim/console.h"
+
+#include <algorithm>
+#include <charconv>
+#include <csignal>
+#include <sstream>
+#include <thread>
+
+#include "protocol/printing_format.h"
+
+namespace sim {
+namespace {
+
+constexpr std::uint32_t kIdleSeconds = 30;
+constexpr std::uint32_t kMaxWaitSeconds = 3600;
+constexpr std::chrono::seconds kStopTime(20);
+
+// What a fault may be said of, behind the words of the fault itself.
+struct RequestName {
+    const char* name;
+    std::uint32_t requestType;
+};
+constexpr RequestName kRequestNames[] = {{"command", kRunLoopRequest},
+                                         {"default", qnt::GetDefaultPrinter},
+                                         {"deleted", qnt::UserDeletedPrinters},
+                                         {"link", kLinkCall}};
+
+struct FaultName {
+    const char* name;
+    Fault::Kind kind;
+    bool takesValue;
+};
+constexpr FaultName kFaultNames[] = {
+    {"cancel", Fault::Kind::kCancel, false},   {"status", Fault::Kind::kStatus, true},
+    {"ask", Fault::Kind::kAskFor, true},       {"malformed", Fault::Kind::kMalformed, false},
+    {"silence", Fault::Kind::kSilence, false}, {"errno", Fault::Kind::kWriteError, true}};
+
+struct LinkName {
+    const char* name;
+    LinkMode mode;
+};
+constexpr LinkName kLinkNames[] = {
+    {"accept", LinkMode::kAccept}, {"refuse", LinkMode::kRefuse}, {"again", LinkMode::kAskAgain}};
+
+template <typename Named, std::size_t size>
+const Named& find(const Named (&table)[size], const std::string& name, const char* what) {
+    const auto* found =
+        std::ranges::find_if(table, [&](const Named& entry) { return name == entry.name; });
+    if (found == std::end(table))
+        throw ConsoleError("unknown " + std::string(what) + " '" + name + "'");
+    return *found;
+}
+
+// Decimal, or hexadecimal after 0x.
+std::uint32_t number(const std::string& text) {
+    const bool hexadecimal = text.starts_with("0x");
+    const char* const start = text.data() + (hexadecimal ? 2 : 0);
+    const char* const end = text.data() + text.size();
+    std::uint32_t value = 0;
+    const auto [stop, error] = std::from_chars(start, end, value, hexadecimal ? 16 : 10);
+    if (error != std::errc() || stop != end)
+        throw ConsoleError("'" + text + "' is no number of 32 bits");
+    return value;
+}
+
+std::chrono::seconds seconds(const Console::Words& words, std::size_t index) {
+    const std::uint32_t value = words.size() > index ? number(words[index]) : kIdleSeconds;
+    return std::chrono::seconds(std::min(value, kMaxWaitSeconds));
+}
+
+// Splits at blanks; the last of `most` words takes the rest of the line.
+Console::Words split(const std::string& line, std::size_t most) {
+    Console::Words words;
+    std::istringstream input(line);
+    for (std::string word; words.size() + 1 < most && input >> word;)
+        words.push_back(word);
+    std::string rest;
+    std::getline(input >> std::ws, rest);
+    if (const std::size_t last = rest.find_last_not_of(" \t\r"); last != std::string::npos)
+        words.push_back(rest.substr(0, last + 1));
+    return words;
+}
+
+}  // namespace
+
+struct Console::Command {
+    const char* name;
+    std::size_t fewest;  // words behind the name
+    std::size_t most;
+    const char* arguments;
+    const char* effect;
+    std::function<void(Console&, const Words&)> carryOut;
+};
+
+const std::vector<Console::Command>& Console::commands() {
+    using Self = Console&;
+    using Args = const Words&;
+    static const std::vector<Command> table{
+        {"plug", 2, 2, "ID NAME",
+         "share a printer: USB device, list, CmdPrinterList, CmdAddPrinter",
+         [](Self self, Args words) { self.plug(words); }},
+        {"unplug", 1, 1, "ID", "take its USB device away",
+         [](Self self, Args words) { self.unplug(words); }},
+        {"rename", 2, 2, "ID NAME", "change its name and send CmdPrinterList",
+         [](Self self, Args words) { self.rename(words); }},
+        {"default", 1, 1, "ID", "make it the host's default printer",
+         [](Self self, Args words) { self.setDefault(words); }},
+        {"list", 0, 0, "", "send CmdPrinterList",
+         [](Self self, Args) { self.m_host.sendPrinterList(); }},
+        {"add", 1, 1, "ID", "send CmdAddPrinter", [](Self self, Args words) { self.add(words); }},
+        {"delete", 1, 1, "ID", "take it out of the list and send CmdDeletePrinter",
+         [](Self self, Args words) { self.remove(words); }},
+        {"delete-offline", 0, 0, "", "send CmdDeleteOfflinePrinters",
+         [](Self self, Args) { self.m_host.send(deleteOffline()); }},
+        {"wait-offline", 0, 0, "", "send CmdWaitAllOffline",
+         [](Self self, Args) { self.m_host.send(waitOffline()); }},
+        {"command", 1, 1, "CODE", "send a command of any code, without items",
+         [](Self self, Args words) { self.sendUnknown(words); }},
+        {"fault", 1, 3, "cancel|status N|ask N|malformed|silence|errno N [REQUEST]",
+         "spoil the next request: command (if not said), default, deleted or link",
+         [](Self self, Args words) { self.fault(words); }},
+        {"link", 1, 2, "accept|refuse|again [TIMES]", "treat the Open Kavelink link so from now on",
+         [](Self self, Args words) { self.link(words); }},
+        {"show", 0, 0, "", "print the host's printers: ID, NAME, and 'default'",
+         [](Self self, Args) { self.show(); }},
+        {"results", 0, 0, "", "print the results of commands so far",
+         [](Self self, Args) { self.results(); }},
+        {"status", 0, 0, "", "print the status messages so far",
+         [](Self self, Args) { self.status(); }},
+        {"wait-idle", 0, 1, "[SECONDS]", "wait until the service asks and no command is waiting",
+         [](Self self, Args words) { self.waitIdle(words); }},
+        {"wait", 1, 1, "SECONDS", "wait that long",
+         [](Self self, Args words) { self.wait(words); }},
+        {"echo", 0, 1, "[TEXT]", "print the text",
+         [](Self self, Args words) { self.m_print(words.empty() ? "" : words[0]); }},
+        {"stop", 0, 0, "", "send SIGTERM to the program of --run and print its exit code",
+         [](Self self, Args) { self.stop(); }},
+        {"help", 0, 0, "", "print this", [](Self self, Args) { self.m_print(help()); }},
+        {"quit", 0, 0, "", "end; so does the end of the input",
+         [](Self self, Args) { self.m_ended = true; }},
+    };
+    return table;
+}
+
+Console::Console(PlayedHost& host, std::optional<Process>& program,
+                 std::function<void(const std::string&)> print)
+    : m_host(host), m_program(program), m_print(std::move(print)) {}
+
+bool Console::execute(const std::string& line) {
+    const Words head = split(line, 2);
+    if (head.empty() || head[0].starts_with('#'))
+        return true;
+    const auto command = std::ranges::find(commands(), head[0], &Command::name);
+    if (command == commands().end())
+        throw ConsoleError("unknown command '" + head[0] + "'; help lists them");
+    Words words = split(line, command->most + 1);
+    words.erase(words.begin());
+    if (command->most == 0 && head.size() > 1)
+        throw ConsoleError(head[0] + " takes no arguments");
+    if (words.size() < command->fewest)
+        throw ConsoleError("usage: " + head[0] + " " + command->arguments);
+    command->carryOut(*this, words);
+    return !m_ended;
+}
+
+std::string Console::help() {
+    std::string text = "Commands, one a line:\n";
+    for (const Command& command : commands())
+        text += "  " + std::string(command.name) + " " + command.arguments + "\n      " +
+                command.effect + "\n";
+    text.pop_back();
+    return text;
+}
+
+void Console::requireKnown(const std::string& id) const {
+    const std::vector<HostPrinter> printers = m_host.printers();
+    if (std::ranges::find(printers, id, &HostPrinter::id) == printers.end())
+        throw ConsoleError("the host has no printer '" + id + "'");
+}
+
+void Console::plug(const Words& words) {
+    m_host.plug(words[0], words[1]);
+    m_host.sendPrinterList();
+    m_host.send(addPrinter(words[0]));
+}
+
+void Console::add(const Words& words) {
+    m_host.send(addPrinter(words[0]));
+}
+
+void Console::unplug(const Words& words) {
+    requireKnown(words[0]);
+    m_host.unplug(words[0]);
+}
+
+void Console::rename(const Words& words) {
+    requireKnown(words[0]);
+    m_host.rename(words[0], words[1]);
+    m_host.sendPrinterList();
+}
+
+void Console::remove(const Words& words) {
+    requireKnown(words[0]);
+    m_host.forget(words[0]);
+    m_host.send(deletePrinter(words[0]));
+}
+
+void Console::setDefault(const Words& words) {
+    requireKnown(words[0]);
+    m_host.setDefault(words[0]);
+}
+
+void Console::sendUnknown(const Words& words) {
+    m_host.send({number(words[0]), {}, {}});
+}
+
+void Console::fault(const Words& words) {
+    const FaultName& kind = find(kFaultNames, words[0], "fault");
+    const std::size_t used = kind.takesValue ? 2 : 1;
+    if (words.size() < used)
+        throw ConsoleError("fault " + words[0] + " needs a number");
+    if (words.size() > used + 1)
+        throw ConsoleError("fault " + words[0] + " takes no number");
+    const RequestName& request =
+        find(kRequestNames, words.size() > used ? words[used] : "command", "request");
+    m_host.fault(
+        request.requestType,
+        {.kind = kind.kind, .value = kind.takesValue ? number(words[1]) : 0, .answer = {}});
+}
+
+void Console::link(const Words& words) {
+    const LinkMode mode = find(kLinkNames, words[0], "treatment").mode;
+    const std::uint32_t times = words.size() > 1 ? number(words[1]) : 1;
+    m_host.setLinkMode(mode, static_cast<int>(std::min(times, 1'000'000u)));
+}
+
+void Console::show() {
+    for (const HostPrinter& printer : m_host.printers())
+        m_print(printer.id + "\t" + printer.name + "\t" +
+                (printer.id == m_host.defaultPrinter() ? "default" : ""));
+}
+
+void Console::results() {
+    std::string line = "results:";
+    for (const std::uint32_t result : m_host.results())
+        line += " " + std::to_string(result);
+    m_print(line);
+}
+
+void Console::status() {
+    std::string line = "status:";
+    for (const Bytes& message : m_host.statusMessages())
+        line += " " + statusState(message);
+    m_print(line);
+}
+
+void Console::waitIdle(const Words& words) {
+    const auto time = seconds(words, 0);
+    const auto hasEnded = [&] { return m_program && m_program->wait({}).has_value(); };
+    bool ended = false;
+    const auto decided = [&] { return m_host.isIdle() || (ended = hasEnded()); };
+    if (!m_host.waitUntil(decided, time))
+        throw ConsoleError("the service is not idle after " + std::to_string(time.count()) +
+                           " seconds");
+    if (ended)
+        throw ConsoleError("the program has ended with exit code " +
+                           std::to_string(*m_program->wait({})));
+    m_print("idle");
+}
+
+void Console::wait(const Words& words) {
+    std::this_thread::sleep_for(seconds(words, 0));
+}
+
+void Console::stop() {
+    if (!m_program)
+        throw ConsoleError("no program was started with --run");
+    m_program->signal(SIGTERM);
+    const std::optional<int> code = m_program->wait(kStopTime);
+    if (!code)
+        throw ConsoleError("the program still runs after " + std::to_string(kStopTime.count()) +
+                           " seconds");
+    m_print("exit code " + std::to_string(*code));
+}
+
+}  // namespace sim
