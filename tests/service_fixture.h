@@ -84,8 +84,11 @@ protected:
     }
 
     void startService(std::vector<std::string> options = {},
-                      const std::map<std::string, std::string>& variables = {}) {
+                      std::map<std::string, std::string> variables = {}) {
         options.insert(options.begin(), QNT_SERVICE);
+        const char* sanitizer = std::getenv("ASAN_OPTIONS");  // it minds LD_PRELOAD
+        variables["ASAN_OPTIONS"] =
+            std::string(sanitizer ? sanitizer : "") + ":verify_asan_link_order=0";
         service.emplace(options, variables, folder / "output");
     }
     // The exit code of a service that ends by itself, or after SIGTERM; -1 if it does not in time.
