@@ -1,0 +1,346 @@
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <barrier>
+#include <csignal>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <thread>
+
+#include "app/service.h"
+#include "log/log_file.h"
+#include "log/log_record.h"
+
+namespace {
+// A clock of seconds that the linker puts in the place of time(): it passes at each look, or not.
+std::atomic<std::time_t> g_now{1};
+std::atomic<std::time_t> g_secondsPerLook{0};
+const int g_zoneSet = setenv("TZ", "XST-5:45", 1);
+}  // namespace
+
+extern "C" std::time_t __wrap_time(std::time_t*) {
+    return g_now += g_secondsPerLook;
+}
+
+namespace qnt {
+namespace {
+
+namespace fs = std::filesystem;
+using Texts = std::vector<std::string>;
+
+std::string timeNow() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    std::tm local{};
+    char text[64];
+    std::strftime(text, sizeof text, "%m-%d %H:%M:%S.", localtime_r(&now.tv_sec, &local));
+    return text + std::to_string(1000 + now.tv_nsec / 1000000).substr(1) + ' ';
+}
+
+Texts lines(const fs::path& file) {
+    Texts all;
+    std::ifstream stream(file);
+    for (std::string line; std::getline(stream, line);)
+        all.push_back(line);
+    return all;
+}
+
+Texts messages(const fs::path& file) {
+    Texts all = lines(file);
+    for (std::string& line : all)
+        line.erase(0, line.find("/ ") + 2);
+    return all;
+}
+
+void log(const std::string& message) {
+    logRecord("", kServiceTag, 0, "%s", message.c_str());
+}
+
+void inThreads(int number, const std::function<void(int)>& work) {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < number; ++i)
+        threads.emplace_back(work, i);
+    for (std::thread& thread : threads)
+        thread.join();
+}
+
+struct Log : testing::Test {
+    Log() {
+        logFileSetPlacement(folder.c_str(), kLogFileName);
+        logSetSink(logFileWrite);
+    }
+    ~Log() override { fs::remove_all(folder); }
+
+    // Runs a process that has the folder for its root, with a user 4242 whose home is in it, and
+    // where no place has been chosen for the log. It fails when it takes a minute.
+    void asUser(uid_t user, const std::string& prepare, const std::function<void()>& work) const {
+        const std::string system =
+            "rm -rf * && mkdir -p var/log etc home && chmod 755 . && chown 4242 home &&"
+            "echo user:x:4242:4242::/home:/bin/sh >etc/passwd && ";
+        ASSERT_EQ(std::system(("cd " + folder.string() + " && " + system + prepare).c_str()), 0);
+        const pid_t child = fork();
+        if (child == 0) {
+            alarm(60);
+            EXPECT_EQ(chroot(folder.c_str()) + setgid(user) + setuid(user), 0);
+            logFileSetPlacement("", "");
+            work();
+            _exit(HasFailure());
+        }
+        int status = -1;
+        waitpid(child, &status, 0);
+        EXPECT_EQ(status, 0);
+    }
+
+    std::string name = "/tmp/qnt-log-XXXXXX";
+    const fs::path folder = mkdtemp(name.data());
+    const fs::path file = folder / kLogFileName;
+};
+
+TEST_F(Log, WritesTheFieldsOfARecordInTheirOrder) {
+    const char* const prefixes[][2] = {{"", ""}, {"P", "[P] "}, {"[P", "[P "}};
+    const std::string before = timeNow();
+    Texts expected;
+    inThreads(1, [&](int) {
+        char writer[64];
+        std::snprintf(writer, sizeof writer, " /tag:%d:%x/ ", getpid(), gettid());
+        for (const int level : {0, 1, 2, 3})
+            for (const auto& [prefix, written] : prefixes) {
+                logRecord(prefix, "tag", level, "level %d", level);
+                expected.push_back("FWID"[level] +
+                                   (writer + (written + ("level " + std::to_string(level)))));
+            }
+    });
+    Texts records = lines(file);
+    for (std::string& record : records) {
+        EXPECT_LE(before, record);
+        EXPECT_LE(record.substr(0, before.size()), timeNow());
+        record.erase(0, before.size());
+    }
+    EXPECT_EQ(records, expected);
+}
+
+TEST_F(Log, CutsARecordAtItsEnd) {
+    const std::string endless(10000, 'x');
+    log("");
+    const std::size_t room = 4094 - (fs::file_size(file) - 1);
+    for (const std::size_t length : {room - 1, room, room + 1, endless.size()})
+        log(endless.substr(0, length));
+    logRecord(endless.c_str(), "tag", 0, "message");
+    logRecord("prefix", endless.c_str(), 0, "message");
+    const Texts records = lines(file);
+    ASSERT_EQ(records.size(), 7u);
+    EXPECT_EQ(records[1].size(), 4093u);
+    for (std::size_t i = 2; i < records.size(); ++i)
+        EXPECT_EQ(records[i].size(), 4094u);
+}
+
+TEST_F(Log, KeepsErrno) {
+    errno = EXDEV;
+    log("written");
+    EXPECT_EQ(errno, EXDEV);
+    logSetSink([](const char*, std::int32_t) -> int { throw errno = EIO; });
+    EXPECT_THROW(log("thrown"), int);
+    EXPECT_EQ(errno, EXDEV);
+}
+
+TEST_F(Log, TakesALevelOfMinusOneForOne) {
+    for (const auto& [level, inForce] : {std::pair(0, 0), {3, 3}, {-1, 1}}) {
+        logSetLevel(level);
+        EXPECT_EQ(logGetLevel(), inForce);
+    }
+}
+
+// Takes the log's file from its path, to be found under another name: moved, removed or replaced.
+void takeAway(const fs::path& file, const fs::path& kept, int way) {
+    if (way % 3 == 0)
+        return fs::rename(file, kept);
+    fs::create_hard_link(file, kept);
+    if (way % 3 == 1)
+        return static_cast<void>(fs::remove(file));
+    std::ofstream(file.string() + "~").flush();
+    fs::rename(file.string() + "~", file);
+}
+
+TEST_F(Log, FollowsItsPathWithinASecond) {
+    const fs::path old = folder / "old";
+    for (const int way : {0, 1, 2}) {
+        ++g_now;
+        log("opened");
+        log("looked at");
+        takeAway(file, old, way);
+        log("in the same second");
+        ++g_now;
+        log("a second later");
+        log("and on");
+        EXPECT_EQ(messages(old), (Texts{"opened", "looked at", "in the same second"}));
+        EXPECT_EQ(messages(file), (Texts{"a second later", "and on"}));
+        fs::remove(old);
+        fs::remove(file);
+    }
+}
+
+TEST_F(Log, LiesInTheSystemsFolderOrAtHomeOrUnderTheRoot) {
+    const struct {
+        uid_t user;
+        const char* prepare;
+        const char* place;  // null where nothing can be written
+        int mode = 0755;    // of the place
+    } cases[] = {
+        {0, ":", "var/log"},
+        {0, "umask 077; touch var/log/quintaris.log", "var/log"},
+        {4242, ":", "home/.quintaris"},
+        {4242, "mkdir -m 700 home/.quintaris; chown 4242 home/.quintaris", "home/.quintaris", 0700},
+        {4242, "touch home/.quintaris", nullptr},
+        {4242, "chown 0 home", nullptr},
+        {4242, "chown 0 home; chmod 777 .", ".", 0777},
+        {4243, ":", nullptr},
+        {4243, "chmod 777 .", ".", 0777},
+    };
+    for (const auto& [user, prepare, place, mode] : cases) {
+        asUser(user, prepare, [] {
+            umask(022);
+            for (const char* message : {"first", "second"}) {
+                errno = EXDEV;
+                log(message);
+                EXPECT_EQ(errno, EXDEV);
+            }
+        });
+        Texts found;
+        for (const auto& entry : fs::recursive_directory_iterator(folder))
+            if (entry.path().filename() == kLogFileName)
+                found.push_back(entry.path().parent_path().lexically_relative(folder));
+        EXPECT_EQ(found, place == nullptr ? Texts{} : Texts{place}) << user << ' ' << prepare;
+        if (place == nullptr)
+            continue;
+        EXPECT_EQ(fs::status(folder / place).permissions(), fs::perms(mode)) << prepare;
+        const fs::path log = folder / place / kLogFileName;
+        EXPECT_EQ(fs::status(log).permissions(), fs::perms(0666)) << prepare;
+        EXPECT_EQ(messages(log), (Texts{"first", "second"}));
+    }
+}
+
+TEST_F(Log, OpensOnceForThreadsThatBeginTogether) {
+    constexpr int kRounds = 200, kThreads = 4;
+    asUser(4242, ":", [] {
+        std::barrier together(kThreads, [] { logFileSetPlacement("", ""); });
+        inThreads(kThreads, [&](int) {
+            for (int round = 0; round < kRounds; ++round) {
+                together.arrive_and_wait();
+                log("message");
+            }
+        });
+    });
+    EXPECT_EQ(messages(folder / "home/.quintaris/quintaris.log"),
+              Texts(kRounds * kThreads, "message"));
+}
+
+constexpr int kWriters = 4;
+constexpr int kRecordsEach = QNT_SANITIZED ? 25000 : 250000;
+
+std::string numbered(int writer, int number) {
+    return std::to_string(writer) + ' ' + std::to_string(number) + ' ' +
+           std::string(static_cast<std::size_t>(number) % 97, static_cast<char>('a' + writer));
+}
+
+// Opens and closes files all the time, so that numbers the log gives up are soon another's. The
+// bytes found in them.
+off_t strayBytes(const std::atomic<bool>& ended) {
+    off_t bytes = 0;
+    while (!ended) {
+        const int other = memfd_create("other", MFD_CLOEXEC);
+        sched_yield();
+        bytes += lseek(other, 0, SEEK_END);
+        close(other);
+    }
+    return bytes;
+}
+
+TEST_F(Log, LosesNoRecordAndWritesNowhereElse) {
+    std::atomic<bool> ended = false;
+    int moves = 0;
+    off_t stray = 0;
+    const int opened = memfd_create("opened before", MFD_CLOEXEC);
+    g_secondsPerLook = 1;
+    std::thread mover([&] {
+        for (; !ended; usleep(500))
+            if (fs::exists(file)) {
+                takeAway(file, file.string() + std::to_string(moves), moves);
+                ++moves;
+            }
+    });
+    std::thread other([&] { stray = strayBytes(ended); });
+    inThreads(kWriters, [](int writer) {
+        for (int number = 0; number < kRecordsEach; ++number)
+            log(numbered(writer, number));
+    });
+    ended = true;
+    mover.join();
+    other.join();
+    g_secondsPerLook = 0;
+    EXPECT_GT(moves, QNT_SANITIZED ? 30 : 300);
+    EXPECT_EQ(stray + lseek(opened, 0, SEEK_END), 0);
+    close(opened);
+
+    std::vector<int> seen(kWriters * kRecordsEach);
+    int damaged = 0;
+    for (const auto& entry : fs::directory_iterator(folder))
+        for (const std::string& message : messages(entry)) {
+            int writer = kWriters, number = kRecordsEach;
+            std::sscanf(message.c_str(), "%d %d", &writer, &number);
+            if (message == numbered(writer, number))
+                ++seen.at(static_cast<std::size_t>(writer * kRecordsEach + number));
+            else
+                ++damaged;
+        }
+    EXPECT_EQ(damaged, 0);
+    EXPECT_EQ(std::count(seen.begin(), seen.end(), 1), kWriters * kRecordsEach);
+}
+
+timer_t g_stopTimer;
+std::atomic<int> g_stops;
+
+// Sends a stop signal to the process in a moment that nothing else depends on.
+void stopSoon() {
+    const itimerspec soon{{0, 0}, {0, 37000}};
+    timer_settime(g_stopTimer, 0, &soon, nullptr);
+}
+
+TEST_F(Log, TakesStopSignalsAtAnyInstruction) {
+    constexpr int kStops = 20000;
+    const std::string before = timeNow();
+    asUser(0, ":", [] {
+        logSetLevel(2);
+        sigevent event{};
+        event.sigev_signo = SIGTERM;
+        ASSERT_EQ(timer_create(CLOCK_MONOTONIC, &event, &g_stopTimer), 0);
+        std::signal(SIGTERM, [](int signal) {
+            stopSignalHandler(signal);
+            if (++g_stops < kStops)
+                stopSoon();
+        });
+        stopSoon();
+        for (int i = 0; g_stops < kStops; ++i) {
+            timeNow();
+            log("message");
+            if (i % 100 == 0)
+                logFileSetPlacement("", "");
+        }
+    });
+    int stops = 0;
+    for (const std::string& line : lines(folder / "var/log/quintaris.log")) {
+        stops += line.ends_with("/ Closing . . .");
+        EXPECT_LE(before, line);
+        EXPECT_LE(line.substr(0, before.size()), timeNow());
+    }
+    EXPECT_GT(stops, kStops / 2);  // it is lost where no file is open
+}
+
+}  // namespace
+}  // namespace qnt
