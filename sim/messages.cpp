@@ -1,4 +1,4 @@
-// The played host's side of the codec, and what it prints of an exchange.
+#include "sim/messages.h"
 
 #include <cstdio>
 #include <ctime>
@@ -9,8 +9,6 @@
 #include "protocol/item_stream.h"
 #include "protocol/little_endian.h"
 #include "protocol/printing_format.h"
-#include "sim/message_items.h"
-#include "sim/played_host.h"
 
 namespace sim {
 namespace {
@@ -70,38 +68,28 @@ std::string number(const char* format, std::uint32_t value) {
     return text;
 }
 
-std::string requestName(std::uint32_t requestType) {
-    switch (requestType) {
-        case qnt::GetDefaultPrinter:
-            return "GetDefaultPrinter";
-        case qnt::GetPrintingCmd:
-            return "GetPrintingCmd";
-        case qnt::PrintingCmdAnswer:
-            return "PrintingCmdAnswer";
-        case qnt::PrintingCmdPending:
-            return "PrintingCmdPending";
-        case qnt::UserDeletedPrinters:
-            return "UserDeletedPrinters";
-        default:
-            return "request type " + std::to_string(requestType);
-    }
-}
+struct Name {
+    std::uint32_t value;
+    const char* name;
+};
+constexpr Name kRequestNames[] = {{qnt::GetDefaultPrinter, "GetDefaultPrinter"},
+                                  {qnt::GetPrintingCmd, "GetPrintingCmd"},
+                                  {qnt::PrintingCmdAnswer, "PrintingCmdAnswer"},
+                                  {qnt::PrintingCmdPending, "PrintingCmdPending"},
+                                  {qnt::UserDeletedPrinters, "UserDeletedPrinters"}};
+constexpr Name kCommandNames[] = {{qnt::CmdAddPrinter, "CmdAddPrinter"},
+                                  {qnt::CmdDeletePrinter, "CmdDeletePrinter"},
+                                  {qnt::CmdDeleteOfflinePrinters, "CmdDeleteOfflinePrinters"},
+                                  {qnt::CmdPrinterList, "CmdPrinterList"},
+                                  {qnt::CmdWaitAllOffline, "CmdWaitAllOffline"}};
 
-std::string commandName(std::uint32_t code) {
-    switch (code) {
-        case qnt::CmdAddPrinter:
-            return "CmdAddPrinter";
-        case qnt::CmdDeletePrinter:
-            return "CmdDeletePrinter";
-        case qnt::CmdDeleteOfflinePrinters:
-            return "CmdDeleteOfflinePrinters";
-        case qnt::CmdPrinterList:
-            return "CmdPrinterList";
-        case qnt::CmdWaitAllOffline:
-            return "CmdWaitAllOffline";
-        default:
-            return "command " + std::to_string(code);
+template <std::size_t size>
+std::string nameOf(const Name (&names)[size], std::uint32_t value, const char* kind) {
+    for (const Name& entry : names) {
+        if (entry.value == value)
+            return entry.name;
     }
+    return kind + (" " + std::to_string(value));
 }
 
 std::string describeList(const Bytes& list) {
@@ -122,7 +110,7 @@ std::string describeItem(std::uint32_t type, const Bytes& data) {
         case qnt::CmdResult:
             return " result=" + std::to_string(asU32(data));
         case qnt::CmdCode:
-            return " " + commandName(asU32(data));
+            return " " + nameOf(kCommandNames, asU32(data), "command");
         case qnt::PrinterList:
             return describeList(data);
         default:
@@ -206,6 +194,26 @@ Bytes malformedAnswer() {
     return answer;
 }
 
+HostCommand addPrinter(const std::string& id) {
+    return {qnt::CmdAddPrinter, id, {}};
+}
+
+HostCommand deletePrinter(const std::string& id) {
+    return {qnt::CmdDeletePrinter, id, {}};
+}
+
+HostCommand deleteOffline() {
+    return {qnt::CmdDeleteOfflinePrinters, {}, {}};
+}
+
+HostCommand printerList(const std::vector<HostPrinter>& printers) {
+    return {qnt::CmdPrinterList, {}, printers};
+}
+
+HostCommand waitOffline() {
+    return {qnt::CmdWaitAllOffline, {}, {}};
+}
+
 Bytes encodeAnswer(const HostCommand& command, std::uint32_t sequence) {
     const bool namesPrinter =
         command.code == qnt::CmdAddPrinter || command.code == qnt::CmdDeletePrinter;
@@ -234,7 +242,7 @@ std::string describeRequest(std::uint32_t code, const Bytes& request) {
     if (request.size() < qnt::kPrintingCmdHeaderSize)
         return "printing request of " + std::to_string(request.size()) + " bytes";
     const auto field = [&](std::uint32_t offset) { return qnt::readU32(request.data() + offset); };
-    return requestName(field(qnt::PrintingCmdHeader::kRequestType)) +
+    return nameOf(kRequestNames, field(qnt::PrintingCmdHeader::kRequestType), "request type") +
            " seq=" + std::to_string(field(qnt::PrintingCmdHeader::kSequence)) +
            describeItems(request);
 }

@@ -14,57 +14,18 @@
 #include <deque>
 #include <functional>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "protocol/printing_format.h"
 #include "sim/device_file.h"
+#include "sim/host_replies.h"
+#include "sim/messages.h"
 
 namespace sim {
-
-struct HostPrinter {
-    std::string id;
-    std::string name;
-};
-
-// A command of the host, and a builder for each kind. `printers` goes out with CmdPrinterList.
-struct HostCommand {
-    std::uint32_t code = 0;
-    std::string printerId;
-    std::vector<HostPrinter> printers;
-};
-HostCommand addPrinter(const std::string& id);
-HostCommand deletePrinter(const std::string& id);
-HostCommand deleteOffline();
-HostCommand printerList(const std::vector<HostPrinter>& printers);
-HostCommand waitOffline();
-
-// What happens to a request instead of its answer. For a link call, kAskFor announces an answer of
-// that size, kMalformed reports a failure in the call header, and kRaw replaces that header.
-struct Fault {
-    enum class Kind { kCancel, kStatus, kAskFor, kMalformed, kRaw, kSilence, kWriteError };
-    Kind kind = Kind::kCancel;
-    std::uint32_t value = 0;  // kStatus: the status; kAskFor: bytes; kWriteError: the errno
-    Bytes answer;             // kRaw: the answer's bytes as they are
-};
-
-// One exchange as it came and as it was answered.
-struct Exchange {
-    std::chrono::system_clock::time_point when;
-    pid_t thread = 0;
-    std::uint32_t code = 0;         // of the device request
-    std::uint32_t requestType = 0;  // of the printing header, 0 for link calls
-    std::uint32_t inSize = 0;
-    std::uint32_t outSize = 0;
-    Bytes request;                        // the inSize bytes
-    std::optional<std::uint32_t> status;  // none while it is held, and for a write that failed
-    Bytes answer;                         // what was written into the answer buffer
-    int error = 0;                        // the errno of a write that failed
-    std::optional<std::chrono::system_clock::time_point> answered;
-};
 
 enum class LinkMode { kAccept, kRefuse, kAskAgain };  // kAskAgain: the probe's next time only
 
@@ -72,15 +33,15 @@ enum class LinkMode { kAccept, kRefuse, kAskAgain };  // kAskAgain: the probe's 
 inline constexpr std::uint32_t kLinkCall = 0;
 inline constexpr std::uint32_t kRunLoopRequest = 0xFFFFFFFF;
 
-inline constexpr std::uint32_t kStatusRefused = 0xF0000001;
-
 class PlayedHost {
 public:
     // Mounts the device; the process is in its host namespace. `report` receives a decoded line
     // for each exchange before its sender goes on, from any thread; it must not call the host, and
     // may be empty. Throws std::runtime_error like DeviceFile.
     explicit PlayedHost(std::function<void(const std::string&)> report = {});
-    ~PlayedHost();
+    ~PlayedHost() = default;
+    PlayedHost(const PlayedHost&) = delete;
+    PlayedHost& operator=(const PlayedHost&) = delete;
 
     // Any thread.
 
@@ -121,21 +82,51 @@ public:
                    std::chrono::milliseconds time = std::chrono::seconds(20)) const;
 
 private:
-    class State;
-    std::unique_ptr<State> m_state;
-};
+    struct Held {
+        SubmissionPtr submission;
+        std::size_t exchange = 0;    // in m_exchanges
+        std::optional<Reply> reply;  // once it is known
+        bool silenced = false;
+    };
+    struct WaitingCommand {
+        HostCommand command;
+        std::uint32_t sequence;
+    };
 
-// The answer bytes of a command: header and item stream, with requiredSize 0.
-Bytes encodeAnswer(const HostCommand& command, std::uint32_t sequence);
-// The answer bytes of the default printer's query.
-Bytes encodeDefaultPrinter(const std::string& id, std::uint32_t sequence);
-// A request in words, e.g. "PrintingCmdAnswer seq=17 result=1".
-std::string describeRequest(std::uint32_t code, const Bytes& request);
-// The answer to a request of the printing protocol in words, e.g. "CmdAddPrinter id=TAG1".
-std::string describeAnswer(const Bytes& answer);
-// An exchange as one line: time of day, request, sizes, outcome, and how long it was held.
-std::string describeExchange(const Exchange& exchange);
-// The state word of a status message; empty when it has none.
-std::string statusState(const Bytes& message);
+    template <typename Change>
+    void change(Change apply);
+    void arrive(SubmissionPtr submission);
+    void cancel(const SubmissionPtr& submission);
+    void settle();
+    std::optional<Reply> replyTo(Held& held);
+    std::optional<Fault> takeFault(std::uint32_t requestType);
+    std::optional<Reply> printingReply(const Exchange& exchange) const;
+    std::optional<Reply> defaultPrinterReply(const Exchange& exchange) const;
+    std::optional<Reply> commandReply(const Exchange& exchange) const;
+    Reply linkModeReply(const Exchange& exchange);
+    void carryOut(Held& held, const Reply& reply);
+    HostPrinter* findPrinter(const std::string& id);
+    std::vector<Bytes> requestItems(std::uint32_t requestType, std::uint32_t itemType) const;
+
+    const std::function<void(const std::string&)> m_report;
+    mutable std::mutex m_mutex;
+    mutable std::condition_variable m_changed;
+
+    // Under the mutex.
+    std::uint64_t m_version = 0;  // grows with each change
+    std::vector<Exchange> m_exchanges;
+    std::vector<Held> m_held;  // without an answer, in the order of their arrival
+    std::deque<WaitingCommand> m_commands;
+    std::vector<HostPrinter> m_printers;
+    std::uint32_t m_listSequence = 0;
+    std::optional<std::string> m_default;
+    std::uint32_t m_defaultSequence = 0;
+    std::map<std::uint32_t, std::deque<Fault>> m_faults;  // by request type
+    std::set<std::uint32_t> m_holds;                      // request types
+    LinkMode m_linkMode = LinkMode::kAccept;
+    int m_linkModeTimes = 0;  // of kAskAgain
+
+    DeviceFile m_device;  // last: its thread uses all of the above
+};
 
 }  // namespace sim
