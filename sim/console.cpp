@@ -165,9 +165,11 @@ bool Console::execute(const std::string& line) {
 
 std::string Console::help() {
     std::string text = "Commands, one a line:\n";
-    for (const Command& command : commands())
-        text += "  " + std::string(command.name) + " " + command.arguments + "\n      " +
-                command.effect + "\n";
+    for (const Command& command : commands()) {
+        const std::string arguments = command.arguments;
+        text += std::string("  ") + command.name + (arguments.empty() ? "" : " ") + arguments +
+                "\n      " + command.effect + "\n";
+    }
     text.pop_back();
     return text;
 }
