@@ -108,10 +108,16 @@ Process::Process(const std::vector<std::string>& command,
 }
 
 Process::~Process() {
-    if (m_result)
-        return;
+    if (!m_result)
+        collect();
+}
+
+// Until it is reaped, the process keeps its number, and so its group's, from being given away.
+int Process::collect() const {
     kill(-m_pid, SIGKILL);
-    waitpid(m_pid, nullptr, 0);
+    int status = 0;
+    waitpid(m_pid, &status, 0);
+    return exitCodeOf(status);
 }
 
 void Process::signal(int number) const {
@@ -124,10 +130,9 @@ std::optional<int> Process::wait(std::chrono::milliseconds time) {
         return m_result;
     const qnt::Descriptor process(static_cast<int>(syscall(SYS_pidfd_open, m_pid, 0)));
     pollfd ended{process.get(), POLLIN, 0};
-    poll(&ended, 1, static_cast<int>(time.count()));
-    int status = 0;
-    if (waitpid(m_pid, &status, WNOHANG) == m_pid)
-        m_result = exitCodeOf(status);
+    if (poll(&ended, 1, static_cast<int>(time.count())) <= 0)
+        return std::nullopt;
+    m_result = collect();
     return m_result;
 }
 

@@ -13,8 +13,8 @@
 
 namespace sim {
 
-// A process of ours, in a process group of its own, ended at the latest with its owner and with
-// the thread that made it.
+// A process of ours, ended at the latest with its owner and with the thread that made it. What it
+// leaves behind in its process group ends with it.
 class Process {
 public:
     // Starts a program found on PATH, with variables set on top of the environment and no input.
@@ -23,7 +23,7 @@ public:
     Process(const std::vector<std::string>& command,
             const std::map<std::string, std::string>& variables = {},
             const std::string& outputFile = {});
-    ~Process();  // SIGKILL to the group, unless it has ended
+    ~Process();  // SIGKILL
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
 
@@ -33,6 +33,8 @@ public:
     std::optional<int> wait(std::chrono::milliseconds time);
 
 private:
+    int collect() const;
+
     pid_t m_pid = -1;
     std::optional<int> m_result;
 };
