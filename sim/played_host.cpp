@@ -282,9 +282,18 @@ void PlayedHost::carryOut(Held& held, const Reply& reply) {
     deliver(*held.submission, exchange, reply);
     if (reply.takesCommand && exchange.error == 0)
         m_commands.pop_front();
+    if (exchange.requestType == qnt::UserDeletedPrinters && exchange.status == qnt::kStatusDone)
+        forgetReported(exchange.request);
     if (m_report)
         m_report(describeExchange(exchange));
     finish(*held.submission, exchange);
+}
+
+void PlayedHost::forgetReported(const Bytes& request) {
+    forEachItem(request, qnt::kPrintingCmdHeaderSize, [&](std::uint32_t, const Bytes& id) {
+        std::erase_if(m_printers,
+                      [&](const HostPrinter& printer) { return printer.id == asText(id); });
+    });
 }
 
 HostPrinter* PlayedHost::findPrinter(const std::string& id) {

@@ -4,7 +4,8 @@
 // GetPrintingCmd until a command is waiting, GetDefaultPrinter until the default differs from the
 // one that the service has seen, PrintingCmdPending until a command is waiting (which the service
 // drops and asks for again, so it stays waiting). Answers that do not fit the offered buffer ask
-// for room. A held request whose sender gets a signal is cancelled.
+// for room. A held request whose sender gets a signal is cancelled. A printer whose queue is
+// reported as deleted leaves the host's list.
 
 #pragma once
 
@@ -105,6 +106,7 @@ private:
     std::optional<Reply> commandReply(const Exchange& exchange) const;
     Reply linkModeReply(const Exchange& exchange);
     void carryOut(Held& held, const Reply& reply);
+    void forgetReported(const Bytes& request);
     HostPrinter* findPrinter(const std::string& id);
     std::vector<Bytes> requestItems(std::uint32_t requestType, std::uint32_t itemType) const;
 
