@@ -56,11 +56,11 @@ TEST_F(ServiceTest, RequestsThatTheHostCancelsAreRepeatedEachSecond) {
     startService();
     ASSERT_TRUE(host.waitUntil([&] { return host.exchanges(GetPrintingCmd).size() == 4; }));
     const auto asked = host.exchanges(GetPrintingCmd);
-    for (int i = 1; i < 4; ++i)
-        EXPECT_THAT(asked[i].when - asked[i - 1].when, AllOf(Ge(1s), Lt(1500ms)));
+    for (std::size_t i = 1; i < asked.size(); ++i)
+        EXPECT_THAT(asked[i].when - asked[i - 1].when, AllOf(Ge(1s), Lt(2s)));
     const auto records = GuestTest::records();
     EXPECT_EQ(std::ranges::count(records, "SendRequest() was canceled"), 3);
-    EXPECT_EQ(stopService(1500ms), 0);
+    EXPECT_EQ(stopService(2s), 0);
 }
 
 TEST_F(ServiceTest, AQueueThatTheUserDeletesIsReportedOnceWhileTwoMoreExchangesWait) {
@@ -70,7 +70,7 @@ TEST_F(ServiceTest, AQueueThatTheUserDeletesIsReportedOnceWhileTwoMoreExchangesW
     startService();
     ASSERT_TRUE(host.waitUntil([&] { return host.isIdle(); }));
     sim::commandOutput("lpadmin -x Old");
-    EXPECT_TRUE(host.waitUntil([&] { return host.waiting(UserDeletedPrinters) == 1; }, 1500ms));
+    EXPECT_TRUE(host.waitUntil([&] { return host.waiting(UserDeletedPrinters) == 1; }, 2s));
     std::set<pid_t> waiting;
     for (const sim::Exchange& exchange : host.exchanges()) {
         if (!exchange.status)
@@ -105,7 +105,7 @@ TEST_F(ServiceTest, TheDefaultFollowsTheHost) {
 }
 
 TEST_F(ServiceTest, TheDefaultQueryOffersTheRoomThatTheHostAskedForLast) {
-    for (const std::uint32_t size : {200, 79})
+    for (const std::uint32_t size : {200U, 79U})
         host.fault(GetDefaultPrinter, {Fault::Kind::kAskFor, size, {}});
     addQueue("Office_Laser", "TAG1001");
     startService({"-v"});
@@ -208,9 +208,9 @@ TEST_F(ServiceTest, WhereTheDeviceRefusesLinkCallsTheBackdoorTakesThem) {
             if (runs && host.waitUntil([&] { return host.isIdle(); }))
                 hypervisor.signal(SIGTERM);
         });
-        // The leak check can't work under a tracer.
-        EXPECT_EQ(hypervisor.run({QNT_SERVICE}, {{"ASAN_OPTIONS", "detect_leaks=0"}}, 10s),
-                  exitCode);
+        // The sanitizer's leak check can't work under a tracer.
+        const auto sanitizer = std::getenv("ASAN_OPTIONS") + std::string(":detect_leaks=0");
+        EXPECT_EQ(hypervisor.run({QNT_SERVICE}, {{"ASAN_OPTIONS", sanitizer}}, 10s), exitCode);
         EXPECT_EQ(records().at(1), record);
         std::string heard;
         for (const auto& call : hypervisor.calls())
