@@ -9,7 +9,7 @@ build_packages=(cmake g++ libfuse3-dev ninja-build pkg-config)
 cups_packages=(cups cups-client printer-driver-postscript-hp)
 guest_packages=(fuse3 procps)
 test_packages=(clang clang-format clang-tidy libbenchmark-dev libclang-rt-14-dev libgmock-dev
-    libgtest-dev shellcheck)
+    libgtest-dev libspdlog-dev shellcheck)
 
 missing() {
     echo "$(basename "$0"): $1" >&2
