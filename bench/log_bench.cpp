@@ -61,7 +61,7 @@ void recordToFile(benchmark::State& state) {
     qnt::logFileSetPlacement(folder.path().c_str(), qnt::kLogFileName);
     for (auto _ : state)
         logDeletion();
-    const auto expected = state.iterations() * finishedRecord().size();
+    const auto expected = static_cast<std::uintmax_t>(state.iterations()) * finishedRecord().size();
     if (std::filesystem::file_size(folder.file()) != expected)
         state.SkipWithError("records are missing in the file");
 }
