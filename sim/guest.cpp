@@ -32,6 +32,7 @@ constexpr std::chrono::milliseconds kCupsLookPause(20);
 // Pointers to texts that live elsewhere, as the system takes them.
 std::vector<char*> pointersTo(const std::vector<std::string>& texts) {
     std::vector<char*> pointers;
+    pointers.reserve(texts.size() + 1);
     for (const std::string& text : texts)
         pointers.push_back(const_cast<char*>(text.c_str()));
     pointers.push_back(nullptr);
@@ -46,7 +47,7 @@ std::vector<std::string> environmentWith(const std::map<std::string, std::string
             lines.push_back(text);
     }
     for (const auto& [name, value] : variables)
-        lines.push_back(name + "=" + value);
+        lines.push_back(std::string(name).append("=").append(value));
     return lines;
 }
 

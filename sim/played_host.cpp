@@ -26,7 +26,7 @@ std::uint32_t sequenceOf(const Exchange& exchange) {
 PlayedHost::PlayedHost(std::function<void(const std::string&)> report)
     : m_report(std::move(report)),
       m_device({[this](SubmissionPtr submission) { arrive(std::move(submission)); },
-                [this](SubmissionPtr submission) { cancel(submission); }}) {}
+                [this](const SubmissionPtr& submission) { cancel(submission); }}) {}
 
 void PlayedHost::plug(const std::string& id, const std::string& name) {
     change([&] {
