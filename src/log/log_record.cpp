@@ -43,15 +43,16 @@ void forgetIds() {
     t_ids = {};
 }
 
+// At namespace scope: a local one would be guarded by a lock.
+[[maybe_unused]] const int g_idsForgottenInChild = pthread_atfork(nullptr, nullptr, forgetIds);
+
 const ThreadIds& ownIds() {
-    static const int registered = pthread_atfork(nullptr, nullptr, forgetIds);
-    static_cast<void>(registered);
     if (t_ids.process == 0)
         t_ids = {getpid(), static_cast<pid_t>(syscall(SYS_gettid))};
     return t_ids;
 }
 
-// A record under composition. What does not fit is cut off; the text stays zero-terminated.
+// A record under composition. What does not fit is cut off.
 class RecordBuffer {
 public:
     void appendTime() { m_length = logFormatTime(m_text); }
