@@ -46,27 +46,37 @@ private:
     sim::Process m_service;
 };
 
-// Printers that have one name or another.
+// Printers that have one name or another. The host would forget those whose queues the script
+// takes away, so its list is kept here.
 class RenamedPrinters {
 public:
-    RenamedPrinters(CommandedService& service, int count) : m_service(service), m_count(count) {
-        for (int i = 0; i < m_count; ++i) {
-            m_service.host().plug(idOf(i), "Office " + std::to_string(i));
-            m_service.carryOut(sim::addPrinter(idOf(i)));
+    RenamedPrinters(CommandedService& service, int count) : m_service(service) {
+        for (int i = 0; i < count; ++i)
+            m_printers.push_back({"TAG" + std::to_string(1000 + i), "Office " + std::to_string(i)});
+        for (const sim::HostPrinter& printer : m_printers) {
+            m_service.host().plug(printer.id, printer.name);
+            m_service.carryOut(sim::addPrinter(printer.id));
         }
     }
 
+    // All of the queues have the other name before.
     double rename(const std::string& newName) {
-        for (int i = 0; i < m_count; ++i)
-            m_service.host().rename(idOf(i), newName + std::to_string(i));
-        return m_service.carryOut(sim::printerList(m_service.host().printers()));
+        for (std::size_t i = 0; i < m_printers.size(); ++i)
+            m_printers[i].name = newName + " " + std::to_string(i);
+        const std::size_t alike = queuesCalled(newName);
+        const double seconds = m_service.carryOut(sim::printerList(m_printers));
+        if (alike != 0 || queuesCalled(newName) != m_printers.size())
+            throw std::runtime_error("The queues were not all renamed.");
+        return seconds;
     }
 
 private:
-    static std::string idOf(int number) { return "TAG" + std::to_string(1000 + number); }
+    static std::size_t queuesCalled(const std::string& name) {
+        return std::stoul(sim::commandOutput("lpstat -e | grep -c '^" + name + "_'"));
+    }
 
     CommandedService& m_service;
-    const int m_count;
+    std::vector<sim::HostPrinter> m_printers;
 };
 
 }  // namespace
@@ -95,8 +105,8 @@ void measureAdd(int rounds) {
 void measureRename(int rounds) {
     CommandedService service;
     RenamedPrinters printers(service, isTrial(rounds) ? kRenamedInTrial : kRenamed);
-    const auto to = [&] { return printers.rename("Floor "); };
-    const auto fro = [&] { return printers.rename("Office "); };
+    const auto to = [&] { return printers.rename("Floor"); };
+    const auto fro = [&] { return printers.rename("Office"); };
     std::vector<std::string> script;
     {
         const ShellRecorder recorder(folderHere());

@@ -20,6 +20,9 @@ constexpr int kMostQueues = 160;
 constexpr std::chrono::seconds kSettling(3);
 constexpr std::chrono::seconds kTrialWindow(2);
 constexpr std::chrono::seconds kWindow(20);
+constexpr std::chrono::milliseconds kRest(150);
+constexpr std::chrono::milliseconds kLookPause(5);
+constexpr int kSides = 2;  // that CUPS answers
 constexpr double kKibibyte = 1024;
 
 // The one line that the service runs every second.
@@ -29,6 +32,30 @@ std::string recordIdleLine(const sim::PlayedHost& host) {
     const ShellRecorder recorder(std::filesystem::current_path());
     std::this_thread::sleep_for(kSettling);
     return recorder.lines().at(0);
+}
+
+// What a process that works for an instant and then rests has used, at the end of such an instant.
+// Between two of these lies a whole number of them, however the seconds fall.
+struct Reading {
+    std::chrono::steady_clock::time_point when;
+    double used = 0;
+    double own = 0;   // by the process alone
+    double cups = 0;  // by the private CUPS
+};
+
+Reading readAtRest(const CpuAccount& account, pid_t process) {
+    const auto read = [&] {
+        return Reading{std::chrono::steady_clock::now(), account.seconds(), ownCpuSeconds(process),
+                       ownCpuSeconds(cupsProcess())};
+    };
+    const double before = account.seconds();
+    Reading last = read();
+    while (last.used == before || std::chrono::steady_clock::now() - last.when < kRest) {
+        std::this_thread::sleep_for(kLookPause);
+        if (account.seconds() != last.used)
+            last = read();
+    }
+    return last;
 }
 
 // A service and a shell loop that look at the same queues.
@@ -49,22 +76,22 @@ public:
 
     // Both are measured in the same seconds.
     void measure(const std::string& queues, std::chrono::seconds window) const {
-        const double service = m_serviceAccount.seconds();
-        const double own = ownCpuSeconds(m_service.pid());
-        const double loop = m_loopAccount.seconds();
-        const double cups = ownCpuSeconds(cupsProcess());
+        const Reading service = readAtRest(m_serviceAccount, m_service.pid());
+        const Reading loop = readAtRest(m_loopAccount, m_loop.pid());
         std::this_thread::sleep_for(window);
-        const auto perSecond = [&](double used) {
-            return used / static_cast<double>(window.count());
-        };
-        printValue("idle", queues, kOurs, perSecond(m_serviceAccount.seconds() - service));
-        printValue("idle own", queues, kOurs, perSecond(ownCpuSeconds(m_service.pid()) - own));
-        printValue("idle", queues, kScript, perSecond(m_loopAccount.seconds() - loop));
-        // It answers the two of them.
-        printValue("idle cupsd", queues, kOurs, perSecond(ownCpuSeconds(cupsProcess()) - cups) / 2);
+        printUse(queues, kOurs, service, readAtRest(m_serviceAccount, m_service.pid()));
+        printUse(queues, kScript, loop, readAtRest(m_loopAccount, m_loop.pid()));
     }
 
 private:
+    static void printUse(const std::string& queues, const std::string& side, const Reading& from,
+                         const Reading& to) {
+        const double seconds = std::chrono::duration<double>(to.when - from.when).count();
+        printValue("idle", queues, side, (to.used - from.used) / seconds);
+        printValue("idle own", queues, side, (to.own - from.own) / seconds);
+        printValue("idle cupsd", queues, side, (to.cups - from.cups) / seconds / kSides);
+    }
+
     sim::PlayedHost m_host;
     CpuAccount m_serviceAccount;
     CpuAccount m_loopAccount;
