@@ -9,7 +9,7 @@
 #include "cups/rename_printer.h"
 #include "cups/usb_discovery.h"
 #include "log/log_record.h"
-#include "service_fixture.h"
+#include "sim/service_fixture.h"
 
 using testing::ContainsRegex;
 using testing::EndsWith;

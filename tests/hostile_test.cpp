@@ -9,7 +9,7 @@
 #include "cups/queue_operations.h"
 #include "cups/rename_printer.h"
 #include "log/log_record.h"
-#include "service_fixture.h"
+#include "sim/service_fixture.h"
 
 namespace qnt {
 namespace {

@@ -8,8 +8,6 @@
 #include "hostlink/request_device.h"
 #include "printing/workers.h"
 
-using fuzz::require;
-
 namespace {
 
 fuzz::Answers g_answers;
@@ -21,8 +19,8 @@ std::string g_printerId;
 
 void follow(const std::uint8_t* buffer, std::size_t size) {
     g_sequence = qnt::readU32(buffer + 8);
-    const std::size_t length =
-        std::min<std::size_t>(size > 80 ? size - 80 : 0, qnt::readU32(buffer + 12));
+    const std::size_t room = size > 80 ? size - 80 : 0;
+    const std::size_t length = std::min<std::size_t>(room, qnt::readU32(buffer + 12));
     const auto items = fuzz::readItems(fuzz::Bytes(buffer + 80, buffer + 80 + length)).items;
     if (!items.empty() && items[0].type == qnt::PrinterId)
         g_printerId = items[0].text();
@@ -34,10 +32,9 @@ namespace qnt {
 
 bool SendRequest(DeviceRequest&, void* bytes, std::uint32_t inSize, std::uint32_t outSize) {
     auto* buffer = static_cast<std::uint8_t*>(bytes);
-    require(inSize == 80 && readU32(buffer) == 1 && readU32(buffer + 4) == 1, "a query");
-    require(__asan_region_is_poisoned(buffer, std::max(inSize, outSize)) == nullptr, "in memory");
-    require(readU32(buffer + 8) == g_sequence, "the sequence is echoed");
-    require(g_tool->m_defaultPrinterId == g_printerId, "the default is followed");
+    assert(inSize == 80 && readU32(buffer) == 1 && readU32(buffer + 4) == GetDefaultPrinter);
+    assert(__asan_region_is_poisoned(buffer, std::max(inSize, outSize)) == nullptr);
+    assert(readU32(buffer + 8) == g_sequence && g_tool->m_defaultPrinterId == g_printerId);
     g_tool->m_running = g_answers.deliver(buffer, outSize);
     if (g_tool->m_running && readU32(buffer + 16) == 0)
         follow(buffer, outSize);

@@ -3,11 +3,9 @@
 
 #pragma once
 
+#undef NDEBUG
 #include <algorithm>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <optional>
+#include <cassert>
 #include <string>
 #include <vector>
 
@@ -19,13 +17,6 @@
 namespace fuzz {
 
 using Bytes = std::vector<std::uint8_t>;
-
-inline void require(bool holds, const char* property) {
-    if (holds)
-        return;
-    std::fprintf(stderr, "does not hold: %s\n", property);
-    std::abort();
-}
 
 // Records are composed and then dropped.
 inline const bool g_quiet = [] {
@@ -50,9 +41,8 @@ inline Items readItems(const Bytes& bytes, std::uint64_t base = 0) {
     Items read;
     const auto field = [&](std::uint64_t at) { return qnt::readU32(&bytes[at]); };
     std::uint64_t at = base + 12;
-    if (at > bytes.size() || field(base) > bytes.size() - at)
-        return read;
-    if (field(base + 4) != 0x1000 && field(base + 4) != 0xACDCBABA)
+    if (at > bytes.size() || field(base) > bytes.size() - at ||
+        (field(base + 4) != 0x1000 && field(base + 4) != 0xACDCBABA))
         return read;
     for (const std::uint64_t end = at + field(base); !(read.whole = at == end);) {
         if (end - at < 12 || field(at) > end - at - 12 || field(at + 8) != read.items.size())
@@ -69,9 +59,8 @@ struct Answers {
     Bytes bytes;
     std::size_t at = 0;
 
-    // Writes the next answer into the room that a request offers, at least 20 bytes of storage;
-    // false after the last. An asked-for size beyond 4 KiB is made smaller, so that a run stays
-    // short, but keeps its low bits.
+    // Writes the next answer into the room that a request offers; false after the last. A size
+    // asked for beyond 4 KiB is made smaller, so that a run stays short, but keeps its low bits.
     bool deliver(std::uint8_t* buffer, std::size_t outSize) {
         if (bytes.size() - at < 2)
             return false;
@@ -79,9 +68,8 @@ struct Answers {
         const std::size_t length = std::min(announced, bytes.size() - at - 2);
         std::copy_n(bytes.data() + at + 2, std::min(length, outSize), buffer);
         at += 2 + length;
-        std::uint8_t* requiredSize = buffer + qnt::PrintingCmdHeader::kRequiredSize;
-        if (const std::uint32_t asked = qnt::readU32(requiredSize); asked > 4096)
-            qnt::writeU32(requiredSize, 4096 + asked % 4096);
+        if (const std::uint32_t asked = qnt::readU32(buffer + 16); asked > 4096)
+            qnt::writeU32(buffer + 16, 4096 + asked % 4096);
         return true;
     }
 };
