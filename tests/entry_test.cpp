@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <sys/mount.h>
 
-#include "tests/service_fixture.h"
+#include "sim/service_fixture.h"
 
 namespace qnt {
 namespace {

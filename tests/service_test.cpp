@@ -6,7 +6,7 @@
 
 #include "protocol/little_endian.h"
 #include "sim/hypervisor.h"
-#include "tests/service_fixture.h"
+#include "sim/service_fixture.h"
 
 namespace qnt {
 namespace {

@@ -9,7 +9,7 @@
 #include "log/log_record.h"
 #include "printing/printing_tool.h"
 #include "protocol/reconciliation.h"
-#include "tests/service_fixture.h"
+#include "sim/service_fixture.h"
 #include "tests/stream_bytes.h"
 
 static std::time_t g_now = 1'000'000;
