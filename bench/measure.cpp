@@ -102,8 +102,6 @@ int run(const std::vector<std::string>& arguments) {
         std::fprintf(stderr, "usage: measure add|rename|idle|life|exchanges ROUNDS\n");
         return 64;
     }
-    // The service's tools speak the byte locale; so do those beside it.
-    setenv("LC_ALL", "C", 1);
     const Guest guest;
     kMeasurements.at(arguments[0])(std::atoi(arguments[1].c_str()));
     return 0;
