@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "stream_bytes.h"
+#include "sim/stream_bytes.h"
 
 namespace qnt {
 namespace {

@@ -143,10 +143,8 @@ TEST_F(Log, KeepsErrno) {
 }
 
 TEST_F(Log, TakesALevelOfMinusOneForOne) {
-    for (const auto& [level, inForce] : {std::pair(0, 0), {3, 3}, {-1, 1}}) {
-        logSetLevel(level);
-        EXPECT_EQ(logGetLevel(), inForce);
-    }
+    logSetLevel(-1);
+    EXPECT_EQ(logGetLevel(), 1);
 }
 
 // Takes the log's file from its path, to be found under another name: moved, removed or replaced.

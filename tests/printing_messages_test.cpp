@@ -8,7 +8,7 @@
 
 #include "log/log_record.h"
 #include "protocol/printing_format.h"
-#include "stream_bytes.h"
+#include "sim/stream_bytes.h"
 
 namespace {
 enum { kAll, kNotZeroed, kNone } g_memory = kAll;  // what allocations still succeed
