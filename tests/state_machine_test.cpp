@@ -10,7 +10,7 @@
 #include "printing/printing_tool.h"
 #include "protocol/reconciliation.h"
 #include "sim/service_fixture.h"
-#include "tests/stream_bytes.h"
+#include "sim/stream_bytes.h"
 
 static std::time_t g_now = 1'000'000;
 
