@@ -10,7 +10,7 @@
 #include "hostlink/status_messages.h"
 #include "sim/device_file.h"
 #include "sim/host_namespace.h"
-#include "tests/stream_bytes.h"
+#include "sim/stream_bytes.h"
 #include "version.h"
 
 namespace qnt {
