@@ -124,10 +124,10 @@ void walkFlat(benchmark::State& state) {
 }
 
 // The order in which CUPS lists queues is that of their names, so the ids come in any.
-QueueBindingList shuffledQueues(std::size_t count, unsigned seed) {
+QueueBindingList shuffledQueues(std::size_t count, unsigned order) {
     std::vector<std::size_t> numbers(count);
     std::iota(numbers.begin(), numbers.end(), std::size_t{0});
-    std::shuffle(numbers.begin(), numbers.end(), std::mt19937(seed));
+    std::shuffle(numbers.begin(), numbers.end(), std::mt19937(order));
     QueueBindingList queues;
     for (const std::size_t number : numbers)
         queues.push_back({idOf(number), "Laser_" + std::to_string(number)});
