@@ -42,8 +42,7 @@ public:
     SpawnAttributes() {
         posix_spawnattr_init(&m_attributes);
         posix_spawnattr_setflags(
-            &m_attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-        posix_spawnattr_setpgroup(&m_attributes, 0);
+            &m_attributes, POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
         sigset_t signals;
         sigemptyset(&signals);
         posix_spawnattr_setsigmask(&m_attributes, &signals);
