@@ -151,6 +151,7 @@ TEST_F(ServiceTest, AToolThatHangsDoesNotHoldUpTheStop) {
         }
         const pid_t hung = std::stoi(contents(folder / "hung"));
         EXPECT_TRUE(isAlive(hung)) << row.tool;
+        EXPECT_NE(getsid(hung), getsid(0));  // no terminal that it could wait for
         EXPECT_EQ(stopService(2s), 0) << row.tool;
         EXPECT_TRUE(eventually([&] { return !isAlive(hung); }, 500ms)) << row.tool;
         EXPECT_EQ(records().back(), "closed, rc = 0");
@@ -161,7 +162,7 @@ TEST_F(ServiceTest, AToolThatHangsDoesNotHoldUpTheStop) {
 }
 
 TEST_F(ServiceTest, WithoutItsSecondWorkerTheServiceFails) {
-    startService({}, {{"LD_PRELOAD", QNT_THREAD_LIMIT}});
+    startService({}, {{"LD_PRELOAD", QNT_LIMITS}, {"QNT_ONE_THREAD", ""}});
     EXPECT_EQ(serviceEnds(), 1);
     EXPECT_THAT(records(), ElementsAre("starting . . .", "Open Kavelink link was opened.",
                                        "Opened /proc/driver/qnt_kl",
