@@ -114,7 +114,7 @@ protected:
         if (below(3) == 0)
             host.fault(UserDeletedPrinters, fault(command()));
         std::ofstream(kLog, std::ios::trunc).flush();
-        startService({"-v"}, {{"LD_PRELOAD", QNT_QUICK_SLEEP},
+        startService({"-v"}, {{"LD_PRELOAD", QNT_HURRIED_SERVICE},
                               {"ASAN_OPTIONS", std::getenv("ASAN_OPTIONS") + kSanitizer}});
         if (below(3) == 0)
             deleteQueues();

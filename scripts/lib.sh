@@ -50,3 +50,23 @@ configure() {
         return 1
     }
 }
+
+# configure_build KIND: build/KIND, as it is shipped (plain), with the address and
+# undefined-behaviour sanitizers (memory), or with the thread sanitizer (threads).
+configure_build() {
+    local -x CC=gcc CXX=g++
+    local options=()
+    case $1 in
+        memory)
+            CC=clang CXX=clang++
+            options=(-DCMAKE_BUILD_TYPE=Debug -DQNT_TEST_PREFIX=memory/
+                -DQNT_SANITIZE=address,undefined,fuzzer-no-link
+                -DCMAKE_CXX_FLAGS_DEBUG="-O1 -gline-tables-only")
+            ;;
+        threads)
+            options=(-DCMAKE_BUILD_TYPE=Debug -DQNT_TEST_PREFIX=threads/ -DQNT_SANITIZE=thread
+                -DCMAKE_CXX_FLAGS_DEBUG="-O1 -g1")
+            ;;
+    esac
+    configure "build/$1" "${options[@]}"
+}
