@@ -60,7 +60,7 @@ configure_build() {
         memory)
             CC=clang CXX=clang++
             options=(-DCMAKE_BUILD_TYPE=Debug -DQNT_TEST_PREFIX=memory/
-                -DQNT_SANITIZE=address,undefined,fuzzer-no-link
+                "-DQNT_SANITIZE=address,undefined,fuzzer-no-link"
                 -DCMAKE_CXX_FLAGS_DEBUG="-O1 -gline-tables-only")
             ;;
         threads)

@@ -31,7 +31,7 @@ extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attribute
 
 extern "C" int posix_spawn(pid_t* pid, const char* path, const posix_spawn_file_actions_t* actions,
                            const posix_spawnattr_t* attributes, char* const* arguments,
-                           char* const* environment) noexcept {
+                           char* const* environment) {
     static const auto real = next<decltype(posix_spawn)>("posix_spawn");
     const char* none = std::getenv("QNT_NO_PROCESS");
     return none != nullptr && access(none, F_OK) == 0
