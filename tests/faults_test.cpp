@@ -1,68 +1,59 @@
 // Broken surroundings, one after the other in a single life of the unmodified service: what it
 // records while something is broken, and that it is back at work by itself once that is mended.
 
-#include <sys/mount.h>
-#include <sys/resource.h>
+#include <gmock/gmock.h>
 
 #include "sim/service_fixture.h"
 
 namespace qnt {
 namespace {
 
-using sim::Fault;
+using testing::Contains;
+
+// Shell commands break and mend; what is in the file "script" happens to lpadmin. While it is
+// broken the host sends an add, which leaves a record, or none yet, and a queue or none.
+struct Break {
+    const char* what;
+    const char* breaks;
+    const char* mends;
+    const char* record;
+    bool queue;
+};
+
+const Break kBreaks[] = {
+    {"cupsd dies in the middle of a command", "echo kill -9 $CUPSD >script", "rm script",
+     "rc=256\n", false},
+    {"cupsd is gone", "kill -9 $CUPSD", ":", "rc=256\n", false},
+    {"cupsd is frozen", "kill -STOP $CUPSD", "kill -CONT $CUPSD", "", true},
+    {"lpadmin fails", "echo exit 3 >script", "rm script", "rc=768\n", false},
+    {"lpadmin crashes", "echo 'kill -SEGV $$' >script", "rm script", "rc=35584\n", false},
+    {"lpadmin hangs", "echo sleep 3 >script", "rm script", "", true},
+#if !QNT_SANITIZED  // there posix_spawn() is the sanitizer's
+    {"no process can be had", "touch none", "rm none", "rc=32512\n", false},
+#endif
+    {"no descriptor is left", "prlimit -p $SERVICE -n3:99", "prlimit -p $SERVICE -n99:99",
+     "addPrinter: id=", true},
+    {"the log's disk is full", "mount -t tmpfs -o size=16k log /var/log; yes >/var/log/filler",
+     "rm /var/log/filler", "", true},
+    {"the log's folder is locked",
+     "echo root:x:0:0::$PWD: >passwd; mount --bind passwd /etc/passwd;"
+     "mount -t tmpfs -o ro log /var/log",
+     ":", "addPrinter: id=", true},
+};
 
 class Faults : public ServiceTest {
 protected:
-    // While it is broken the host sends an add, of which there is a record, or which waits.
-    enum class Add { kFails, kSucceeds };
-    struct Row {
-        std::string what;
-        std::function<void()> breaks;
-        std::function<void()> mends;
-        std::string record;
-        Add add;
-    };
-
-    ~Faults() override {
-        for (const char* place : m_covered)
-            umount(place);
+    void run(const std::string& command) {
+        const std::string variables = "cd " + folder.string() +
+                                      " && CUPSD=" + std::to_string(guest.cups->pid()) +
+                                      " SERVICE=" + std::to_string(service->pid()) + "; ";
+        sim::commandOutput(variables + command + " 2>&-");
     }
-
-    static std::function<void()> signalCups(int number) {
-        return [number] { kill(guest.cups->pid(), number); };
-    }
-    static void restartCups() {
+    static void startCupsWhereItIsGone() {
+        if (sim::commandOutput("lpstat -r 2>&1") == "scheduler is running\n")
+            return;
         guest.cups->kill();
         guest.cups->start();
-    }
-    std::function<void()> lpadmin(const std::string& script) {
-        return [this, script] { standIn("lpadmin", script); };
-    }
-    std::function<void()> limitFiles(rlim_t number) {
-        return [this, number] {
-            const rlimit limit{number, 1024};
-            EXPECT_EQ(prlimit(service->pid(), RLIMIT_NOFILE, &limit, nullptr), 0);
-        };
-    }
-    std::function<void()> failWrites(std::uint32_t error) {
-        return [this, error] {
-            for (const std::uint32_t request : {sim::kRunLoopRequest, +GetDefaultPrinter})
-                host.fault(request, {Fault::Kind::kWriteError, error, {}});
-        };
-    }
-    void cover(const char* place, const fs::path& file, unsigned long flags, const char* options) {
-        ASSERT_EQ(mount(file.c_str(), place, "tmpfs", flags, options), 0);
-        m_covered.push_back(place);
-    }
-    void fillLogFolder() {
-        cover("/var/log", "log", 0, "size=16k");
-        std::ofstream("/var/log/filler") << std::string(1 << 20, 'x');
-    }
-    // The user's home is the fixture's folder.
-    void lockLogFolder() {
-        std::ofstream(folder / "passwd") << "root:x:0:0::" << folder.string() << ":\n";
-        cover("/etc/passwd", folder / "passwd", MS_BIND, nullptr);
-        cover("/var/log", "log", MS_RDONLY, nullptr);
     }
     bool logs(const std::string& text) const {
         return eventually([&] {
@@ -70,7 +61,6 @@ protected:
                    std::string::npos;
         });
     }
-
     void sendAdd(const std::string& id) {
         host.plug(id, "Desk " + id);
         host.send(sim::addPrinter(id));
@@ -82,61 +72,47 @@ protected:
         EXPECT_TRUE(hasQueue("Desk_" + id, id));
         EXPECT_TRUE(logs("Set default printer: '" + id + "'\n"));
     }
-    void meet(const Row& row, const std::string& id) {
-        SCOPED_TRACE(row.what);
-        fs::resize_file(kLog, 0);
-        row.breaks();
-        sendAdd(id);
-        if (row.record.empty())
-            std::this_thread::sleep_for(1500ms);
-        EXPECT_TRUE(logs(row.record));
-        row.mends();
-        EXPECT_TRUE(isIdle());
-        EXPECT_EQ(hasQueue("Desk_" + id, id), row.add == Add::kSucceeds);
-        expectAtWork(id + "x");
-    }
-
-private:
-    std::vector<const char*> m_covered;
 };
 
 TEST_F(Faults, AreOutlivedAllInOneLife) {
-    const auto nothing = [] {};
-    const auto realLpadmin = [&] { fs::remove(folder / "bin/lpadmin"); };
-    const auto realLpadminAndCups = [&] {
-        realLpadmin();
-        restartCups();
-    };
-    const std::string cups = std::to_string(guest.cups->pid());
-    const std::string real = "exec $real \"$@\"";
-    const std::string asked = "addPrinter: id=", unsent = "SendRequest() failed 0\n";
-    const Row rows[] = {
-        {"cupsd dies in the middle of a command", lpadmin("kill -9 " + cups + ';' + real),
-         realLpadminAndCups, "rc=256\n", Add::kFails},
-        {"cupsd is gone", signalCups(SIGKILL), restartCups, "rc=256\n", Add::kFails},
-        {"cupsd is frozen", signalCups(SIGSTOP), signalCups(SIGCONT), "", Add::kSucceeds},
-        {"lpadmin fails", lpadmin("exit 3"), realLpadmin, "rc=768\n", Add::kFails},
-        {"lpadmin crashes", lpadmin("kill -SEGV $$"), realLpadmin, "rc=35584\n", Add::kFails},
-        {"lpadmin hangs", lpadmin("sleep 3;" + real), realLpadmin, "", Add::kSucceeds},
-#if !QNT_SANITIZED  // there posix_spawn() is the sanitizer's
-        {"no process can be had", [&] { std::ofstream(folder / "none").flush(); },
-         [&] { fs::remove(folder / "none"); }, "rc=32512\n", Add::kFails},
-#endif
-        {"no descriptor is left", limitFiles(3), limitFiles(1024), asked, Add::kSucceeds},
-        {"the host's driver says EINTR", failWrites(EINTR), nothing, unsent, Add::kSucceeds},
-        {"the host's driver says EIO", failWrites(EIO), nothing, unsent, Add::kSucceeds},
-        {"the host's driver says ENODEV", failWrites(ENODEV), nothing, unsent, Add::kSucceeds},
-        {"the log's disk is full", [&] { fillLogFolder(); }, [] { fs::remove("/var/log/filler"); },
-         "", Add::kSucceeds},
-        {"the log's folder is locked", [&] { lockLogFolder(); }, nothing, asked, Add::kSucceeds},
-    };
+    standIn("lpadmin", "[ -e $folder/script ] && . $folder/script\nexec $real \"$@\"");
     startService({}, {{"LD_PRELOAD", QNT_LIMITS}, {"QNT_NO_PROCESS", folder / "none"}});
     std::string id = "TAGa";
-    for (const Row& row : rows) {
-        meet(row, id);
+    for (const Break& each : kBreaks) {
+        SCOPED_TRACE(each.what);
+        fs::resize_file(kLog, 0);
+        run(each.breaks);
+        sendAdd(id);
+        if (*each.record == '\0')
+            std::this_thread::sleep_for(1500ms);
+        EXPECT_TRUE(logs(each.record));
+        run(each.mends);
+        startCupsWhereItIsGone();
+        EXPECT_TRUE(isIdle());
+        EXPECT_EQ(hasQueue("Desk_" + id, id), each.queue);
+        expectAtWork(id + "x");
         ++id.back();
     }
     EXPECT_EQ(stopService(), 0);
+    run("umount /var/log /var/log /etc/passwd");
+}
+
+TEST_F(Faults, ExchangesThatFailAreRepeatedEachSecond) {
+    using Fault = sim::Fault;
+    for (const std::uint32_t request : {sim::kRunLoopRequest, +GetDefaultPrinter}) {
+        for (const std::uint32_t error : {EINTR, EIO, ENODEV})
+            host.fault(request, {Fault::Kind::kWriteError, error, {}});
+        host.fault(request, {Fault::Kind::kCancel, 0, {}});
+    }
+    startService();
+    expectAtWork("TAG1");
+    EXPECT_THAT(records(), Contains("SendRequest() failed 0").Times(6));
+    EXPECT_THAT(records(), Contains("SendRequest() was canceled").Times(2));
+    for (const std::uint32_t request : {GetPrintingCmd, GetDefaultPrinter}) {
+        const auto asked = host.exchanges(request);
+        for (std::size_t i = 1; i <= 4; ++i)
+            EXPECT_GE(asked[i].when - asked[i - 1].when, 1s);
+    }
 }
 
 // The driver that the service falls back to is the one that CUPS has.

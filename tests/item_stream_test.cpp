@@ -65,20 +65,6 @@ TEST(ItemStream, OpensWithEitherMagicOnly) {
     }
 }
 
-TEST(ItemStream, EndsAtEachTruncation) {
-    const auto size = static_cast<std::uint32_t>(kTwoItems.size());
-    for (std::uint32_t length = 0; length < size; ++length) {
-        Bytes cut(kTwoItems.begin(), kTwoItems.begin() + length);
-        EXPECT_EQ(Walk(cut).result, length < 12 ? kStreamBadHeader : kStreamTooShort) << length;
-        if (length < 12)
-            continue;
-        writeU32(cut.data(), length - 12);  // cut, and honest about it
-        const Walk walk(cut);
-        EXPECT_EQ(walk.texts.size(), length < 28 ? 0u : 1u) << length;
-        EXPECT_EQ(walk.result, length == 12 || length == 28 ? kStreamEnded : kStreamTooShort);
-    }
-}
-
 TEST(ItemStream, RefusesEachLengthThatLies) {
     for (const std::uint32_t base : {0u, 80u})
         for (const std::uint32_t value : edgeValues()) {

@@ -142,11 +142,6 @@ TEST_F(Log, KeepsErrno) {
     EXPECT_EQ(errno, EXDEV);
 }
 
-TEST_F(Log, TakesALevelOfMinusOneForOne) {
-    logSetLevel(-1);
-    EXPECT_EQ(logGetLevel(), 1);
-}
-
 // Takes the log's file from its path, to be found under another name: moved, removed or replaced.
 void takeAway(const fs::path& file, const fs::path& kept, int way) {
     if (way % 3 == 0)

@@ -1,6 +1,5 @@
 // Memory that runs out: the first allocation of a run fails, then the second, and so on for all
 // that it makes, those of libc included. The shell is the real one; host and CUPS are played.
-// printing_messages_test has the operations one by one.
 
 #include <gmock/gmock.h>
 #include <sys/wait.h>

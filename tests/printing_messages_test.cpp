@@ -3,32 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 
 #include "log/log_record.h"
 #include "protocol/printing_format.h"
 #include "sim/stream_bytes.h"
-
-namespace {
-enum { kAll, kNotZeroed, kNone } g_memory = kAll;  // what allocations still succeed
-}
-
-// The linker puts these in the place of the library's allocations.
-extern "C" {
-void* __real_malloc(std::size_t size);
-void* __real_calloc(std::size_t count, std::size_t size);
-void* __real_realloc(void* old, std::size_t size);
-void* __wrap_malloc(std::size_t size) {
-    return g_memory == kNone ? nullptr : __real_malloc(size);
-}
-void* __wrap_calloc(std::size_t count, std::size_t size) {
-    return g_memory == kAll ? __real_calloc(count, size) : nullptr;
-}
-void* __wrap_realloc(void* old, std::size_t size) {
-    return g_memory == kNone ? nullptr : __real_realloc(old, size);
-}
-}
 
 namespace qnt {
 namespace {
@@ -92,18 +71,6 @@ std::string parsed(const Bytes& payload) {
     return outcome;
 }
 
-TEST_F(PrintingMessages, FillsRequestsByteByByte) {
-    std::uint32_t size = 0;
-    Buffer command(90);
-    fillPrintingCmdRequest(command, 0x01020304, size);
-    EXPECT_EQ(size, 80u);
-    EXPECT_EQ(command.bytes(), words({1, 3, 0x01020304}) + Bytes(68) + Bytes(10, 0xEE));
-    Buffer pending(80);
-    fillPrintingCmdPendingRequest(pending, size = 0);
-    EXPECT_EQ(size, 80u);
-    EXPECT_EQ(pending.bytes(), words({1, 5}) + Bytes(72));
-}
-
 TEST_F(PrintingMessages, FillsTheResultAndGrowsTheBufferNoFurtherThanNeeded) {
     const Bytes request = words({1, 4, 7}) + Bytes(68) + words({16, 0x1000, 0, 4, 0x200E, 0, 2});
     for (const std::size_t before : {80u, 107u, 108u, 200u}) {
@@ -123,41 +90,6 @@ TEST_F(PrintingMessages, FillsTheDeletedPrintersExactly) {
         Buffer buffer(before);
         ASSERT_TRUE(fillUserDeletedPrintersRequest(buffer, {{"TAGA", "A"}, {"TAGBC", "B"}}));
         EXPECT_EQ(buffer.bytes(), request);
-    }
-}
-
-TEST_F(PrintingMessages, GrowsTheBufferToWhatTheHostAsksFor) {
-    for (const std::uint32_t required : {0u, 1u, 100u, 101u, 70000u}) {
-        Buffer buffer(150);
-        buffer.resize(100);
-        writeU32(buffer.data() + 16, required);
-        const Bytes before = buffer.bytes();
-        EXPECT_EQ(processAnswerFromHost(buffer), required == 0 ? AnswerCommand : AnswerNone);
-        EXPECT_EQ(buffer.bytes(), before + Bytes(std::max(required, 100u) - 100)) << required;
-    }
-    EXPECT_EQ(g_log, "");
-}
-
-TEST_F(PrintingMessages, ReportsExhaustedMemory) {
-    Buffer buffer(80);
-    writeU32(buffer.data() + 16, 200);
-    const Bytes before = buffer.bytes();
-    const std::string record = "F [PRINTING_TOOL] Not enough memory for ";
-    std::string log = record + "processAnswerFromHost\n" + record + "fillPrintingCmdAnsRequest\n" +
-                      record + "fillUserDeletedPrintersRequest\n";
-    for (const auto memory : {kNotZeroed, kNone}) {
-        std::uint32_t size = 0;
-        g_log.clear();
-        g_memory = memory;
-        const AnswerResult answer = processAnswerFromHost(buffer);
-        const bool filled = fillPrintingCmdAnsRequest(buffer, 1, 7, size) ||
-                            fillUserDeletedPrintersRequest(buffer, {{"TAG1", "Lab"}});
-        g_memory = kAll;
-        EXPECT_EQ(answer, AnswerFailed);
-        EXPECT_FALSE(filled);
-        EXPECT_EQ(buffer.bytes(), before);
-        EXPECT_EQ(g_log, log);
-        log = record + "processAnswerFromHost\n";  // a stream's own memory runs out silently
     }
 }
 

@@ -13,11 +13,8 @@ namespace {
 
 using sim::Bytes;
 using Fault = sim::Fault;
-using testing::AllOf;
 using testing::ElementsAre;
-using testing::Ge;
 using testing::IsEmpty;
-using testing::Lt;
 using testing::SizeIs;
 
 bool isAlive(pid_t pid) {
@@ -49,19 +46,6 @@ TEST_F(ServiceTest, AHostPrinterBecomesAQueueThatFollowsItsHost) {
     EXPECT_EQ(asked[1].outSize, 80U + 12 + 16 + 12 + 12 + 12 + 12 + 12 + 7 + 12 + 12);
     // All the while one query of the default printer was held.
     EXPECT_THAT(host.exchanges(GetDefaultPrinter), SizeIs(1));
-}
-
-TEST_F(ServiceTest, RequestsThatTheHostCancelsAreRepeatedEachSecond) {
-    for (int i = 0; i < 3; ++i)
-        host.fault(GetPrintingCmd, {Fault::Kind::kCancel, 0, {}});
-    startService();
-    ASSERT_TRUE(host.waitUntil([&] { return host.exchanges(GetPrintingCmd).size() == 4; }));
-    const auto asked = host.exchanges(GetPrintingCmd);
-    for (std::size_t i = 1; i < asked.size(); ++i)
-        EXPECT_THAT(asked[i].when - asked[i - 1].when, AllOf(Ge(1s), Lt(2s)));
-    const auto records = GuestTest::records();
-    EXPECT_EQ(std::ranges::count(records, "SendRequest() was canceled"), 3);
-    EXPECT_EQ(stopService(2s), 0);
 }
 
 TEST_F(ServiceTest, AQueueThatTheUserDeletesIsReportedOnceWhileTwoMoreExchangesWait) {
@@ -169,19 +153,6 @@ TEST_F(ServiceTest, WithoutItsSecondWorkerTheServiceFails) {
                                        "Failed to start thread 'SetDefaultPrinter'",
                                        "Open Kavelink link was closed.", "closed, rc = 1"));
     EXPECT_THAT(host.statusMessages(), ElementsAre(SizeIs(209), SizeIs(111)));
-}
-
-TEST_F(ServiceTest, ALogFileThatIsMovedAwayIsMadeAnew) {
-    startService();
-    ASSERT_TRUE(isIdle());
-    const std::string moved = std::string(kLog) + ".1";
-    fs::rename(kLog, moved);
-    std::this_thread::sleep_for(1100ms);
-    const std::string before = contents(moved);
-    host.setDefault("TAG1001");
-    EXPECT_TRUE(logContains("Set default printer: 'TAG1001'\n"));
-    EXPECT_EQ(contents(moved), before);
-    EXPECT_EQ(fs::status(kLog).permissions(), fs::perms(0666));
 }
 
 TEST_F(ServiceTest, WhereTheDeviceRefusesLinkCallsTheBackdoorTakesThem) {
