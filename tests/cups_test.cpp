@@ -112,16 +112,17 @@ TEST_F(Cups, ListsTheQueuesOfHostPrintersAndNoOthers) {
 
 TEST_F(Cups, MatchesAnIdToTheLetterOrRefusesIt) {
     std::istringstream words(R"(TAGx TAG. TAG.* TAG* TAGxx TAG[x] TAG\. TAG\(x\) TAG'x' TAG"x" TAG/x
-                                TAG^x$ ^TAGx * TAG#?@&;| TAG$(x) )" +
-                             std::string(894, 'T'));
+                                TAG^x$ TAG#?@&;| TAG$(x) TAG)" +
+                             std::string(891, 'x'));
     QueueBindingList bindings;
     for (std::string id; words >> id;)
         bindings.push_back({id, "Q" + std::to_string(bindings.size())});
     makeQueues(bindings);
     for (const auto& [id, name] : bindings)
         EXPECT_EQ(listed(id), id + ' ' + name + '\n');
-    for (const std::string& id : {std::string("TAG x"), std::string("TAG\nx"), std::string("TAG=x"),
-                                  std::string("TAGx\0", 5), std::string(895, 'T')}) {
+    for (const std::string& id :
+         {std::string("TAG x"), std::string("TAG\nx"), std::string("TAG=x"), std::string("1001"),
+          std::string("TAGx\0", 5), "TAG" + std::string(892, 'x')}) {
         EXPECT_EQ(listed(id), "refused") << id;
         std::string name = "New";
         addPrinter(name, id);
@@ -223,9 +224,11 @@ TEST_F(Cups, RenamesTheQueueOfAHostPrinterAndKeepsTheDefault) {
     EXPECT_EQ(said,
               "D renamePrinter: 'Office_Laser'->'Office Laser'\n"
               "D renamePrinter: 'Guests_Own'->'New'\n");
+    addQueue("Odd", "TAG1=2");
+    EXPECT_FALSE(renamePrinter("Odd", name = "New"));  // of an id that no queue is made for
     EXPECT_TRUE(renamePrinter("Office_Laser", name = "Desk Laser"));
     EXPECT_EQ(name, "Desk_Laser");
-    EXPECT_EQ(queues(), "Desk_Laser\nGuests_Own\n");
+    EXPECT_EQ(queues(), "Desk_Laser\nGuests_Own\nOdd\n");
     expectDefault("Desk_Laser");
     EXPECT_EQ(lastDefaultQueue(), "Desk_Laser");
 }

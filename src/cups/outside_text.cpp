@@ -42,7 +42,8 @@ std::optional<std::string> sedPattern(std::string_view text) {
 }
 
 bool isCarriableId(std::string_view id) {
-    return id.size() <= kLongestId && id.find_first_of(kNeverInIds) == std::string_view::npos;
+    return (id.empty() || id.starts_with(kHostIdStart)) && id.size() <= kLongestId &&
+           id.find_first_of(kNeverInIds) == std::string_view::npos;
 }
 
 bool refusesId(const std::string& id) {

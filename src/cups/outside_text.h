@@ -22,9 +22,13 @@ std::optional<std::string> sedPattern(std::string_view text);
 // bytes, a blank, the id and a newline.
 inline constexpr std::size_t kLongestId = 894;
 
-// Whether a printer id can be told from all others once it stands in a queue's device URI. The
-// listing cuts it out of a line at white space and behind the last "="; an id that holds these, or
-// is too long, would be taken for another printer's.
+// What the ids of host printers begin with, which tells their queues from the guest's own.
+inline constexpr std::string_view kHostIdStart = "TAG";
+
+// Whether a printer id can be told from all others once it stands in a queue's device URI. One that
+// does not begin as a host printer's does could be that of a USB printer of the guest's own. And
+// the listing cuts the id out of a line at white space and behind the last "="; one that holds
+// these, or is too long, would be taken for another printer's. The empty id stands for all.
 bool isCarriableId(std::string_view id);
 
 // Not isCarriableId, with a record.

@@ -10,12 +10,11 @@
 namespace qnt {
 namespace {
 
-constexpr char kAnyHostId[] = "TAG.*";
 constexpr std::string_view kWhiteSpace = " \t\n\v\f\r";
 
 // lpstat prints "device for QUEUE: URI"; sed keeps "QUEUE ID".
 std::optional<std::string> listCommand(const std::string& id) {
-    const auto pattern = id.empty() ? std::string(kAnyHostId) : sedPattern(id);
+    const auto pattern = id.empty() ? std::string(kHostIdStart) + ".*" : sedPattern(id);
     if (!pattern || !isCarriableId(id))
         return std::nullopt;
     const auto program =

@@ -25,7 +25,7 @@ bool renamePrinter(const std::string& currentName, std::string& newName) {
     const auto queue = std::find_if(
         queues.begin(), queues.end(),
         [&](const QueueBinding& candidate) { return candidate.queueName == currentName; });
-    if (queue == queues.end())
+    if (queue == queues.end() || refusesId(queue->id))
         return false;
     deletePrinter(currentName, queue->id);
     std::string createdName = newName;
