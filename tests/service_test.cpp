@@ -69,6 +69,17 @@ TEST_F(ServiceTest, AQueueThatTheUserDeletesIsReportedOnceWhileTwoMoreExchangesW
     EXPECT_THAT(host.deletedPrinters(), ElementsAre("TAG1001"));
 }
 
+TEST_F(ServiceTest, AStopThatCancelsTheRunLoopsReportIsOrderly) {
+    addQueue("Old", "TAG1001");
+    host.hold(UserDeletedPrinters);
+    startService();
+    ASSERT_TRUE(isIdle());
+    sim::commandOutput("lpadmin -x Old");
+    host.send(sim::waitOffline());
+    ASSERT_TRUE(host.waitUntil([&] { return host.waiting(UserDeletedPrinters) == 1; }));
+    EXPECT_EQ(stopService(), 0);
+}
+
 TEST_F(ServiceTest, TheDefaultFollowsTheHost) {
     host.setDefault("TAG1001");
     startService();

@@ -59,6 +59,7 @@ void endWorker(pthread_t& thread) {
 std::int32_t CPrintingTool::run() {
     m_running = true;
     m_defaultPrinterPending = false;
+    m_defaultPrinterId.clear();
     m_listSequence = 0;
     CCommandManager commands(m_knownQueues);
     getHostPrinterQueues(m_knownQueues, kListHostQueues);
@@ -106,6 +107,8 @@ std::int32_t CPrintingTool::converse(ICommandManager& commands) {
         if (!lock.held())
             return 0;
         if (!takeStep(answer, commands)) {
+            if (!m_running)
+                return 0;  // the stop has cancelled the step's report of deleted queues
             logRecord("", kServiceTag, 0, "Error in state machine execution");
             return 1;
         }
