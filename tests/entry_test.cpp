@@ -118,6 +118,15 @@ TEST_F(EntryTest, ADeviceLostBehindTheLinkEndsItWithStopped) {
     EXPECT_EQ(host.statusMessages()[0].size(), 111U);
 }
 
+TEST_F(EntryTest, ItWorksWithStandardFilesClosedAndStopSignalsBlocked) {
+    sim::PlayedHost host;
+    const std::string closed = "exec " QNT_SERVICE " <&- >&- 2>&-";
+    service.emplace(std::vector<std::string>{"env", "--block-signal=TERM", "sh", "-c", closed});
+    ASSERT_TRUE(host.waitUntil([&] { return host.isIdle(); }));
+    EXPECT_EQ(stopService(), 0);
+    EXPECT_EQ(host.statusMessages().size(), 2U);
+}
+
 TEST_F(EntryTest, ItsLifeIsRecordedAndItsFilesStayItsOwn) {
     standIn("lpstat", "ls -l /proc/$$/fd >>$folder/files; exec $real \"$@\"");
     sim::PlayedHost host;

@@ -1,5 +1,8 @@
 #include "app/service.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
@@ -13,6 +16,7 @@
 #include "log/log_record.h"
 #include "log/signal_scope.h"
 #include "printing/printing_tool.h"
+#include "printing/workers.h"
 
 namespace qnt {
 namespace {
@@ -28,12 +32,30 @@ static_assert(std::atomic<CPrintingTool*>::is_always_lock_free, "the stop handle
 KavelinkLink g_link;
 bool g_linkOpen = false;
 
-// Whatever the service was started with: the tools' wording is parsed and outside text is passed to
+// So that no channel gets a number from 0 to 2, and the tools have files there.
+void openStandardFiles() {
+    int descriptor = 0;
+    while (descriptor >= 0 && descriptor <= STDERR_FILENO)
+        descriptor = open("/dev/null", O_RDWR);
+    close(descriptor);
+}
+
+void letStopSignalsThrough() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGINT);
+    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+}
+
+// Whatever the service was started with. The tools' wording is parsed and outside text is passed to
 // them as bytes, so they get the C locale; and with SIGCHLD ignored the kernel would keep their
 // exit status to itself.
-void prepareForTools() {
-    setenv("LC_ALL", "C", 1);
+void takeKnownState() {
+    openStandardFiles();
+    letStopSignalsThrough();
     std::signal(SIGCHLD, SIG_DFL);
+    setenv("LC_ALL", "C", 1);
 }
 
 void installStopHandler() {
@@ -122,10 +144,11 @@ void stopSignalHandler(int) {
 int runService(int argc, char** argv) {
     if (readOptions(argc, argv) == OptionsResult::kUsagePrinted)
         return 0;
-    prepareForTools();
+    takeKnownState();
     logRecord("", kServiceTag, 0, "starting . . .");
     const int returnCode = workWithinMemory();
     closeLink();
+    blockStopSignals();  // so that this record is the last
     logRecord("", kServiceTag, 0, "closed, rc = %d", returnCode);
     return returnCode;
 }
