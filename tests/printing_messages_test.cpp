@@ -82,26 +82,6 @@ TEST_F(PrintingMessages, FillsTheResultAndGrowsTheBufferNoFurtherThanNeeded) {
     }
 }
 
-TEST_F(PrintingMessages, FillsTheDeletedPrintersExactly) {
-    const Bytes request = words({1, 6, 0}) + Bytes(68) + words({33, 0x1000, 0, 4, 0x200A, 0}) +
-                          "TAGA" + words({5, 0x200A, 1}) + "TAGBC";
-    ASSERT_EQ(request.size(), 125u);
-    for (const std::size_t before : {0u, 125u, 300u}) {
-        Buffer buffer(before);
-        ASSERT_TRUE(fillUserDeletedPrintersRequest(buffer, {{"TAGA", "A"}, {"TAGBC", "B"}}));
-        EXPECT_EQ(buffer.bytes(), request);
-    }
-}
-
-TEST_F(PrintingMessages, BoundsThePayloadByTheBuffer) {
-    for (const std::uint32_t size : {80u, 187u})
-        for (const std::uint32_t announced : edgeValues()) {
-            Buffer buffer(size);
-            writeU32(buffer.data() + 12, announced);
-            EXPECT_EQ(answerPayloadLength(buffer), std::min(announced, size - 80)) << announced;
-        }
-}
-
 // The payload of a list of one printer.
 const Bytes kListAnswer = words({95, 0x1000, 0}) + words({4, 0x200D, 0, 4}) +
                           words({67, 0x200F, 1, 55, 0x1000, 0}) +
@@ -183,23 +163,6 @@ TEST_F(PrintingMessages, TellsOfSkippedItemsFromLevelTwo) {
     const std::string skipped = "I [PRINTING_TOOL] Unsupported data skipped, type = ";
     const std::string twelve = skipped + "7, size = 12\n";
     EXPECT_EQ(g_log, twelve + twelve + skipped + "8203, size = 1\n");
-}
-
-TEST_F(PrintingMessages, TakesTheDefaultPrinterFromTheFirstItem) {
-    const std::vector<std::pair<Bytes, std::string>> cases = {
-        {stream({id("TAG1"), id("TAG2")}), "TAG1"},
-        {stream({id("")}), ""},
-        {stream({name("TAG1"), id("TAG2")}), "unchanged"},
-        {stream({}), "unchanged"},
-        {{}, "unchanged"},
-    };
-    for (const auto& [payload, expected] : cases) {
-        std::string printerId = "unchanged";
-        EXPECT_EQ(parseDefaultPrinterAnswer(printerId, payload.data(),
-                                            static_cast<std::uint32_t>(payload.size())),
-                  expected != "unchanged");
-        EXPECT_EQ(printerId, expected);
-    }
 }
 
 }  // namespace

@@ -8,8 +8,8 @@
 namespace qnt {
 
 // Bytes whose number changes on request, to exactly the size asked for; new bytes are zero. The
-// host may ask for sizes up to 4 GiB, so new memory is taken zeroed from the system and not
-// touched. One owner, one thread; throws nothing.
+// host may ask for sizes up to 4 GiB; new memory comes zeroed from the system, so that one costs
+// nothing before it is used. One owner, one thread; throws nothing.
 class ByteArray {
 public:
     ByteArray() = default;
