@@ -29,7 +29,8 @@ protected:
     }
 
     std::string text() {
-        const char* const known[] = {"TAG1", "TAG2", "TAG3", "Office Laser", "Front Desk", ""};
+        const char* const known[] = {"TAG1",         "TAG2",       "TAG3", "OWN1",
+                                     "Office Laser", "Front Desk", ""};
         if (below(8) != 0)
             return known[below(std::size(known))];
         std::string bytes(below(50), ' ');
@@ -80,7 +81,9 @@ protected:
         }
     }
 
-    Fault fault(Bytes answer) {
+    // What a request meets: its answer, of which so many of a hundred are mutated, or something
+    // else instead.
+    Fault fault(Bytes answer, std::uint32_t mutated) {
         const std::uint32_t sizes[] = {1, 19, 79, 80, 108, 500, 5000, 1 << 20, 1 << 27, ~0U};
         const int errors[] = {EINTR, EIO, ENODEV, EFAULT};
         const std::uint32_t kind = below(100);
@@ -92,7 +95,7 @@ protected:
             return {Fault::Kind::kWriteError, static_cast<std::uint32_t>(errors[below(4)]), {}};
         if (kind < 30)
             return {Fault::Kind::kAskFor, sizes[below(kind < 12 ? 10 : 9)], {}};
-        for (std::uint32_t changes = kind < 40 ? 1 + below(4) : 0; changes > 0; --changes)
+        for (std::uint32_t changes = kind < 30 + mutated ? 1 + below(4) : 0; changes > 0; --changes)
             mutate(answer);
         plugWhatIsAdded(answer);
         return {Fault::Kind::kRaw, 0, std::move(answer)};
@@ -108,11 +111,11 @@ protected:
         sim::PlayedHost host;
         host.fault(sim::kRunLoopRequest, {Fault::Kind::kAskFor, 1000, {}});
         for (int i = 0; i < 60; ++i)
-            host.fault(sim::kRunLoopRequest, fault(command()));
-        for (int i = 0; i < 20; ++i)
-            host.fault(GetDefaultPrinter, fault(sim::encodeDefaultPrinter(text(), below(9))));
+            host.fault(sim::kRunLoopRequest, fault(command(), 10));
+        for (int i = 0; i < 40; ++i)
+            host.fault(GetDefaultPrinter, fault(sim::encodeDefaultPrinter(text(), below(9)), 50));
         if (below(3) == 0)
-            host.fault(UserDeletedPrinters, fault(command()));
+            host.fault(UserDeletedPrinters, fault(command(), 50));
         std::ofstream(kLog, std::ios::trunc).flush();
         startService({"-v"}, {{"LD_PRELOAD", QNT_HURRIED_SERVICE},
                               {"ASAN_OPTIONS", std::getenv("ASAN_OPTIONS") + kSanitizer}});
@@ -131,7 +134,7 @@ protected:
         const std::string log = contents(kLog);
         EXPECT_TRUE(log.ends_with(failed ? "closed, rc = 1\n" : "closed, rc = 0\n"));
         EXPECT_EQ(log.find("Error in state machine execution\n") != std::string::npos, failed);
-        return host.exchanges().size();
+        return host.exchanges().size() - host.exchanges(sim::kLinkCall).size();
     }
 
     const std::string kSanitizer =

@@ -51,7 +51,7 @@ void waitOneSlice() {
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
     usleep(kSlice);
     pthread_setcancelstate(state, nullptr);
-    pthread_testcancel();
+    next<decltype(pthread_testcancel)>("pthread_testcancel")();
 }
 
 void cancellationPoint(const char* name) {
@@ -90,6 +90,11 @@ ssize_t write(int descriptor, const void* bytes, size_t size) {
     static const auto call = next<decltype(write)>("write");
     cancellationPoint("write");
     return call(descriptor, bytes, size);
+}
+
+void pthread_testcancel() {
+    cancellationPoint("pthread_testcancel");
+    next<decltype(pthread_testcancel)>("pthread_testcancel")();
 }
 
 char* fgets(char* line, int size, FILE* stream) {

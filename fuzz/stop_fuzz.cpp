@@ -93,8 +93,8 @@ TEST_F(Stops, AtEachCancellationPointOfTheWorkersAreOrderly) {
         expectOrderlyEnd(host);
     }
     std::istringstream points(contents(folder / "points"));
-    EXPECT_EQ(std::set<std::string>(std::istream_iterator<std::string>(points), {}),
-              (std::set<std::string>{"fgets", "sleep", "waitid", "write"}));
+    EXPECT_THAT(std::set<std::string>(std::istream_iterator<std::string>(points), {}),
+                testing::IsSupersetOf({"fgets", "sleep", "waitid", "write"}));
 }
 #endif
 
