@@ -17,8 +17,8 @@ import plot
 
 COUNTS = ("10", "100", "1000", "10000")
 GUESTS = 1000
-# Ten thousand times log ten thousand is four thousand times ten times log ten.
-LINEAR_SLOPE, SORTING_SLOPE = 1.1, 1.25
+# By how much an exponent of growth may differ for the noise of the machine.
+SLOPE_TOLERANCE = 0.05
 
 
 class Results:
@@ -110,15 +110,16 @@ def slope(results, figure):
     return math.log(growth) / math.log(int(COUNTS[-1]) / int(COUNTS[0]))
 
 
-def scaled(results, what, against, ours, theirs, limit, steepest):
-    """A row of the worst count of printers; it also has to grow no faster than it may."""
+def scaled(results, what, against, ours, theirs, limit):
+    """A row of the worst count of printers. It also has to grow no faster than the other side: a walk
+    is linear and a sort is n log n, whatever the caches add to both on this machine."""
     by_count = {c: ratios(results.of(ours, c), results.of(theirs, c)) for c in COUNTS}
     worst = max(by_count, key=lambda count: statistics.median(by_count[count]))
     medians = ", ".join(ratio_text(statistics.median(by_count[count])) for count in COUNTS)
-    exponent = slope(results, ours)
+    exponent, other = slope(results, ours), slope(results, theirs)
     row = Row(what, against, by_count[worst], limit)
-    row.detail = f"{medians} for {', '.join(COUNTS)}; time grows as n^{exponent:.2f}"
-    row.holds = exponent <= steepest
+    row.detail = f"{medians} for {', '.join(COUNTS)}; time grows as n^{exponent:.2f}, the other's as n^{other:.2f}"
+    row.holds = exponent <= other + SLOPE_TOLERANCE
     return row
 
 
@@ -137,12 +138,12 @@ def log_rows(r):
 def protocol_rows(r):
     def comparing(how, figure):
         return scaled(r, f"comparing known and listed queues, {how}", "sorting the same ids once",
-                      figure, "sortIds", 2, SORTING_SLOPE)
+                      figure, "sortIds", 2)
 
     return [
         scaled(r, "reading a `PrinterList` into a `PrintingCmd`",
                "a bare walk over the same headers that copies the texts", "parseList", "walkList",
-               1.3, LINEAR_SLOPE),
+               1.3),
         comparing("none changed", "compareSame"),
         comparing("one gone", "compareOneGone"),
         comparing("all in another order", "compareReordered"),
