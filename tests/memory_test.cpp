@@ -177,11 +177,6 @@ TEST_F(Memory, TheRunLoopEndsWithItsRecordAndCanRunAgain) {
         tool.stop();
         {
             const Outside outside;
-            EXPECT_THAT(g_log, AnyOf("", kStep, "Not enough memory to init m_bufferCmd;",
-                                     kNoMemory + "executeStateMachine;" + kStep,
-                                     kNoMemory + "processAnswerFromHost;" + kStep,
-                                     kNoMemory + "fillPrintingCmdAnsRequest;" + kStep,
-                                     testing::StartsWith("Failed to start thread")));
             EXPECT_EQ(result, t_thrown || !g_log.empty() ? 1 : 0);
             logs.insert(g_log);
         }
@@ -190,7 +185,9 @@ TEST_F(Memory, TheRunLoopEndsWithItsRecordAndCanRunAgain) {
         tool.stop();
         EXPECT_TRUE(carriedOut);
     });
-    EXPECT_EQ(logs.size(), 5U) << testing::PrintToString(logs);
+    EXPECT_EQ(logs, (std::set<std::string>{"", kStep, "Not enough memory to init m_bufferCmd;",
+                                           kNoMemory + "executeStateMachine;" + kStep,
+                                           kNoMemory + "processAnswerFromHost;" + kStep}));
 }
 
 }  // namespace

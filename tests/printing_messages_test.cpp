@@ -89,7 +89,6 @@ const Bytes kListAnswer = words({95, 0x1000, 0}) + words({4, 0x200D, 0, 4}) +
                           words({3, 0x200B, 1}) + "Lab";
 
 TEST_F(PrintingMessages, ParsesAnAnswerByteByByteAndNoTruncationOfIt) {
-    ASSERT_EQ(kListAnswer.size(), 187u - 80u);
     EXPECT_EQ(parsed(kListAnswer), "4 TAG1=Lab");
     for (Bytes cut = kListAnswer; !cut.empty();) {
         cut.pop_back();
