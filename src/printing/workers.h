@@ -2,8 +2,9 @@
 //
 // Both block the stop signals, so that those reach the main thread, and end when the tool stops
 // running or by cancellation: at their sleep, in a submission to the host, while they read a CUPS
-// tool's output or wait for its end, or while they wait for the tool's mutex. A mutex, a tool or a buffer that a
-// cancelled worker holds is given back as it unwinds. Neither ends for lack of memory.
+// tool's output or wait for its end, or while they wait for the tool's mutex. A mutex, a tool or a
+// buffer that a cancelled worker holds is given back as it unwinds. Neither ends for lack of
+// memory.
 
 #pragma once
 
