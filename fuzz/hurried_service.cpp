@@ -1,10 +1,10 @@
 // Preloaded into the service:
 //
 // - sleep()'s seconds last a fiftieth.
-// - The workers' calls that are cancellation points are counted. At the one whose number
-//   QNT_STOP_AT gives, the process gets SIGTERM, the call's name goes to the file QNT_STOPPED_AT
-//   names, and the worker stands there until it is cancelled. (In a service with the address
-//   sanitizer, the sanitizer's own calls come before these.)
+// - The workers' calls that are cancellation points are counted. At the one that QNT_STOP_AT names,
+//   e.g. "3 fgets" for the third fgets(), the process gets SIGTERM, and the worker stands there
+//   until it is cancelled. (In a service with the address sanitizer, the sanitizer's own calls come
+//   before these.)
 // - A child that is left when the process exits goes to the file QNT_CHILD_LEFT names.
 
 #include <dlfcn.h>
@@ -17,8 +17,8 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
-#include <string>
 
 namespace {
 
@@ -28,11 +28,6 @@ constexpr unsigned kSlicesOfASecond = 20;
 template <typename Function>
 Function* next(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
-
-void note(const char* variable, const std::string& text) {
-    if (const char* file = std::getenv(variable))
-        std::ofstream(file, std::ios::app) << text << '\n';
 }
 
 bool isCancellable() {
@@ -55,23 +50,24 @@ void waitOneSlice() {
 }
 
 void cancellationPoint(const char* name) {
-    static const char* const text = std::getenv("QNT_STOP_AT");
-    static const int stopAt = text != nullptr ? std::atoi(text) : 0;
-    if (stopAt == 0 || gettid() == getpid() || !isCancellable() || ++calls != stopAt)
+    static const char* const stopAt = std::getenv("QNT_STOP_AT");
+    if (stopAt == nullptr || gettid() == getpid() || !isCancellable())
         return;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-    note("QNT_STOPPED_AT", name);
+    char* wanted = nullptr;
+    const long number = std::strtol(stopAt, &wanted, 10);
+    if (std::strcmp(wanted + 1, name) != 0 || ++calls != number)
+        return;
     kill(getpid(), SIGTERM);
-    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
     for (;;)
         waitOneSlice();
 }
 
 struct AtExit {
     ~AtExit() {
-        if (std::string(program_invocation_short_name) == "qntspooler" &&
+        const char* file = std::getenv("QNT_CHILD_LEFT");
+        if (file != nullptr && std::strcmp(program_invocation_short_name, "qntspooler") == 0 &&
             waitpid(-1, nullptr, WNOHANG) != -1)
-            note("QNT_CHILD_LEFT", "a child is left");
+            std::ofstream(file) << "a child is left\n";
     }
 } atExit;
 
