@@ -40,20 +40,12 @@ void openStandardFiles() {
     close(descriptor);
 }
 
-void letStopSignalsThrough() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGTERM);
-    sigaddset(&signals, SIGINT);
-    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
-}
-
 // Whatever the service was started with. The tools' wording is parsed and outside text is passed to
 // them as bytes, so they get the C locale; and with SIGCHLD ignored the kernel would keep their
 // exit status to itself.
 void takeKnownState() {
     openStandardFiles();
-    letStopSignalsThrough();
+    unblockStopSignals();
     std::signal(SIGCHLD, SIG_DFL);
     setenv("LC_ALL", "C", 1);
 }

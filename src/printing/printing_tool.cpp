@@ -106,8 +106,9 @@ std::int32_t CPrintingTool::converse(ICommandManager& commands) {
         const ToolLock lock(m_mutex, UntilStopped(m_running));
         if (!lock.held())
             return 0;
+        const bool runningBefore = m_running;
         if (!takeStep(answer, commands)) {
-            if (!m_running)
+            if (runningBefore && !m_running)
                 return 0;  // the stop has cancelled the step's report of deleted queues
             logRecord("", kServiceTag, 0, "Error in state machine execution");
             return 1;

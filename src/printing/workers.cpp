@@ -19,6 +19,14 @@
 namespace qnt {
 namespace {
 
+void maskStopSignals(int how) {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(how, &signals, nullptr);
+}
+
 bool unlessCancelled() {
     pthread_testcancel();
     return true;
@@ -102,11 +110,11 @@ private:
 }  // namespace
 
 void blockStopSignals() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    maskStopSignals(SIG_BLOCK);
+}
+
+void unblockStopSignals() {
+    maskStopSignals(SIG_UNBLOCK);
 }
 
 void* deletedPrintersEntry(void* tool) {

@@ -16,8 +16,9 @@ namespace qnt {
 
 inline constexpr unsigned kDeletedCheckPauseSeconds = 1;
 
-// Blocks SIGINT and SIGTERM in the calling thread.
+// Blocks SIGINT and SIGTERM in the calling thread, and lets them through.
 void blockStopSignals();
+void unblockStopSignals();
 
 // 'DeletedPrinrters': once a second, reports to the host the queues that vanished from CUPS. The
 // entry operations take the CPrintingTool and return null.
