@@ -154,6 +154,7 @@ TEST_F(Hostile, NamesThatDifferInCaseAloneAreOneQueue) {
 // What the tools are given, on stand-ins that take everything.
 TEST_F(Hostile, EveryTextIsOneArgument) {
     standIn("lpadmin", "for word; do printf '%s\\0' \"$word\"; done >$folder/words");
+    standIn("lpstat", "cat $folder/listing 2>&-; rm -f $folder/listing");
     for (const std::string& text : corpus()) {
         std::string name = text;
         addPrinter(name, "TAG7");
@@ -168,6 +169,10 @@ TEST_F(Hostile, EveryTextIsOneArgument) {
             addPrinter(name = "Own", id);
             EXPECT_THAT(contents(folder / "words"),
                         testing::HasSubstr(std::string("\0-v\0", 4) + kUri + id + '\0'));
+            std::ofstream(folder / "listing") << "device for " << id << ": " << kUri << "TAG7\n";
+            setDefaultPrinter("TAG7");
+            EXPECT_TRUE(id.find('/') != std::string::npos ||
+                        contents(folder / "words") == std::string("-d\0", 3) + id + '\0');
         }
     }
     EXPECT_TRUE(fs::is_empty(folder / "work"));
