@@ -12,7 +12,7 @@
 #include <stdexcept>
 
 #include "bench/submit_loop.h"
-#include "sim/host_namespace.h"
+#include "sim/guest_namespace.h"
 
 namespace bench {
 namespace {
@@ -23,7 +23,7 @@ std::optional<sim::PrivateCups> g_cups;
 class Guest {
 public:
     Guest() {
-        sim::enterHostNamespace(m_folder / "log");
+        sim::enterGuestNamespace(m_folder / "log");
         std::filesystem::current_path(m_folder);
         g_cups.emplace(m_folder / "cups");
     }

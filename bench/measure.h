@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "sim/guest.h"
-#include "sim/played_host.h"
+#include "sim/simulated_host.h"
+#include "tests/support/private_cups.h"
 
 namespace bench {
 

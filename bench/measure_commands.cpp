@@ -22,7 +22,7 @@ class CommandedService {
 public:
     CommandedService() : m_service(startService()) { waitForIdle(); }
 
-    sim::PlayedHost& host() { return m_host; }
+    sim::SimulatedHost& host() { return m_host; }
 
     // Seconds from the command to the arrival of its result.
     double carryOut(const sim::HostCommand& command) {
@@ -42,7 +42,7 @@ private:
             throw std::runtime_error("The service asks for no command.");
     }
 
-    sim::PlayedHost m_host;
+    sim::SimulatedHost m_host;
     sim::Process m_service;
 };
 

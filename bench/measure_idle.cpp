@@ -26,7 +26,7 @@ constexpr int kSides = 2;  // that CUPS answers
 constexpr double kKibibyte = 1024;
 
 // The one line that the service runs every second.
-std::string recordIdleLine(const sim::PlayedHost& host) {
+std::string recordIdleLine(const sim::SimulatedHost& host) {
     if (!host.waitUntil([&] { return host.isIdle(); }))
         throw std::runtime_error("The service does not start.");
     const ShellRecorder recorder(std::filesystem::current_path());
@@ -92,7 +92,7 @@ private:
         printValue("idle cupsd", queues, side, (to.cups - from.cups) / seconds / kSides);
     }
 
-    sim::PlayedHost m_host;
+    sim::SimulatedHost m_host;
     CpuAccount m_serviceAccount;
     CpuAccount m_loopAccount;
     sim::Process m_service;

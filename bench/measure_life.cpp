@@ -25,7 +25,7 @@ double stop(sim::Process& process) {
     return secondsBetween(start, std::chrono::system_clock::now());
 }
 
-void waitForRequests(const sim::PlayedHost& host) {
+void waitForRequests(const sim::SimulatedHost& host) {
     const auto bothAsk = [&] {
         return host.waiting(qnt::GetPrintingCmd) == 1 && host.waiting(qnt::GetDefaultPrinter) == 1;
     };
@@ -34,7 +34,7 @@ void waitForRequests(const sim::PlayedHost& host) {
 }
 
 // The script of the checks that the service starts with.
-std::vector<std::string> checksScript(const sim::PlayedHost& host) {
+std::vector<std::string> checksScript(const sim::SimulatedHost& host) {
     const ShellRecorder recorder(std::filesystem::current_path());
     const sim::Process service = startService();
     waitForRequests(host);
@@ -43,7 +43,7 @@ std::vector<std::string> checksScript(const sim::PlayedHost& host) {
     return scriptOf("checks.sh", lines);
 }
 
-void measureServiceOnce(const sim::PlayedHost& host) {
+void measureServiceOnce(const sim::SimulatedHost& host) {
     const std::size_t before = host.exchanges().size();
     const std::size_t questionsBefore = host.exchanges(qnt::GetPrintingCmd).size();
     const auto start = std::chrono::system_clock::now();
@@ -66,7 +66,7 @@ void measureNeighbourOnce(const Neighbour& neighbour) {
 }  // namespace
 
 void measureLife(int rounds) {
-    const sim::PlayedHost host;
+    const sim::SimulatedHost host;
     const std::vector<std::string> checks = checksScript(host);
     const std::vector<Neighbour> neighbours = installedNeighbours();
     for (int round = 0; round < rounds; ++round) {

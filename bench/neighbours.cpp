@@ -1,6 +1,6 @@
 #include "bench/neighbours.h"
 
-#include "sim/guest.h"
+#include "tests/support/private_cups.h"
 
 namespace bench {
 

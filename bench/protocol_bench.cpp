@@ -14,7 +14,7 @@
 #include "protocol/little_endian.h"
 #include "protocol/printing_messages.h"
 #include "protocol/reconciliation.h"
-#include "sim/played_host.h"
+#include "sim/simulated_host.h"
 
 namespace {
 

@@ -142,7 +142,7 @@ const std::vector<Console::Command>& Console::commands() {
     return table;
 }
 
-Console::Console(PlayedHost& host, std::optional<Process>& program,
+Console::Console(SimulatedHost& host, std::optional<Process>& program,
                  std::function<void(const std::string&)> print)
     : m_host(host), m_program(program), m_print(std::move(print)) {}
 

@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "sim/guest.h"
-#include "sim/played_host.h"
+#include "sim/process.h"
+#include "sim/simulated_host.h"
 
 namespace sim {
 
@@ -26,7 +26,7 @@ class Console {
 public:
     using Words = std::vector<std::string>;
 
-    Console(PlayedHost& host, std::optional<Process>& program,
+    Console(SimulatedHost& host, std::optional<Process>& program,
             std::function<void(const std::string&)> print);
 
     // False when the line asks for the end. Throws ConsoleError.
@@ -56,7 +56,7 @@ private:
     void wait(const Words& words);
     void requireKnown(const std::string& id) const;
 
-    PlayedHost& m_host;
+    SimulatedHost& m_host;
     std::optional<Process>& m_program;
     const std::function<void(const std::string&)> m_print;
     bool m_ended = false;

@@ -20,8 +20,8 @@
 #include <thread>
 #include <utility>
 
-#include "sim/host_namespace.h"
-#include "sim/sender_memory.h"
+#include "sim/guest_namespace.h"
+#include "sim/process_memory.h"
 
 namespace sim {
 namespace {

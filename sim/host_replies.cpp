@@ -7,7 +7,7 @@
 #include "hostlink/link_device.h"
 #include "protocol/little_endian.h"
 #include "protocol/printing_format.h"
-#include "sim/messages.h"
+#include "sim/host_messages.h"
 
 namespace sim {
 namespace {

@@ -13,9 +13,9 @@
 #include <mutex>
 
 #include "sim/console.h"
-#include "sim/guest.h"
-#include "sim/host_namespace.h"
-#include "sim/played_host.h"
+#include "sim/guest_namespace.h"
+#include "sim/process.h"
+#include "sim/simulated_host.h"
 
 namespace sim {
 namespace {
@@ -113,9 +113,9 @@ void enterNamespace(const Options& options) {
         printLine("log folder " + folder);
     }
     if (options.namespaceEntered)
-        furnishHostNamespace(folder);
+        furnishGuestNamespace(folder);
     else
-        enterHostNamespace(folder);
+        enterGuestNamespace(folder);
 }
 
 // The exit code.
@@ -144,7 +144,7 @@ int playHost(const Options& options) {
         return kUsageExitCode;
     }
     enterNamespace(options);
-    PlayedHost host(options.quiet ? nullptr : std::function(printLine));
+    SimulatedHost host(options.quiet ? nullptr : std::function(printLine));
     std::optional<Process> program;
     if (!options.program.empty())
         program.emplace(options.program);

@@ -1,0 +1,281 @@
+#include "sim/host_messages.h"
+
+#include <cstdio>
+#include <ctime>
+#include <string_view>
+
+#include "hostlink/device_request.h"
+#include "hostlink/status_messages.h"
+#include "protocol/item_stream.h"
+#include "protocol/little_endian.h"
+#include "protocol/printing_format.h"
+
+namespace sim {
+namespace {
+
+using qnt::ItemStream;
+
+std::uint32_t sizeOf(const Bytes& bytes) {
+    return static_cast<std::uint32_t>(bytes.size());
+}
+
+template <typename Append>
+Bytes stream(Append append) {
+    ItemStream items;
+    items.create(0);
+    append(items);
+    return {items.data(), items.data() + items.streamEnd()};
+}
+
+void appendBytes(ItemStream& items, std::uint32_t type, const Bytes& bytes) {
+    items.appendItem(type, bytes.data(), sizeOf(bytes));
+}
+
+Bytes encodeList(const std::vector<HostPrinter>& printers) {
+    return stream([&](ItemStream& list) {
+        for (const HostPrinter& printer : printers) {
+            appendBytes(list, qnt::PrinterEntry, stream([&](ItemStream& entry) {
+                            entry.appendText(qnt::PrinterId, printer.id);
+                            entry.appendText(qnt::PrinterName, printer.name);
+                        }));
+        }
+    });
+}
+
+Bytes answerWith(const Bytes& payload, std::uint32_t sequence) {
+    Bytes answer = emptyAnswer(sequence);
+    qnt::writeU32(answer.data() + qnt::PrintingCmdHeader::kPayloadLength, sizeOf(payload));
+    answer.insert(answer.end(), payload.begin(), payload.end());
+    return answer;
+}
+
+// Outside text on a line of ours: quoted, with everything but printable ASCII and UTF-8 escaped.
+std::string quoted(std::string_view text) {
+    std::string result = "'";
+    for (const char byte : text) {
+        const auto value = static_cast<unsigned char>(byte);
+        char escape[5] = {byte, 0};
+        if (value < 0x20 || value == 0x7F || byte == '\'' || byte == '\\')
+            std::snprintf(escape, sizeof escape, "\\x%02x", value);
+        result += escape;
+    }
+    return result + '\'';
+}
+
+std::string number(const char* format, std::uint32_t value) {
+    char text[32];
+    std::snprintf(text, sizeof text, format, value);
+    return text;
+}
+
+struct Name {
+    std::uint32_t value;
+    const char* name;
+};
+constexpr Name kRequestNames[] = {{qnt::GetDefaultPrinter, "GetDefaultPrinter"},
+                                  {qnt::GetPrintingCmd, "GetPrintingCmd"},
+                                  {qnt::PrintingCmdAnswer, "PrintingCmdAnswer"},
+                                  {qnt::PrintingCmdPending, "PrintingCmdPending"},
+                                  {qnt::UserDeletedPrinters, "UserDeletedPrinters"}};
+constexpr Name kCommandNames[] = {{qnt::CmdAddPrinter, "CmdAddPrinter"},
+                                  {qnt::CmdDeletePrinter, "CmdDeletePrinter"},
+                                  {qnt::CmdDeleteOfflinePrinters, "CmdDeleteOfflinePrinters"},
+                                  {qnt::CmdPrinterList, "CmdPrinterList"},
+                                  {qnt::CmdWaitAllOffline, "CmdWaitAllOffline"}};
+
+template <std::size_t size>
+std::string nameOf(const Name (&names)[size], std::uint32_t value, const char* kind) {
+    for (const Name& entry : names) {
+        if (entry.value == value)
+            return entry.name;
+    }
+    return kind + (" " + std::to_string(value));
+}
+
+std::string describeList(const Bytes& list) {
+    std::string text = " [";
+    forEachItem(list, 0, [&](std::uint32_t, const Bytes& entry) {
+        text += text.size() > 2 ? ", " : "";
+        forEachItem(entry, 0, [&](std::uint32_t type, const Bytes& data) {
+            text += type == qnt::PrinterName ? " " + quoted(asText(data)) : asText(data);
+        });
+    });
+    return text + "]";
+}
+
+std::string describeItem(std::uint32_t type, const Bytes& data) {
+    switch (type) {
+        case qnt::PrinterId:
+            return " id=" + quoted(asText(data));
+        case qnt::CmdResult:
+            return " result=" + std::to_string(asU32(data));
+        case qnt::CmdCode:
+            return " " + nameOf(kCommandNames, asU32(data), "command");
+        case qnt::PrinterList:
+            return describeList(data);
+        default:
+            return number(" item 0x%x", type);
+    }
+}
+
+std::string describeItems(const Bytes& message) {
+    std::string text;
+    forEachItem(message, qnt::kPrintingCmdHeaderSize,
+                [&](std::uint32_t type, const Bytes& data) { text += describeItem(type, data); });
+    return text;
+}
+
+std::string describeLinkCall(const Bytes& message) {
+    if (message.empty())
+        return "link probe";
+    return "link message of " + std::to_string(message.size()) + " bytes, state " +
+           quoted(statusState(message));
+}
+
+std::string timeOfDay(std::chrono::system_clock::time_point time) {
+    const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
+    const auto part = std::chrono::duration_cast<std::chrono::milliseconds>(
+                          time - std::chrono::system_clock::from_time_t(seconds))
+                          .count();
+    std::tm local{};
+    localtime_r(&seconds, &local);
+    char text[32];
+    std::snprintf(text, sizeof text, "%02d:%02d:%02d.%03d", local.tm_hour, local.tm_min,
+                  local.tm_sec, static_cast<int>(part));
+    return text;
+}
+
+std::string describeOutcome(const Exchange& exchange) {
+    if (exchange.error != 0)
+        return "write fails with errno " + std::to_string(exchange.error);
+    if (!exchange.status)
+        return "held";
+    if (*exchange.status == qnt::kStatusCanceled)
+        return "cancelled";
+    if (*exchange.status != qnt::kStatusDone)
+        return number("status 0x%x", *exchange.status);
+    return exchange.code == qnt::QntKlReqPrinting ? describeAnswer(exchange.answer) : "done";
+}
+
+}  // namespace
+
+void forEachItem(const Bytes& message, std::uint32_t base, const ItemVisitor& visit) {
+    ItemStream items;
+    for (std::int32_t result = items.open(message.data(), sizeOf(message), base);
+         result == qnt::kStreamOk; result = items.next())
+        visit(items.itemType(), Bytes(items.itemData(), items.itemData() + items.itemLength()));
+}
+
+std::string asText(const Bytes& data) {
+    return {data.begin(), data.end()};
+}
+
+std::uint32_t asU32(const Bytes& data) {
+    return data.size() < sizeof(std::uint32_t) ? 0 : qnt::readU32(data.data());
+}
+
+Bytes emptyAnswer(std::uint32_t sequence) {
+    Bytes answer(qnt::kPrintingCmdHeaderSize);
+    qnt::writeU32(answer.data() + qnt::PrintingCmdHeader::kVersion, qnt::kPrintingVersion);
+    qnt::writeU32(answer.data() + qnt::PrintingCmdHeader::kSequence, sequence);
+    return answer;
+}
+
+Bytes roomRequest(std::uint32_t requiredSize) {
+    Bytes answer = emptyAnswer(0);
+    qnt::writeU32(answer.data() + qnt::PrintingCmdHeader::kRequiredSize, requiredSize);
+    return answer;
+}
+
+// A stream whose one item claims more bytes than there are.
+Bytes malformedAnswer() {
+    Bytes answer = encodeAnswer(addPrinter("TAG"), 0);
+    qnt::writeU32(answer.data() + qnt::kPrintingCmdHeaderSize + qnt::kStreamHeaderSize, 0xFFFFFFF0);
+    return answer;
+}
+
+HostCommand addPrinter(const std::string& id) {
+    return {qnt::CmdAddPrinter, id, {}};
+}
+
+HostCommand deletePrinter(const std::string& id) {
+    return {qnt::CmdDeletePrinter, id, {}};
+}
+
+HostCommand deleteOffline() {
+    return {qnt::CmdDeleteOfflinePrinters, {}, {}};
+}
+
+HostCommand printerList(const std::vector<HostPrinter>& printers) {
+    return {qnt::CmdPrinterList, {}, printers};
+}
+
+HostCommand waitOffline() {
+    return {qnt::CmdWaitAllOffline, {}, {}};
+}
+
+Bytes encodeAnswer(const HostCommand& command, std::uint32_t sequence) {
+    const bool namesPrinter =
+        command.code == qnt::CmdAddPrinter || command.code == qnt::CmdDeletePrinter;
+    return answerWith(stream([&](ItemStream& items) {
+                          Bytes code(qnt::kCmdCodeSize);
+                          qnt::writeU32(code.data(), command.code);
+                          appendBytes(items, qnt::CmdCode, code);
+                          if (namesPrinter)
+                              items.appendText(qnt::PrinterId, command.printerId);
+                          if (command.code == qnt::CmdPrinterList)
+                              appendBytes(items, qnt::PrinterList, encodeList(command.printers));
+                      }),
+                      sequence);
+}
+
+Bytes encodeDefaultPrinter(const std::string& id, std::uint32_t sequence) {
+    return answerWith(stream([&](ItemStream& items) { items.appendText(qnt::PrinterId, id); }),
+                      sequence);
+}
+
+std::string describeRequest(std::uint32_t code, const Bytes& request) {
+    if (code == qnt::QntKlReqLinkCall)
+        return describeLinkCall(request);
+    if (code != qnt::QntKlReqPrinting)
+        return number("request code 0x%x", code);
+    if (request.size() < qnt::kPrintingCmdHeaderSize)
+        return "printing request of " + std::to_string(request.size()) + " bytes";
+    const auto field = [&](std::uint32_t offset) { return qnt::readU32(request.data() + offset); };
+    return nameOf(kRequestNames, field(qnt::PrintingCmdHeader::kRequestType), "request type") +
+           " seq=" + std::to_string(field(qnt::PrintingCmdHeader::kSequence)) +
+           describeItems(request);
+}
+
+std::string describeAnswer(const Bytes& answer) {
+    if (answer.size() < qnt::kPrintingCmdHeaderSize)
+        return "answer of " + std::to_string(answer.size()) + " bytes";
+    const auto field = [&](std::uint32_t offset) { return qnt::readU32(answer.data() + offset); };
+    if (const std::uint32_t size = field(qnt::PrintingCmdHeader::kRequiredSize); size != 0)
+        return "needs " + std::to_string(size) + " bytes";
+    if (field(qnt::PrintingCmdHeader::kPayloadLength) == 0)
+        return "done";
+    const std::string items = describeItems(answer);
+    return items.empty() ? "malformed"
+                         : items.substr(1) +
+                               " seq=" + std::to_string(field(qnt::PrintingCmdHeader::kSequence));
+}
+
+std::string describeExchange(const Exchange& exchange) {
+    const auto end = exchange.answered.value_or(std::chrono::system_clock::now());
+    const auto held = std::chrono::duration_cast<std::chrono::milliseconds>(end - exchange.when);
+    return timeOfDay(end) + " " + describeRequest(exchange.code, exchange.request) + " (" +
+           std::to_string(exchange.inSize) + "/" + std::to_string(exchange.outSize) + ") -> " +
+           describeOutcome(exchange) + ", " + std::to_string(held.count()) + " ms";
+}
+
+std::string statusState(const Bytes& message) {
+    std::string state;
+    forEachItem(message, qnt::kStatusPrefixSize, [&](std::uint32_t type, const Bytes& data) {
+        if (type == qnt::StatusItemState)
+            state = asText(data);
+    });
+    return state;
+}
+
+}  // namespace sim

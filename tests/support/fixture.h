@@ -1,0 +1,156 @@
+// The words in which a test speaks of the whole system: a private real CUPS, a played host, the
+// unmodified service. Included by a test's one file, it puts the process into a host namespace and
+// starts CUPS before the first case. Every wait ends as soon as what it waits for is so.
+
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "sim/guest_namespace.h"
+#include "sim/simulated_host.h"
+#include "tests/support/private_cups.h"
+
+namespace qnt {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using Milliseconds = std::chrono::milliseconds;
+
+inline fs::path freshFolder() {
+    std::string name = "/tmp/qnt-test-XXXXXX";
+    return mkdtemp(name.data());
+}
+
+// What every case of a process shares.
+struct Guest : testing::Environment {
+    // The address sanitizer in the service minds LD_PRELOAD; and it must keep its marks off the
+    // stack, where the frames of a cancelled thread leave them behind for whatever runs there next.
+    void SetUp() override {
+        const std::string more = ":verify_asan_link_order=0:detect_stack_use_after_return=1";
+        setenv("ASAN_OPTIONS", "", 0);
+        setenv("ASAN_OPTIONS", (std::getenv("ASAN_OPTIONS") + more).c_str(), 1);
+        sim::enterGuestNamespace(folder / "log");
+        cups.emplace(folder / "cups");
+    }
+    void TearDown() override {
+        cups.reset();
+        fs::remove_all(folder);
+    }
+
+    const fs::path folder = freshFolder();
+    const std::string path = std::getenv("PATH");
+    std::optional<sim::PrivateCups> cups;
+};
+inline Guest& guest = dynamic_cast<Guest&>(*testing::AddGlobalTestEnvironment(new Guest));
+
+inline bool eventually(const std::function<bool()>& condition, Milliseconds time = 10s) {
+    const auto end = std::chrono::steady_clock::now() + time;
+    while (!condition() && std::chrono::steady_clock::now() < end)
+        std::this_thread::sleep_for(5ms);
+    return condition();
+}
+
+inline std::string contents(const fs::path& file) {
+    std::ostringstream text;
+    text << std::ifstream(file, std::ios::binary).rdbuf();
+    return text.str();
+}
+
+// A guest whose host is absent: no queue, no USB printer, an empty log.
+class GuestTest : public testing::Test {
+protected:
+    GuestTest() {
+        setenv("PATH", ((folder / "bin").string() + ":" + guest.path).c_str(), 1);
+        fs::create_directory(folder / "bin");
+        sim::commandOutput("lpstat -e | xargs -rn1 lpadmin -x");
+        sim::commandOutput(std::string("rm -rf ") + sim::kUsbDevicesFolder + "/*-*");
+        std::ofstream(kLog, std::ios::trunc).flush();
+    }
+    ~GuestTest() override {
+        service.reset();
+        setenv("PATH", guest.path.c_str(), 1);
+        fs::remove_all(folder);
+    }
+
+    // Puts a shell script in a tool's place. "$real" is the tool itself, $folder the test's own.
+    void standIn(const std::string& tool, const std::string& script) const {
+        std::ofstream(folder / "bin" / tool)
+            << "#!/bin/sh\nfolder=" << folder << " real=$(PATH=" << guest.path << " command -v "
+            << tool << ")\n"
+            << script << '\n';
+        fs::permissions(folder / "bin" / tool, fs::perms::all);
+    }
+
+    void startService(std::vector<std::string> options = {},
+                      const std::map<std::string, std::string>& variables = {}) {
+        options.insert(options.begin(), QNT_SERVICE);
+        service.emplace(options, variables, folder / "output");
+    }
+    // The exit code of a service that ends by itself, or after SIGTERM; -1 if it does not in time.
+    int serviceEnds(Milliseconds time = 10s) { return service->wait(time).value_or(-1); }
+    int stopService(Milliseconds time = 5s) {
+        service->signal(SIGTERM);
+        return serviceEnds(time);
+    }
+
+    // The messages of the log, behind their time, mark, tag and ids.
+    static std::vector<std::string> records() {
+        std::ifstream log(kLog);
+        std::vector<std::string> messages;
+        for (std::string record; std::getline(log, record);)
+            messages.push_back(record.substr(record.find("/ ") + 2));
+        return messages;
+    }
+    static bool logContains(const std::string& text) {
+        return eventually([&] { return contents(kLog).find(text) != std::string::npos; });
+    }
+
+    // Queues are known by their name and the host printer's id behind their device URI.
+    static void addQueue(const std::string& name, const std::string& id) {
+        int status = 1;
+        sim::commandOutput("lpadmin -p " + name + " -E -v '" + kUri + id + "'", &status);
+        ASSERT_EQ(status, 0);
+    }
+    static bool hasQueue(const std::string& name, const std::string& id) {
+        const std::string line = "device for " + name + ": " + kUri + id + '\n';
+        return sim::commandOutput("lpstat -v").find(line) != std::string::npos;
+    }
+    static bool isDefault(const std::string& name) {
+        return sim::commandOutput("lpstat -d") == "system default destination: " + name + '\n';
+    }
+    static void expectDefault(const std::string& name) {
+        EXPECT_TRUE(eventually([&] { return isDefault(name); })) << name;
+    }
+
+    static constexpr char kUri[] = "usb://HP/Color%20LaserJet%208500?serial=";
+    static constexpr char kLog[] = "/var/log/quintaris.log";
+    const fs::path folder = freshFolder();
+    std::optional<sim::Process> service;
+};
+
+class ServiceTest : public GuestTest {
+protected:
+    // Plugs a printer in and lets the host send its list and an add.
+    void addPrinter(const std::string& id, const std::string& name) {
+        host.plug(id, name);
+        host.sendPrinterList();
+        host.send(sim::addPrinter(id));
+    }
+    bool hasResults(std::size_t number) {
+        return host.waitUntil([&] { return host.results().size() >= number; });
+    }
+    bool isIdle() {
+        return host.waitUntil([&] { return host.isIdle(); });
+    }
+
+    sim::SimulatedHost host;
+};
+
+}  // namespace qnt

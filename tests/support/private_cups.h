@@ -1,0 +1,37 @@
+// A real CUPS for a test or a measurement, and what its tools print.
+
+#pragma once
+
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+
+#include "sim/process.h"
+
+namespace sim {
+
+// A real cupsd in a folder of its own, reached by CUPS_SERVER, which is set in this process's
+// environment. Answers when the constructor returns. Throws std::runtime_error otherwise; the
+// folder's path is to stay below 90 bytes, as a socket lies in it.
+class PrivateCups {
+public:
+    explicit PrivateCups(const std::string& folder);
+    ~PrivateCups();
+
+    pid_t pid() const;
+    void stop();   // SIGTERM and wait
+    void start();  // once more, with the queues it had
+    void kill();   // SIGKILL and wait
+
+    std::string socketPath() const;  // the value of CUPS_SERVER
+
+private:
+    std::string m_folder;
+    std::optional<Process> m_daemon;
+};
+
+// What a command prints on standard output; its exit code in `status`, if asked for.
+std::string commandOutput(const std::string& command, int* status = nullptr);
+
+}  // namespace sim

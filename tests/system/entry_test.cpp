@@ -1,0 +1,153 @@
+// The unmodified binary's start and end: its options, its records and its exit codes.
+
+#include <gmock/gmock.h>
+#include <sys/mount.h>
+
+#include "tests/support/fixture.h"
+
+namespace qnt {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::MatchesRegex;
+using Fault = sim::Fault;
+
+class EntryTest : public GuestTest {
+protected:
+    // Sleeps return at once and are noted in the file "sleeps".
+    void startInPlayedTime() {
+        startService({}, {{"LD_PRELOAD", QNT_PLAYED_TIME}, {"QNT_SLEEPS", folder / "sleeps"}});
+    }
+};
+
+TEST_F(EntryTest, OptionsAreReadFromLeftToRightUntilHelp) {
+    const std::pair<const char*, char> rows[] = {{"-h", '2'},
+                                                 {"-h -v", '2'},
+                                                 {"-v -h", '3'},
+                                                 {"-l0 -h", '0'},
+                                                 {"-l 3 -h", '3'},
+                                                 {"-l 4 -h", '2'},
+                                                 {"-l -1 -h", '2'},
+                                                 {"-l abc -h", '0'},
+                                                 {"-l 2x -h", '2'},
+                                                 {"-l '' -h", '0'},
+                                                 {"-l 4294967297 -h", '1'},
+                                                 {"-v -l 1 -h", '1'},
+                                                 {"-l 1 -v -h", '3'},
+                                                 {"-x word -h", '2'}};
+    for (const auto& [options, level] : rows) {
+        int status = -1;
+        EXPECT_THAT(sim::commandOutput(QNT_SERVICE " " + std::string(options), &status),
+                    "Quintaris Shared Printers Tool usage:\n " QNT_SERVICE
+                    " [options]\nOptions:\n -h   : This help\n"
+                    " -l   : Logging level [0, 3], default " +
+                        std::string(1, level) + "\n -v   : Verbose logging, set log level to 3\n")
+            << options;
+        EXPECT_EQ(status, 0);
+    }
+    EXPECT_THAT(records(), IsEmpty());
+}
+
+TEST_F(EntryTest, WithoutLpadminItEndsAtOnceWhateverTheUnknownOptions) {
+    startService({"-x", "-l"}, {{"PATH", folder / "bin"}});
+    EXPECT_EQ(serviceEnds(1s), 0);
+    EXPECT_THAT(records(), ElementsAre("starting . . .", "lpadmin not found in system",
+                                       "CUPS not available. Will exit.", "closed, rc = 0"));
+    EXPECT_THAT(contents(folder / "output"), HasSubstr("'x'"));
+    EXPECT_THAT(contents(folder / "output"), HasSubstr("'l'"));
+}
+
+TEST_F(EntryTest, AfterSevenFailuresOfLpstatItEnds) {
+    standIn("lpstat", "echo $# >>$folder/tries; exit 1");
+    startInPlayedTime();
+    EXPECT_EQ(serviceEnds(), 0);
+    EXPECT_THAT(records(), ElementsAre("starting . . .", "cups is not responding",
+                                       "CUPS not available. Will exit.", "closed, rc = 0"));
+    EXPECT_EQ(contents(folder / "tries"), "0\n0\n0\n0\n0\n0\n0\n");
+    EXPECT_EQ(contents(folder / "sleeps"), "10\n10\n10\n10\n10\n10\n");
+}
+
+TEST_F(EntryTest, ACupsThatAnswersAtTheFourthTryIsTaken) {
+    standIn("lpstat", "echo >>$folder/tries; [ $(wc -l <$folder/tries) -gt 3 ] && exec $real $*");
+    startInPlayedTime();
+    EXPECT_EQ(serviceEnds(), 1);
+    EXPECT_EQ(contents(folder / "sleeps"), "10\n10\n10\n");
+    EXPECT_EQ(records().at(1), "Could not open link to Open Kavelink: -5");
+}
+
+TEST_F(EntryTest, AStopSignalDuringTheCupsWaitHasItsDefaultEffect) {
+    standIn("lpstat", "touch $folder/asked; exit 1");
+    startService();
+    EXPECT_TRUE(eventually([&] { return fs::exists(folder / "asked"); }));
+    EXPECT_EQ(stopService(1s), 128 + SIGTERM);
+    EXPECT_THAT(records(), ElementsAre("starting . . ."));
+}
+
+TEST_F(EntryTest, WithoutALinkItFails) {
+    const std::vector<std::string> expected = {
+        "starting . . .", "Could not open link to Open Kavelink: -5", "closed, rc = 1"};
+    startService();  // no device
+    EXPECT_EQ(serviceEnds(), 1);
+    EXPECT_EQ(records(), expected);
+    fs::resize_file(kLog, 0);
+    sim::SimulatedHost host;
+    host.setLinkMode(sim::LinkMode::kRefuse);  // so the backdoor is tried, and faults
+    startService();
+    EXPECT_EQ(serviceEnds(), 1);
+    EXPECT_EQ(records(), expected);
+    EXPECT_EQ(host.exchanges().size(), 1U);
+}
+
+// The stop signal ends the wait for "initialized" and changes nothing else.
+TEST_F(EntryTest, ADeviceLostBehindTheLinkEndsItWithStopped) {
+    sim::SimulatedHost host;
+    host.fault(sim::kLinkCall, {Fault::Kind::kStatus, 0, {}});
+    host.fault(sim::kLinkCall, {Fault::Kind::kSilence, 0, {}});
+    startService();
+    ASSERT_TRUE(host.waitUntil([&] { return host.exchanges().size() == 2; }));
+    ASSERT_EQ(mount("none", sim::kDriverFolder, "tmpfs", 0, nullptr), 0);
+    EXPECT_EQ(stopService(), 1);
+    umount(sim::kDriverFolder);
+    EXPECT_THAT(records(),
+                ElementsAre("starting . . .", "Open Kavelink link was opened.", "Closing . . .",
+                            "Error: Can't open /proc/driver/qnt_kl", "Failed to open Kavelink",
+                            "Open Kavelink link was closed.", "closed, rc = 1"));
+    ASSERT_EQ(host.statusMessages().size(), 1U);
+    EXPECT_EQ(host.statusMessages()[0].size(), 111U);
+}
+
+TEST_F(EntryTest, ItWorksWithStandardFilesClosedAndStopSignalsBlocked) {
+    sim::SimulatedHost host;
+    const std::string closed = "exec " QNT_SERVICE " <&- >&- 2>&-";
+    service.emplace(std::vector<std::string>{"env", "--block-signal=TERM", "sh", "-c", closed});
+    ASSERT_TRUE(host.waitUntil([&] { return host.isIdle(); }));
+    EXPECT_EQ(stopService(), 0);
+    EXPECT_EQ(host.statusMessages().size(), 2U);
+}
+
+TEST_F(EntryTest, ItsLifeIsRecordedAndItsFilesStayItsOwn) {
+    standIn("lpstat", "ls -l /proc/$$/fd >>$folder/files; exec $real \"$@\"");
+    sim::SimulatedHost host;
+    startService({"-l", "2"});
+    ASSERT_TRUE(host.waitUntil([&] { return host.isIdle(); }));
+    ASSERT_TRUE(eventually([&] { return contents(folder / "files").find("-> pipe") != -1UL; }));
+    EXPECT_EQ(stopService(), 0);
+    std::string pattern;
+    for (const char* text :
+         {"F /qntspooler:%/ starting . . .", "I /qntspooler:%/ Open Kavelink link was opened.",
+          "I /QntCCBase:%/ Opened /proc/driver/qnt_kl", "I /qntspooler:%/ Closing . . .",
+          "I /qntspooler:%/ SendRequest.. was canceled",
+          "I /qntspooler:%/ Open Kavelink link was closed.", "F /qntspooler:%/ closed, rc = 0"})
+        pattern += "..-.. ..:..:..\\.... " + std::string(text) + "\n";
+    for (auto at = pattern.find('%'); at != std::string::npos; at = pattern.find('%'))
+        pattern.replace(at, 1, std::to_string(service->pid()) + ":[0-9a-f]+");
+    EXPECT_THAT(contents(kLog), MatchesRegex(pattern));
+    const std::string files = contents(folder / "files");
+    for (const char* own : {"qnt_kl", "quintaris.log"})
+        EXPECT_EQ(files.find(own), std::string::npos) << files;
+}
+
+}  // namespace
+}  // namespace qnt

@@ -1,0 +1,209 @@
+// The whole system: the unmodified service between a played host and a real CUPS.
+
+#include <gmock/gmock.h>
+
+#include <set>
+
+#include "protocol/little_endian.h"
+#include "tests/support/fixture.h"
+#include "tests/support/hypervisor.h"
+
+namespace qnt {
+namespace {
+
+using sim::Bytes;
+using Fault = sim::Fault;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+bool isAlive(pid_t pid) {
+    const std::string stat = contents("/proc/" + std::to_string(pid) + "/stat");
+    return !stat.empty() && stat.find(") Z") == std::string::npos;
+}
+
+TEST_F(ServiceTest, AHostPrinterBecomesAQueueThatFollowsItsHost) {
+    startService();
+    addPrinter("TAG1001", "Office Laser");
+    ASSERT_TRUE(hasResults(2));
+    EXPECT_TRUE(hasQueue("Office_Laser", "TAG1001"));
+    host.rename("TAG1001", "Front Desk");
+    host.sendPrinterList();
+    ASSERT_TRUE(hasResults(3));
+    EXPECT_TRUE(hasQueue("Front_Desk", "TAG1001"));
+    host.send(sim::waitOffline());
+    host.send(sim::deletePrinter("TAG1001"));
+    ASSERT_TRUE(hasResults(4));
+    EXPECT_EQ(sim::commandOutput("lpstat -v"), "");
+    EXPECT_EQ(stopService(), 0);
+    EXPECT_THAT(host.results(), ElementsAre(1, 1, 1, 1));
+    EXPECT_THAT(host.exchanges(PrintingCmdPending), SizeIs(1));
+    EXPECT_THAT(host.deletedPrinters(), IsEmpty());
+    EXPECT_THAT(host.statusMessages(), ElementsAre(SizeIs(209), SizeIs(111)));
+    // The first answer did not fit; the second request makes the room that it asked for.
+    const auto asked = host.exchanges(GetPrintingCmd);
+    EXPECT_EQ(asked[0].outSize, 80U);
+    EXPECT_EQ(asked[1].outSize, 80U + 12 + 16 + 12 + 12 + 12 + 12 + 12 + 7 + 12 + 12);
+    // All the while one query of the default printer was held.
+    EXPECT_THAT(host.exchanges(GetDefaultPrinter), SizeIs(1));
+}
+
+TEST_F(ServiceTest, AQueueThatTheUserDeletesIsReportedOnceWhileTwoMoreExchangesWait) {
+    addQueue("Old", "TAG1001");
+    addQueue("Kept", "TAG1002");
+    host.hold(UserDeletedPrinters);
+    startService();
+    ASSERT_TRUE(isIdle());
+    sim::commandOutput("lpadmin -x Old");
+    EXPECT_TRUE(host.waitUntil([&] { return host.waiting(UserDeletedPrinters) == 1; }, 2s));
+    std::set<pid_t> waiting;
+    for (const sim::Exchange& exchange : host.exchanges()) {
+        if (!exchange.status)
+            waiting.insert(exchange.thread);
+    }
+    EXPECT_THAT(waiting, SizeIs(3));
+    host.release(UserDeletedPrinters);
+    addPrinter("TAG1001", "New");
+    ASSERT_TRUE(hasResults(2));
+    std::this_thread::sleep_for(1200ms);
+    EXPECT_THAT(host.deletedPrinters(), ElementsAre("TAG1001"));
+}
+
+TEST_F(ServiceTest, AStopThatCancelsTheRunLoopsReportIsOrderly) {
+    addQueue("Old", "TAG1001");
+    host.hold(UserDeletedPrinters);
+    startService();
+    ASSERT_TRUE(isIdle());
+    sim::commandOutput("lpadmin -x Old");
+    host.send(sim::waitOffline());
+    ASSERT_TRUE(host.waitUntil([&] { return host.waiting(UserDeletedPrinters) == 1; }));
+    EXPECT_EQ(stopService(), 0);
+}
+
+TEST_F(ServiceTest, TheDefaultFollowsTheHost) {
+    host.setDefault("TAG1001");
+    startService();
+    ASSERT_TRUE(host.waitUntil([&] { return host.exchanges(GetDefaultPrinter).size() == 3; }));
+    addPrinter("TAG1001", "Office Laser");
+    ASSERT_TRUE(hasResults(2));
+    EXPECT_TRUE(isDefault("Office_Laser"));  // before the host had the add's result
+    addPrinter("TAG1002", "Second");
+    host.rename("TAG1001", "Front Desk");
+    host.sendPrinterList();
+    ASSERT_TRUE(hasResults(5));
+    EXPECT_TRUE(isDefault("Front_Desk"));
+    host.setDefault("TAG1002");
+    expectDefault("Second");
+    const auto records = GuestTest::records();
+    EXPECT_EQ(std::ranges::count(records, "Set default printer: 'TAG1001'"), 1);
+    EXPECT_EQ(std::ranges::count(records, "Set default printer: 'TAG1002'"), 1);
+}
+
+TEST_F(ServiceTest, TheDefaultQueryOffersTheRoomThatTheHostAskedForLast) {
+    for (const std::uint32_t size : {200U, 79U})
+        host.fault(GetDefaultPrinter, {Fault::Kind::kAskFor, size, {}});
+    addQueue("Office_Laser", "TAG1001");
+    startService({"-v"});
+    EXPECT_TRUE(logContains("D /"));
+    EXPECT_TRUE(logContains("Buffer too small reqSize = 79\n"));
+    host.setDefault("TAG1001");
+    expectDefault("Office_Laser");
+    host.fault(GetDefaultPrinter, {Fault::Kind::kAskFor, 10, {}});
+    host.fault(GetDefaultPrinter, {Fault::Kind::kSilence, 0, {}});
+    const auto queries = [&] { return host.exchanges(GetDefaultPrinter); };
+    ASSERT_TRUE(host.waitUntil([&] { return queries().size() == 6; }));
+    std::vector<std::uint32_t> room;
+    for (const sim::Exchange& query : queries()) {
+        EXPECT_EQ(query.inSize, 80U);
+        room.push_back(query.outSize);
+    }
+    EXPECT_THAT(room, ElementsAre(80, 200, 79, 111, 111, 10));
+    const auto sequence = [](const Bytes& message) { return readU32(&message[8]); };
+    EXPECT_NE(sequence(queries()[3].answer), 0U);
+    EXPECT_EQ(sequence(queries()[5].request), sequence(queries()[3].answer));
+}
+
+TEST_F(ServiceTest, AToolThatHangsDoesNotHoldUpTheStop) {
+    const struct {
+        std::string tool;
+        std::string option;
+        bool runLoopWaits;
+    } rows[] = {{"lpstat", "-v", false}, {"lpstat", "-v", true}, {"lpadmin", "-d", false}};
+    addQueue("Office_Laser", "TAG1001");
+    for (const auto& row : rows) {
+        standIn(row.tool, "[ $1 = " + row.option +
+                              " ] && [ -e $folder/hang ] && echo $$ >$folder/hung &&"
+                              " exec sleep 600\nexec $real \"$@\"");
+        startService();
+        ASSERT_TRUE(isIdle());
+        fs::create_directory(folder / "hang");
+        if (row.option == "-d")
+            host.setDefault("TAG1001");
+        ASSERT_TRUE(eventually([&] { return !contents(folder / "hung").empty(); }));
+        if (row.runLoopWaits) {
+            host.sendPrinterList();
+            ASSERT_TRUE(host.waitUntil([&] { return !host.isIdle(); }));
+        }
+        const pid_t hung = std::stoi(contents(folder / "hung"));
+        EXPECT_TRUE(isAlive(hung)) << row.tool;
+        EXPECT_NE(getsid(hung), getsid(0));  // no terminal that it could wait for
+        EXPECT_EQ(stopService(2s), 0) << row.tool;
+        EXPECT_TRUE(eventually([&] { return !isAlive(hung); }, 500ms)) << row.tool;
+        EXPECT_EQ(records().back(), "closed, rc = 0");
+        for (const char* mark : {"hang", "hung"})
+            fs::remove(folder / mark);
+        fs::remove(folder / "bin" / row.tool);
+    }
+}
+
+TEST_F(ServiceTest, WithoutItsSecondWorkerTheServiceFails) {
+    startService({}, {{"LD_PRELOAD", QNT_LIMITS}, {"QNT_ONE_THREAD", ""}});
+    EXPECT_EQ(serviceEnds(), 1);
+    EXPECT_THAT(records(), ElementsAre("starting . . .", "Open Kavelink link was opened.",
+                                       "Opened /proc/driver/qnt_kl",
+                                       "Failed to start thread 'SetDefaultPrinter'",
+                                       "Open Kavelink link was closed.", "closed, rc = 1"));
+    EXPECT_THAT(host.statusMessages(), ElementsAre(SizeIs(209), SizeIs(111)));
+}
+
+TEST_F(ServiceTest, WhereTheDeviceRefusesLinkCallsTheBackdoorTakesThem) {
+    sim::Hypervisor::Settings otherSignature, otherVersion, small, none, tooLong;
+    otherSignature.signature = 7;
+    otherVersion.version = 3;
+    none.maxTransfer = 0;
+    tooLong.announcedSize = 5;
+    tooLong.hostStatuses = {2, 0};
+    small.maxTransfer = 100;
+    const std::string failed = "Could not open link to Open Kavelink: ";
+    const std::string opened = "Open Kavelink link was opened.";
+    // Probe, begin, continue and cancel with the bytes that go out; then each message's length.
+    const std::tuple<sim::Hypervisor::Settings, int, std::string, std::string> rows[] = {
+        {otherSignature, 1, failed + "-5", "P0 "},
+        {otherVersion, 1, failed + "-6", "P0 "},
+        {none, 0, opened, "P0 "},
+        {tooLong, 0, opened, "P0 B209 X0 B111 =209 =111 "},
+        {small, 0, opened, "P0 B100 C9 C100 B11 C100 =209 =111 "},
+    };
+    host.setLinkMode(sim::LinkMode::kRefuse);
+    for (const auto& [settings, exitCode, record, talk] : rows) {
+        sim::Hypervisor hypervisor(settings);
+        const std::jthread stop([&, runs = exitCode == 0] {
+            if (runs && isIdle())
+                hypervisor.signal(SIGTERM);
+        });
+        // The sanitizer's leak check can't work under a tracer.
+        const auto sanitizer = std::getenv("ASAN_OPTIONS") + std::string(":detect_leaks=0");
+        EXPECT_EQ(hypervisor.run({QNT_SERVICE}, {{"ASAN_OPTIONS", sanitizer}}, 10s), exitCode);
+        EXPECT_EQ(records().at(1), record);
+        std::string heard;
+        for (const auto& call : hypervisor.calls())
+            heard += "PBCX"[call.in.rax - kBackdoorProbe] + std::to_string(call.in.rsi) + ' ';
+        for (const Bytes& message : hypervisor.messages())
+            heard += '=' + std::to_string(message.size()) + ' ';
+        EXPECT_EQ(heard, talk);
+        fs::resize_file(kLog, 0);
+    }
+}
+
+}  // namespace
+}  // namespace qnt

@@ -1,0 +1,215 @@
+// One exchange and one step at a time: the tool and its command manager in this process, against
+// the played host and the private CUPS. The expected bytes are composed here, field by field.
+
+#include "protocol/state_machine.h"
+
+#include <gmock/gmock.h>
+
+#include "hostlink/request_device.h"
+#include "log/log_record.h"
+#include "printing/printing_tool.h"
+#include "protocol/reconciliation.h"
+#include "tests/support/fixture.h"
+#include "tests/support/stream_bytes.h"
+
+static std::time_t g_now = 1'000'000;
+
+// The wall clock of pending commands, at a standstill.
+extern "C" std::time_t time(std::time_t*) noexcept {
+    return g_now;
+}
+
+namespace qnt {
+namespace {
+
+using sim::encodeAnswer;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+auto isOf(const std::string& id) {
+    return testing::Field("id", &QueueBinding::id, id);
+}
+
+class StateMachineTest : public ServiceTest {
+protected:
+    StateMachineTest() {
+        logSetLevel(3);
+        openRequestDevice();
+        tool.m_bufferCmd.resize(1000);
+        fillPrintingCmdRequest(tool.m_bufferCmd, 0, tool.m_requestSize);
+    }
+    ~StateMachineTest() override { closeRequestDevice(); }
+
+    using U32 = std::uint32_t;
+    static Bytes header(U32 type, U32 sequence) { return words({1, type, sequence}) + Bytes(68); }
+    static Bytes askForCommand(U32 sequence) { return header(3, sequence); }
+    static Bytes sayPending() { return header(5, 0); }
+    static Bytes answerWith(U32 result, U32 sequence) {
+        return header(4, sequence) + words({16, 0x1000, 0, 4, 0x200E, 0, result});
+    }
+    static Bytes asksFor(U32 size) { return words({0, 0, 99, 0, size}) + Bytes(60); }
+    static Bytes carries(const std::vector<U32>& payload) {
+        return words({0, 0, 99, 28, 0}) + Bytes(60) + words(payload);
+    }
+    static Bytes bareCode(U32 code) { return carries({16, 0x1000, 0, 4, 0x200D, 0, code}); }
+
+    bool exchange() {
+        return SendRequest(tool.m_request, tool.m_bufferCmd.data(), tool.m_requestSize,
+                           static_cast<U32>(tool.m_bufferCmd.size()));
+    }
+    // One pass of the run loop in which the host answers so; false when the step ends the run.
+    bool answered(const Bytes& answer) {
+        host.fault(sim::kRunLoopRequest, {sim::Fault::Kind::kRaw, 0, answer});
+        EXPECT_TRUE(exchange());
+        return executeStateMachine(tool, processAnswerFromHost(tool.m_bufferCmd), commands);
+    }
+    bool commanded(const sim::HostCommand& command) { return answered(encodeAnswer(command, 5)); }
+    Bytes request() const {
+        return {tool.m_bufferCmd.data(), tool.m_bufferCmd.data() + tool.m_requestSize};
+    }
+    QueueBindingList vanished() { return getUserDeletedPrinters(tool.m_knownQueues); }
+
+    CPrintingTool tool;
+    CCommandManager commands{tool.m_knownQueues};
+};
+
+TEST_F(StateMachineTest, EachAnswerIsFollowedByItsRequest) {
+    const Bytes list = encodeAnswer(sim::printerList({{"TAG1001", "Front Desk"}}), 17);
+    const struct {
+        Bytes answer;
+        Bytes next;
+        U32 offered;
+        bool queueExists;
+    } rows[] = {
+        {asksFor(300), askForCommand(0), 300, false},
+        {asksFor(100), askForCommand(0), 300, false},
+        {asksFor(300), askForCommand(0), 300, false},
+        {list, answerWith(1, 17), 300, false},
+        {encodeAnswer(sim::addPrinter("TAG1001"), 3), answerWith(1, 17), 300, true},
+        {list, answerWith(1, 17), 300, true},  // blanks make no other name
+        {bareCode(9), answerWith(2, 17), 300, true},
+        {bareCode(5), sayPending(), 300, true},  // a printer is online
+        {asksFor(400), sayPending(), 400, true},
+        {encodeAnswer(sim::printerList({}), 50), askForCommand(17), 400, true},  // dropped
+        {encodeAnswer(sim::deletePrinter("TAG1001"), 3), answerWith(1, 17), 400, false},
+        {bareCode(5), answerWith(1, 17), 400, false},
+        {bareCode(3), answerWith(1, 17), 400, false},
+        {encodeAnswer(sim::printerList({}), 18), answerWith(1, 18), 400, false},
+        {bareCode(0), answerWith(2, 18), 400, false},
+    };
+    host.plug("TAG1001", "Office Laser");
+    tool.m_bufferCmd.resize(80);
+    std::vector<std::pair<Bytes, U32>> expected = {{askForCommand(0), 80}}, sent;
+    for (const auto& row : rows) {
+        ASSERT_TRUE(answered(row.answer)) << expected.size();
+        EXPECT_EQ(hasQueue("Front_Desk", "TAG1001"), row.queueExists) << expected.size();
+        expected.emplace_back(row.next, row.offered);
+    }
+    host.fault(sim::kRunLoopRequest, {sim::Fault::Kind::kCancel, 0, {}});
+    EXPECT_FALSE(exchange());
+    for (const sim::Exchange& each : host.exchanges())
+        sent.emplace_back(each.request, each.outSize);
+    EXPECT_EQ(sent, expected);
+    EXPECT_THAT(records(), Contains(HasSubstr("deletePrinter:")).Times(2));
+    EXPECT_THAT(records(), Contains("[PRINTING_TOOL] Unknown command 9"));
+}
+
+TEST_F(StateMachineTest, AnAddStaysPendingUntilTheNextCommandWhichIsDropped) {
+    const std::string sleeps = folder / "sleeps";
+    setenv("QNT_SLEEPS", sleeps.c_str(), 1);
+    EXPECT_EQ(commands.pendingTimeLeft(), 0xFFFFFFFF);
+    ASSERT_TRUE(commanded(sim::addPrinter("TAG1002")));
+    unsetenv("QNT_SLEEPS");
+    EXPECT_EQ(contents(sleeps).size(), 120 * std::string("1\n").size());
+    EXPECT_THAT(records(), Contains("Cannot get name for printer with id=TAG1002"));
+    EXPECT_EQ(request(), sayPending());
+    for (const auto& [passed, left] : {std::pair{0, 120U}, {119, 1U}, {1, 0U}, {1, 0U}}) {
+        g_now += passed;
+        EXPECT_EQ(commands.pendingTimeLeft(), left);
+    }
+    host.plug("TAG1002", "Late");
+    ASSERT_TRUE(commanded(sim::addPrinter("TAG1002")));
+    EXPECT_EQ(request(), askForCommand(0));
+    EXPECT_EQ(commands.pendingTimeLeft(), 0xFFFFFFFF);
+    EXPECT_FALSE(hasQueue("Late", "TAG1002"));
+    ASSERT_TRUE(commanded(sim::addPrinter("TAG1002")));
+    ASSERT_TRUE(commanded(sim::waitOffline()));
+    EXPECT_EQ(request(), sayPending());
+    EXPECT_EQ(commands.pendingTimeLeft(), 0xFFFFFFFF);
+}
+
+TEST_F(StateMachineTest, OfTwoQueuesOfADeletedPrinterTheSecondCountsAsTheUsers) {
+    addQueue("Twin1", "TAG1001");
+    addQueue("Twin2", "TAG1001");
+    vanished();
+    ASSERT_TRUE(commanded(sim::deletePrinter("TAG1001")));
+    EXPECT_EQ(sim::commandOutput("lpstat -v"), "");
+    EXPECT_THAT(host.deletedPrinters(), IsEmpty());
+    ASSERT_EQ(tool.m_knownQueues.size(), 1U);
+    EXPECT_EQ(tool.m_knownQueues.front().queueName, "Twin2");
+    ASSERT_TRUE(commanded(sim::waitOffline()));
+    EXPECT_THAT(host.deletedPrinters(), ElementsAre("TAG1001"));
+}
+
+TEST_F(StateMachineTest, TheUsersDeletionsAreReportedBeforeTheCommandIsCarriedOut) {
+    addQueue("Kept", "TAG1001");
+    addQueue("Gone", "TAG1002");
+    vanished();
+    sim::commandOutput("lpadmin -x Gone");
+    host.fault(UserDeletedPrinters, {sim::Fault::Kind::kStatus, 5, {}});
+    EXPECT_FALSE(commanded(sim::deletePrinter("TAG1001")));
+    EXPECT_TRUE(hasQueue("Kept", "TAG1001"));
+    ASSERT_EQ(host.exchanges().size(), 2U);
+    EXPECT_EQ(host.exchanges()[1].request,
+              header(6, 0) + words({19, 0x1000, 0, 7, 0x200A, 0}) + "TAG1002");
+}
+
+TEST_F(StateMachineTest, AnUnusableAnswerEndsTheRun) {
+    for (const Bytes& answer : {bareCode(1), bareCode(2), bareCode(4), carries({0, 0x1000, 0}),
+                                carries({16, 0x1001, 0, 4, 0x200D, 0, 3})}) {
+        EXPECT_FALSE(answered(answer)) << testing::PrintToString(answer);
+        fillPrintingCmdRequest(tool.m_bufferCmd, 0, tool.m_requestSize);
+    }
+    for (const U32 pending : {0U, 1U, 5U}) {
+        commands.m_pendingCmd = pending;
+        EXPECT_FALSE(executeStateMachine(tool, AnswerFailed, commands));
+        EXPECT_EQ(request(), askForCommand(0));
+    }
+}
+
+TEST_F(StateMachineTest, QueuesThatNoListingShowsCountAsDeletedOnce) {
+    addQueue("One", "TAG1001");
+    addQueue("Two", "TAG1002");
+    vanished();
+    setenv("CUPS_SERVER", "/nowhere", 1);
+    EXPECT_THAT(vanished(), ElementsAre(isOf("TAG1001"), isOf("TAG1002")));
+    EXPECT_THAT(tool.m_knownQueues, IsEmpty());
+    setenv("CUPS_SERVER", guest.cups->socketPath().c_str(), 1);
+    EXPECT_THAT(vanished(), IsEmpty());
+    EXPECT_THAT(tool.m_knownQueues, ElementsAre(isOf("TAG1001"), isOf("TAG1002")));
+    sim::commandOutput("lpadmin -x One");
+    addQueue("Uno", "TAG1001");
+    EXPECT_THAT(vanished(), IsEmpty());
+}
+
+TEST_F(StateMachineTest, OfflineIsWhatIsUnpluggedOrDisabled) {
+    EXPECT_TRUE(areAllPrintersOffline());
+    for (const std::string id : {"TAG1001", "TAG1002", "TAG1003"}) {
+        addQueue("Q" + id, id);
+        host.plug(id, id);
+    }
+    host.unplug("TAG1002");
+    sim::commandOutput("cupsdisable QTAG1003");
+    vanished();
+    EXPECT_FALSE(areAllPrintersOffline());
+    ASSERT_TRUE(commanded(sim::deleteOffline()));
+    EXPECT_TRUE(hasQueue("QTAG1001", "TAG1001"));
+    EXPECT_THAT(vanished(), ElementsAre(isOf("TAG1002"), isOf("TAG1003")));
+    host.unplug("TAG1001");
+    EXPECT_TRUE(areAllPrintersOffline());
+}
+
+}  // namespace
+}  // namespace qnt
