@@ -12,7 +12,7 @@
 
 #include "log/log_file.h"
 #include "log/log_record.h"
-#include "log/owned_descriptor.h"
+#include "posix/unique_fd.h"
 
 namespace {
 
@@ -69,7 +69,7 @@ void recordToFile(benchmark::State& state) {
 void bareWrite(benchmark::State& state) {
     const LogFolder folder;
     const std::string record = finishedRecord();
-    const qnt::Descriptor file(
+    const qnt::UniqueFd file(
         open(folder.file().c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, qnt::kLogFileMode));
     for (auto _ : state) {
         if (write(file.get(), record.data(), record.size()) == -1)

@@ -3,14 +3,14 @@
 #include <fcntl.h>
 
 #include "hostlink/request_device.h"
-#include "log/owned_descriptor.h"
+#include "posix/unique_fd.h"
 #include "protocol/little_endian.h"
 #include "protocol/printing_format.h"
 
 namespace bench {
 
 int submitLoop() {
-    const qnt::Descriptor device(open(qnt::kRequestDevicePath, O_WRONLY | O_CLOEXEC));
+    const qnt::UniqueFd device(open(qnt::kRequestDevicePath, O_WRONLY | O_CLOEXEC));
     std::uint8_t buffer[qnt::kPrintingCmdHeaderSize] = {};
     qnt::writeU32(buffer + qnt::PrintingCmdHeader::kRequestType, qnt::GetPrintingCmd);
     qnt::writeU32(buffer + qnt::PrintingCmdHeader::kSequence, kLoopSequence);

@@ -4,7 +4,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "hostlink/link_device.h"
+#include "hostlink/kavelink_device.h"
 #include "protocol/little_endian.h"
 #include "protocol/printing_format.h"
 #include "sim/host_messages.h"

@@ -11,7 +11,7 @@
 #include <csignal>
 #include <stdexcept>
 
-#include "log/owned_descriptor.h"
+#include "posix/unique_fd.h"
 
 namespace sim {
 namespace {
@@ -72,8 +72,8 @@ Process::Process(const std::vector<std::string>& command,
     const std::vector<std::string> environment = environmentWith(variables);
     const std::vector<char*> words = pointersTo(command);
     const std::vector<char*> lines = pointersTo(environment);
-    const qnt::Descriptor input(open("/dev/null", O_RDONLY | O_CLOEXEC));
-    const qnt::Descriptor output(openOutput(outputFile));
+    const qnt::UniqueFd input(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    const qnt::UniqueFd output(openOutput(outputFile));
     m_pid = fork();
     if (m_pid == -1)
         throw std::runtime_error("Could not start " + command.front());
@@ -103,7 +103,7 @@ void Process::signal(int number) const {
 std::optional<int> Process::wait(std::chrono::milliseconds time) {
     if (m_result)
         return m_result;
-    const qnt::Descriptor process(static_cast<int>(syscall(SYS_pidfd_open, m_pid, 0)));
+    const qnt::UniqueFd process(static_cast<int>(syscall(SYS_pidfd_open, m_pid, 0)));
     pollfd ended{process.get(), POLLIN, 0};
     if (poll(&ended, 1, static_cast<int>(time.count())) <= 0)
         return std::nullopt;

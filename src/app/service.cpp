@@ -8,13 +8,14 @@
 #include <cstdlib>
 #include <new>
 
-#include "app/cups_check.h"
 #include "app/options.h"
 #include "hostlink/kavelink.h"
 #include "hostlink/request_device.h"
 #include "hostlink/status_messages.h"
 #include "log/log_record.h"
-#include "log/signal_scope.h"
+#include "log/log_time.h"
+#include "posix/shell_command.h"
+#include "posix/stop_signals.h"
 #include "printing/printing_tool.h"
 #include "printing/workers.h"
 
@@ -23,6 +24,9 @@ namespace {
 
 constexpr char kApplicationId[] = "quintaris.PrintingTool.guest.lin";
 constexpr char kApplicationName[] = "Quintaris Shared Printers Tool";
+
+constexpr int kCupsTries = 7;
+constexpr unsigned kCupsPauseSeconds = 10;  // between two tries
 
 // Set once, before the tool runs; the tool lives to the process's end.
 std::atomic<CPrintingTool*> g_printingTool{nullptr};
@@ -48,6 +52,27 @@ void takeKnownState() {
     unblockStopSignals();
     std::signal(SIGCHLD, SIG_DFL);
     setenv("LC_ALL", "C", 1);
+}
+
+bool doesCupsRespond() {
+    for (int tries = 1; runCommand("lpstat >/dev/null 2>&1") != 0; ++tries) {
+        if (tries == kCupsTries)
+            return false;
+        sleep(kCupsPauseSeconds);
+    }
+    return true;
+}
+
+bool isCupsAvailable() {
+    if (runCommand("type lpadmin >/dev/null 2>&1") != 0) {
+        logRecord("", kServiceTag, 0, "lpadmin not found in system");
+        return false;
+    }
+    if (!doesCupsRespond()) {
+        logRecord("", kServiceTag, 0, "cups is not responding");
+        return false;
+    }
+    return true;
 }
 
 void installStopHandler() {

@@ -4,8 +4,8 @@
 #include <optional>
 #include <string_view>
 
-#include "cups/outside_text.h"
-#include "cups/shell.h"
+#include "cups/printer_names.h"
+#include "posix/shell_command.h"
 
 namespace qnt {
 namespace {
@@ -15,10 +15,10 @@ constexpr std::string_view kWhiteSpace = " \t\n\v\f\r";
 // lpstat prints "device for QUEUE: URI"; sed keeps "QUEUE ID".
 std::optional<std::string> listCommand(const std::string& id) {
     const auto pattern = id.empty() ? std::string(kHostIdStart) + ".*" : sedPattern(id);
-    if (!pattern || !isCarriableId(id))
+    if (!pattern || !isValidPrinterId(id))
         return std::nullopt;
     const auto program =
-        shellWord(R"(s/device for \(.*\): usb:.*=\()" + *pattern + R"(\)$/\1 \2/p)");
+        shellQuote(R"(s/device for \(.*\): usb:.*=\()" + *pattern + R"(\)$/\1 \2/p)");
     return "LANG=C lpstat -v | sed -n " + *program;
 }
 
@@ -46,7 +46,7 @@ bool listPrinterQueues(QueueBindingList& queues, const std::string& id) {
     if (!command || !output.open(*command))
         return false;
     char piece[kOutputPieceSize];
-    while (output.readPiece(piece))
+    while (output.readLine(piece))
         appendBinding(queues, piece);
     output.close();
     return true;

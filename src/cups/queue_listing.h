@@ -4,11 +4,21 @@
 #pragma once
 
 #include <cstdint>
+#include <list>
 #include <string>
 
-#include "cups/queue_binding.h"
-
 namespace qnt {
+
+// `id` is the host's identifier of a printer, the USB serial number of its virtual device and the
+// text behind the last "=" of the queue's device URI. Ids and names are compared byte for byte.
+struct QueueBinding {
+    std::string id;
+    std::string queueName;
+};
+
+// Queues in the order in which lpstat prints them, or the host's printers in the host's order
+// with their names in `queueName`. An id may occur more than once.
+using QueueBindingList = std::list<QueueBinding>;
 
 // Bit 0 of getHostPrinterQueues' flags; the other bits have no effect.
 inline constexpr std::int32_t kListHostQueues = 1;

@@ -2,11 +2,11 @@
 
 #include <optional>
 
-#include "cups/outside_text.h"
+#include "cups/printer_names.h"
 #include "cups/queue_listing.h"
-#include "cups/shell.h"
 #include "cups/usb_discovery.h"
 #include "log/log_record.h"
+#include "posix/shell_command.h"
 
 namespace qnt {
 namespace {
@@ -22,11 +22,11 @@ bool isOneQueueToLpstat(const std::string& queueName) {
 
 std::optional<std::string> queueStateCommand(const std::string& queueName) {
     if (isOneQueueToLpstat(queueName)) {
-        const auto word = queueWord(queueName);
+        const auto word = quotedQueueName(queueName);
         return word ? std::optional("LANG=C lpstat -p " + *word) : std::nullopt;
     }
     const auto pattern = sedPattern(queueName);
-    const auto program = shellWord("/^printer " + pattern.value_or("") + " /p");
+    const auto program = shellQuote("/^printer " + pattern.value_or("") + " /p");
     return pattern && program ? std::optional("LANG=C lpstat -p | sed -n " + *program)
                               : std::nullopt;
 }
@@ -59,7 +59,7 @@ void setDefaultPrinter(const std::string& id) {
     if (!listPrinterQueues(queues, id) || queues.empty())
         return;
     const std::string& queueName = queues.back().queueName;
-    const auto word = queueWord(queueName);
+    const auto word = quotedQueueName(queueName);
     if (!word)
         return;
     const std::string command = "lpadmin -d " + *word;
@@ -79,7 +79,7 @@ void deletePrinter(const std::string& queueName, const std::string& id) {
     logRecord("", kServiceTag, 0, "deletePrinter: name=%s id=%s", queueName.c_str(), id.c_str());
     if (queueName.empty())
         return;
-    const auto word = queueWord(withoutBlanks(queueName));
+    const auto word = quotedQueueName(queueNameFor(queueName));
     if (!word)
         return;
     const std::string command = "lpadmin -x " + *word;
@@ -91,7 +91,7 @@ void deletePrinter(const std::string& queueName, const std::string& id) {
 
 void deletePrinterById(const std::string& id) {
     QueueBindingList queues;
-    if (refusesId(id) || !getHostPrinterQueues(queues, kListHostQueues))
+    if (rejectInvalidId(id) || !getHostPrinterQueues(queues, kListHostQueues))
         return;
     for (const QueueBinding& queue : queues) {
         if (queue.id == id)

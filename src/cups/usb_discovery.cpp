@@ -4,7 +4,7 @@
 
 #include <cstdio>
 
-#include "log/owned_descriptor.h"
+#include "posix/unique_fd.h"
 
 namespace qnt {
 namespace {

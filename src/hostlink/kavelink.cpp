@@ -1,8 +1,7 @@
 #include "hostlink/kavelink.h"
 
-#include "hostlink/backdoor.h"
-#include "hostlink/link_backdoor.h"
-#include "hostlink/link_device.h"
+#include "hostlink/kavelink_backdoor.h"
+#include "hostlink/kavelink_device.h"
 
 namespace qnt {
 namespace {
@@ -17,7 +16,7 @@ std::int32_t openOverDevice(KavelinkLink& link) {
 
 std::int32_t openOverBackdoor(KavelinkLink& link) {
     link.kind = LinkKindBackdoor;
-    BackdoorVersion version;
+    BackdoorInfo version;
     const std::int32_t result = guardedBackdoorProbe(&version);
     if (result == kLinkOk) {
         link.handle = version.maxTransfer;

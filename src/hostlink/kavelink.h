@@ -8,9 +8,20 @@
 
 #include <cstdint>
 
-#include "hostlink/link_result.h"
-
 namespace qnt {
+
+enum LinkResult : std::int32_t {
+    kLinkOk = 0,
+    kLinkBadArgument = -1,   // null link or buffer, nothing to move, maxTransfer 0, unknown mode
+    kLinkNotAvailable = -5,  // no device, or no backdoor
+    kLinkRefused = -6,       // the host refused the probe or the request; wrong backdoor version
+    kLinkAnswerTooLarge = -7,
+    kLinkHostFailed = -8,  // the host reported a negative status
+    kLinkUnknownKind = -9,
+    kLinkNotOpen = -10,
+    kLinkWriteFailed = static_cast<std::int32_t>(0x80004005),
+    kLinkWriteInterrupted = static_cast<std::int32_t>(0x800703E3),
+};
 
 inline constexpr std::int32_t kLinkClosed = -11;  // KavelinkLink::state
 inline constexpr std::int32_t kLinkOpen = 0;      // open and idle

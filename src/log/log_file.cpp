@@ -11,8 +11,8 @@
 #include <cstdio>
 #include <ctime>
 
-#include "log/owned_descriptor.h"
-#include "log/signal_scope.h"
+#include "log/log_time.h"
+#include "posix/unique_fd.h"
 
 namespace qnt {
 namespace {
@@ -58,7 +58,7 @@ private:
 };
 
 // Puts an open file behind the log's own number. The first time, the number is chosen.
-bool putBehindOwnNumber(const Descriptor& fresh) {
+bool putBehindOwnNumber(const UniqueFd& fresh) {
     if (!fresh.isOpen())
         return false;
     const int number = g_ownNumber == -1 ? fcntl(fresh.get(), F_DUPFD_CLOEXEC, kFirstOwnNumber)
@@ -73,7 +73,7 @@ bool putBehindOwnNumber(const Descriptor& fresh) {
 // number until the next opening; records are no longer sent there.
 void closeFile() {
     if (g_descriptor.exchange(-1) != -1)
-        putBehindOwnNumber(Descriptor(open("/", O_PATH | O_CLOEXEC)));
+        putBehindOwnNumber(UniqueFd(open("/", O_PATH | O_CLOEXEC)));
 }
 
 void setPlacement(const char* directory, const char* fileName) {
@@ -111,7 +111,7 @@ bool isOpenOn(int descriptor, const char* path) {
 }
 
 bool openAndInstall(const char* path) {
-    if (!putBehindOwnNumber(Descriptor(logFileOpen(path))))
+    if (!putBehindOwnNumber(UniqueFd(logFileOpen(path))))
         return false;
     g_descriptor.store(g_ownNumber);
     return true;

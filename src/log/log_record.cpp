@@ -15,7 +15,7 @@
 
 #include "log/log_file.h"
 #include "log/log_time.h"
-#include "log/thread_guards.h"
+#include "posix/guards.h"
 
 namespace qnt {
 namespace {
@@ -138,8 +138,8 @@ std::size_t logFormatTime(char* buffer) {
 }
 
 void logRecord(const char* prefix, const char* tag, std::int32_t level, const char* format, ...) {
-    const ErrnoKept errnoKept;
-    const CancellationOff cancellationOff;
+    const ErrnoGuard errnoGuard;
+    const CancelGuard cancelGuard;
     RecordBuffer record;
     record.appendTime();
     record.append(levelMark(level));

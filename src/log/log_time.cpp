@@ -5,10 +5,11 @@
 #include <cstdio>
 #include <cstring>
 
-#include "log/signal_scope.h"
-
 namespace qnt {
 namespace {
+
+// Read by a handler, so it must not be allocated lazily: in a program it lies in static TLS.
+thread_local volatile bool t_inSignalHandler = false;
 
 struct LocalSecond {
     bool known = false;
@@ -54,6 +55,18 @@ void formatLocalSecond(std::time_t second, char (&text)[kLocalSecondSize]) {
         t_last.known = true;
     }
     std::memcpy(text, t_last.text, sizeof text);
+}
+
+SignalLogScope::SignalLogScope() : m_outer(t_inSignalHandler) {
+    t_inSignalHandler = true;
+}
+
+SignalLogScope::~SignalLogScope() {
+    t_inSignalHandler = m_outer;
+}
+
+bool SignalLogScope::active() {
+    return t_inSignalHandler;
 }
 
 }  // namespace qnt

@@ -2,14 +2,14 @@
 
 #include <unistd.h>
 
-#include <csignal>
 #include <new>
 
-#include "cups/outside_text.h"
+#include "cups/printer_names.h"
 #include "cups/queue_listing.h"
 #include "cups/queue_operations.h"
 #include "hostlink/request_device.h"
 #include "log/log_record.h"
+#include "posix/stop_signals.h"
 #include "printing/tool_lock.h"
 #include "protocol/little_endian.h"
 #include "protocol/printing_format.h"
@@ -18,14 +18,6 @@
 
 namespace qnt {
 namespace {
-
-void maskStopSignals(int how) {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    pthread_sigmask(how, &signals, nullptr);
-}
 
 bool unlessCancelled() {
     pthread_testcancel();
@@ -109,14 +101,6 @@ private:
 
 }  // namespace
 
-void blockStopSignals() {
-    maskStopSignals(SIG_BLOCK);
-}
-
-void unblockStopSignals() {
-    maskStopSignals(SIG_UNBLOCK);
-}
-
 void* deletedPrintersEntry(void* tool) {
     blockStopSignals();
     deletedPrintersLoop(*static_cast<CPrintingTool*>(tool));
@@ -152,7 +136,7 @@ void applyDefaultPrinter(CPrintingTool& tool, const std::string& receivedId) {
     const ToolLock lock(tool.m_mutex, unlessCancelled);
     tool.m_defaultPrinterId = receivedId;
     tool.m_defaultPrinterPending = true;
-    if (refusesId(receivedId))
+    if (rejectInvalidId(receivedId))
         return;
     QueueBindingList queues;
     listPrinterQueues(queues, receivedId);

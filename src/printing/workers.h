@@ -16,10 +16,6 @@ namespace qnt {
 
 inline constexpr unsigned kDeletedCheckPauseSeconds = 1;
 
-// Blocks SIGINT and SIGTERM in the calling thread, and lets them through.
-void blockStopSignals();
-void unblockStopSignals();
-
 // 'DeletedPrinrters': once a second, reports to the host the queues that vanished from CUPS. The
 // entry operations take the CPrintingTool and return null.
 void* deletedPrintersEntry(void* tool);

@@ -2,7 +2,7 @@
 
 #include <ctime>
 
-#include "cups/add_printer.h"
+#include "cups/queue_creation.h"
 #include "cups/queue_operations.h"
 #include "log/log_record.h"
 #include "protocol/reconciliation.h"

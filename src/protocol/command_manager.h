@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-#include "cups/queue_binding.h"
+#include "cups/queue_listing.h"
 #include "protocol/printing_format.h"
 #include "protocol/printing_messages.h"
 

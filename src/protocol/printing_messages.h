@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <string>
 
-#include "cups/queue_binding.h"
+#include "cups/queue_listing.h"
 #include "protocol/byte_array.h"
 
 namespace qnt {

@@ -6,9 +6,9 @@
 #include <optional>
 #include <vector>
 
+#include "cups/queue_creation.h"
 #include "cups/queue_listing.h"
 #include "cups/queue_operations.h"
-#include "cups/rename_printer.h"
 
 namespace qnt {
 namespace {

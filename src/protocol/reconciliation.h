@@ -9,7 +9,7 @@
 
 #include <string>
 
-#include "cups/queue_binding.h"
+#include "cups/queue_listing.h"
 
 namespace qnt {
 

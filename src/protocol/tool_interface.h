@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "cups/queue_binding.h"
+#include "cups/queue_listing.h"
 #include "protocol/byte_array.h"
 
 namespace qnt {

@@ -3,8 +3,8 @@
 
 #include <sanitizer/asan_interface.h>
 
-#include "cups/shell.h"
 #include "hostlink/request_device.h"
+#include "posix/shell_command.h"
 #include "printing/workers.h"
 #include "tests/fuzz/fuzz_input.h"
 
@@ -44,7 +44,7 @@ bool SendRequest(DeviceRequest&, void* bytes, std::uint32_t inSize, std::uint32_
 bool CommandOutput::open(const std::string&) {
     return false;
 }
-bool CommandOutput::readPiece(char (&)[kOutputPieceSize]) {
+bool CommandOutput::readLine(char (&)[kOutputPieceSize]) {
     return false;
 }
 void CommandOutput::close() {}

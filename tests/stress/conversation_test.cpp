@@ -6,7 +6,7 @@
 
 #include <random>
 
-#include "cups/outside_text.h"
+#include "cups/printer_names.h"
 #include "protocol/little_endian.h"
 #include "protocol/printing_messages.h"
 #include "tests/support/fixture.h"
@@ -75,7 +75,8 @@ protected:
         if (answer.size() > 80 &&
             parsePrintingCmd(command, &answer[80],
                              static_cast<std::uint32_t>(answer.size() - 80)) &&
-            command.code == CmdAddPrinter && isCarriableId(command.printerId) && below(30) != 0) {
+            command.code == CmdAddPrinter && isValidPrinterId(command.printerId) &&
+            below(30) != 0) {
             sim::unplugUsbPrinter(command.printerId);
             sim::plugUsbPrinter(command.printerId, text());
         }

@@ -114,8 +114,7 @@ bool Hypervisor::carryOut(pid_t thread) {
     user_regs_struct state{};
     if (ptrace(PTRACE_GETREGS, thread, nullptr, &state) != 0 || !isAtInstruction(thread, state.rip))
         return false;
-    qnt::BackdoorRegisters registers{state.rax, state.rbx, state.rcx,
-                                     state.rdx, state.rsi, state.rdi};
+    qnt::RdpmcRegisters registers{state.rax, state.rbx, state.rcx, state.rdx, state.rsi, state.rdi};
     if (!carryOut(thread, registers))
         return false;
     state.rax = registers.rax;
@@ -128,7 +127,7 @@ bool Hypervisor::carryOut(pid_t thread) {
     return ptrace(PTRACE_SETREGS, thread, nullptr, &state) == 0;
 }
 
-bool Hypervisor::carryOut(pid_t thread, qnt::BackdoorRegisters& registers) {
+bool Hypervisor::carryOut(pid_t thread, qnt::RdpmcRegisters& registers) {
     m_calls.push_back({thread, registers});
     const std::uint32_t id = low32(registers.rbx);
     switch (low32(registers.rax)) {
@@ -152,14 +151,14 @@ bool Hypervisor::carryOut(pid_t thread, qnt::BackdoorRegisters& registers) {
     }
 }
 
-void Hypervisor::probe(qnt::BackdoorRegisters& registers) const {
+void Hypervisor::probe(qnt::RdpmcRegisters& registers) const {
     registers = {};
     registers.rax = m_settings.signature;
     registers.rbx = m_settings.version;
     registers.rcx = m_settings.maxTransfer;
 }
 
-void Hypervisor::transfer(pid_t thread, std::uint32_t id, qnt::BackdoorRegisters& registers) {
+void Hypervisor::transfer(pid_t thread, std::uint32_t id, qnt::RdpmcRegisters& registers) {
     Exchange& exchange = m_exchanges[id];
     std::uint32_t given = 0;
     std::int32_t status = kTransferRefused;
@@ -177,8 +176,7 @@ void Hypervisor::transfer(pid_t thread, std::uint32_t id, qnt::BackdoorRegisters
 
 // False for a transfer that is too long, sends more than it announced, or shows memory that isn't
 // there.
-bool Hypervisor::takeInput(pid_t thread, Exchange& exchange,
-                           const qnt::BackdoorRegisters& registers) {
+bool Hypervisor::takeInput(pid_t thread, Exchange& exchange, const qnt::RdpmcRegisters& registers) {
     const std::uint32_t chunk = low32(registers.rsi);
     const std::size_t before = exchange.input.size();
     if (low32(registers.rdx) > m_settings.maxTransfer || chunk > low32(registers.rdx) ||
@@ -193,7 +191,7 @@ bool Hypervisor::takeInput(pid_t thread, Exchange& exchange,
 }
 
 std::uint32_t Hypervisor::giveAnswer(pid_t thread, Exchange& exchange,
-                                     const qnt::BackdoorRegisters& registers) const {
+                                     const qnt::RdpmcRegisters& registers) const {
     if (low32(registers.rcx) == 0 || exchange.input.size() < exchange.totalInput)
         return 0;
     const std::size_t size =

@@ -15,8 +15,8 @@
 #include <string>
 #include <vector>
 
-#include "hostlink/backdoor.h"
-#include "hostlink/backdoor_instruction.h"
+#include "hostlink/kavelink_backdoor.h"
+#include "hostlink/rdpmc.h"
 #include "sim/device_file.h"
 
 namespace sim {
@@ -37,7 +37,7 @@ public:
     // One command as it came: the thread, and its registers.
     struct Call {
         pid_t thread = 0;
-        qnt::BackdoorRegisters in;
+        qnt::RdpmcRegisters in;
     };
 
     Hypervisor() : Hypervisor(Settings()) {}
@@ -71,12 +71,12 @@ private:
     void followUntilExit(pid_t main);
     void handleStop(pid_t thread, int status);
     bool carryOut(pid_t thread);
-    bool carryOut(pid_t thread, qnt::BackdoorRegisters& registers);
-    void probe(qnt::BackdoorRegisters& registers) const;
-    void transfer(pid_t thread, std::uint32_t id, qnt::BackdoorRegisters& registers);
-    bool takeInput(pid_t thread, Exchange& exchange, const qnt::BackdoorRegisters& registers);
+    bool carryOut(pid_t thread, qnt::RdpmcRegisters& registers);
+    void probe(qnt::RdpmcRegisters& registers) const;
+    void transfer(pid_t thread, std::uint32_t id, qnt::RdpmcRegisters& registers);
+    bool takeInput(pid_t thread, Exchange& exchange, const qnt::RdpmcRegisters& registers);
     std::uint32_t giveAnswer(pid_t thread, Exchange& exchange,
-                             const qnt::BackdoorRegisters& registers) const;
+                             const qnt::RdpmcRegisters& registers) const;
     std::int32_t nextStatus(const Exchange& exchange);
 
     const Settings m_settings;

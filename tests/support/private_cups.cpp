@@ -13,7 +13,7 @@
 #include <filesystem>
 #include <stdexcept>
 
-#include "log/owned_descriptor.h"
+#include "posix/unique_fd.h"
 
 namespace sim {
 namespace {
@@ -33,7 +33,7 @@ sockaddr_un socketAddress(const std::string& path) {
 
 bool answersAt(const std::string& path) {
     const sockaddr_un address = socketAddress(path);
-    const qnt::Descriptor client(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const qnt::UniqueFd client(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     return connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
 }
 

@@ -3,10 +3,9 @@
 
 #include <gmock/gmock.h>
 
-#include "cups/add_printer.h"
+#include "cups/queue_creation.h"
 #include "cups/queue_listing.h"
 #include "cups/queue_operations.h"
-#include "cups/rename_printer.h"
 #include "cups/usb_discovery.h"
 #include "log/log_record.h"
 #include "tests/support/fixture.h"

@@ -3,11 +3,10 @@
 
 #include <gmock/gmock.h>
 
-#include "cups/add_printer.h"
-#include "cups/outside_text.h"
+#include "cups/printer_names.h"
+#include "cups/queue_creation.h"
 #include "cups/queue_listing.h"
 #include "cups/queue_operations.h"
-#include "cups/rename_printer.h"
 #include "log/log_record.h"
 #include "tests/support/fixture.h"
 
@@ -84,7 +83,7 @@ protected:
 
 // CUPS takes a name, and then it is the text to the byte, or a record says that it was refused.
 void expectTakenOrRefused(const std::string& queue, const std::string& text) {
-    if (queue != withoutBlanks(text)) {
+    if (queue != queueNameFor(text)) {
         EXPECT_THAT(said, testing::ContainsRegex("Failed add printer 'TAG7', rc=|Refused queue"))
             << testing::PrintToString(text);
     }
@@ -109,7 +108,7 @@ TEST_F(Hostile, NamesReachCupsToTheByteOrAreRefused) {
             EXPECT_EQ(queueOf("TAG7"), "Own");
         }
         expectTakenOrRefused(queueOf("TAG7"), text);
-        taken += queueOf("TAG7") == withoutBlanks(text);
+        taken += queueOf("TAG7") == queueNameFor(text);
         setDefaultPrinter("TAG7");
         EXPECT_EQ(isPrinterOnline("TAG7"), queueOf("TAG7") != "0" && text[0] != '\n');
         sim::commandOutput("lpadmin -d Lab");
@@ -165,7 +164,7 @@ TEST_F(Hostile, EveryTextIsOneArgument) {
             deletePrinter(text, "TAG7");
             EXPECT_EQ(contents(folder / "words"), std::string("-x\0", 3) + name + '\0');
         }
-        if (const std::string id = "TAG7" + text; isCarriableId(id)) {
+        if (const std::string id = "TAG7" + text; isValidPrinterId(id)) {
             addPrinter(name = "Own", id);
             EXPECT_THAT(contents(folder / "words"),
                         testing::HasSubstr(std::string("\0-v\0", 4) + kUri + id + '\0'));

@@ -5,8 +5,8 @@
 #include <filesystem>
 #include <numeric>
 
-#include "hostlink/backdoor.h"
-#include "hostlink/backdoor_instruction.h"
+#include "hostlink/kavelink_backdoor.h"
+#include "hostlink/rdpmc.h"
 #include "hostlink/status_messages.h"
 #include "sim/device_file.h"
 #include "sim/guest_namespace.h"
@@ -37,10 +37,10 @@ struct Hypervisor {
     Bytes input = {};
     std::uint8_t next = 0;
 
-    void execute(BackdoorRegisters& r) {
+    void execute(RdpmcRegisters& r) {
         seen.push_back(std::bit_cast<Registers>(r));
         if (r.rax == kBackdoorProbe)
-            r = std::bit_cast<BackdoorRegisters>(probe);
+            r = std::bit_cast<RdpmcRegisters>(probe);
         if (r.rax != kBackdoorBegin && r.rax != kBackdoorContinue)
             return;
         const Step step = steps.front();
@@ -272,7 +272,7 @@ const auto* const g_hostNamespace = testing::AddGlobalTestEnvironment(new HostNa
 }  // namespace
 
 // Linked in the place of the library's.
-void backdoorInstruction(BackdoorRegisters& registers) {
+void rdpmc(RdpmcRegisters& registers) {
     g_hypervisor.execute(registers);
 }
 

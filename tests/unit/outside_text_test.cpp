@@ -1,6 +1,7 @@
 // Random bytes on their way through a real shell and a real sed.
 
-#include "cups/outside_text.h"
+#include "cups/printer_names.h"
+#include "posix/shell_command.h"
 
 #include <gtest/gtest.h>
 
@@ -39,14 +40,14 @@ std::string neighbour(const std::string& line) {
 }
 
 TEST(OutsideText, PassesThroughAShellAsItIs) {
-    EXPECT_EQ(shellWord("Office Laser"), "'Office Laser'");
-    EXPECT_EQ(shellWord(std::string_view("a\0b", 3)), std::nullopt);
+    EXPECT_EQ(shellQuote("Office Laser"), "'Office Laser'");
+    EXPECT_EQ(shellQuote(std::string_view("a\0b", 3)), std::nullopt);
     for (int batch = 0; batch < kBatches; ++batch) {
         std::string command = "printf '%s\\0'";
         std::string expected;
         for (int i = 0; i < kTextsOfABatch; ++i) {
             const std::string text = randomText('\n');
-            command += ' ' + *shellWord(text);
+            command += ' ' + *shellQuote(text);
             expected += text + '\0';
         }
         ASSERT_EQ(sim::commandOutput(command), expected) << "batch " << batch;
@@ -62,12 +63,12 @@ TEST(OutsideText, IsMatchedBySedAsItselfAlone) {
         std::string expected;
         for (int number = 1; number < 2 * kTextsOfABatch; number += 2) {
             const std::string line = randomText('*');
-            command += ' ' + *shellWord('=' + line) + ' ' + *shellWord('=' + neighbour(line));
+            command += ' ' + *shellQuote('=' + line) + ' ' + *shellQuote('=' + neighbour(line));
             program += std::to_string(number) + ',' + std::to_string(number + 1) + "s/^=\\(" +
                        *sedPattern(line) + "\\)$/<\\1>/p\n";
             expected += '<' + line + ">\n";
         }
-        command += " | LC_ALL=C sed -n " + *shellWord(program);
+        command += " | LC_ALL=C sed -n " + *shellQuote(program);
         ASSERT_EQ(sim::commandOutput(command), expected) << "batch " << batch;
     }
 }

@@ -15,9 +15,11 @@
 
 #include <sys/types.h>
 
+#include <optional>
 #include <string>
+#include <string_view>
 
-#include "log/owned_descriptor.h"
+#include "posix/unique_fd.h"
 
 namespace qnt {
 
@@ -52,7 +54,7 @@ public:
     bool open(const std::string& command);
     // The next line with its newline, or a piece of 1023 bytes of a longer one. False at the end
     // of the output and on a read error; an interrupted read is repeated.
-    bool readPiece(char (&piece)[kOutputPieceSize]);
+    bool readLine(char (&piece)[kOutputPieceSize]);
     // Closes the pipe and waits for the command's end.
     void close();
 
@@ -60,5 +62,13 @@ private:
     ShellChild m_child;
     FilePtr m_output;
 };
+
+// One word of the shell whose value is the text: between single quotes, with each single quote of
+// the text as '\''. None when the text holds a zero byte, which no argument can carry.
+std::optional<std::string> shellQuote(std::string_view text);
+
+// A basic regular expression, for a sed program with "/" as delimiter, that matches the text and
+// nothing else. None when the text holds a zero byte or a line end.
+std::optional<std::string> sedPattern(std::string_view text);
 
 }  // namespace qnt

@@ -10,14 +10,6 @@
 
 namespace qnt {
 
-// One word of the shell whose value is the text: between single quotes, with each single quote of
-// the text as '\''. None when the text holds a zero byte, which no argument can carry.
-std::optional<std::string> shellWord(std::string_view text);
-
-// A basic regular expression, for a sed program with "/" as delimiter, that matches the text and
-// nothing else. None when the text holds a zero byte or a line end.
-std::optional<std::string> sedPattern(std::string_view text);
-
 // CUPS cuts a device URI at 1023 bytes, and the listing reads lines of as many: a queue name of 127
 // bytes, a blank, the id and a newline.
 inline constexpr std::size_t kLongestId = 894;
@@ -29,15 +21,15 @@ inline constexpr std::string_view kHostIdStart = "TAG";
 // does not begin as a host printer's does could be that of a USB printer of the guest's own. And
 // the listing cuts the id out of a line at white space and behind the last "="; one that holds
 // these, or is too long, would be taken for another printer's. The empty id stands for all.
-bool isCarriableId(std::string_view id);
+bool isValidPrinterId(std::string_view id);
 
-// Not isCarriableId, with a record.
-bool refusesId(const std::string& id);
+// Not isValidPrinterId, with a record.
+bool rejectInvalidId(const std::string& id);
 
 // The shell word of a queue name; none, with a record, when it can't be one.
-std::optional<std::string> queueWord(const std::string& queueName);
+std::optional<std::string> quotedQueueName(const std::string& queueName);
 
 // Queue names are printer names with each blank, the byte 0x20 alone, replaced.
-std::string withoutBlanks(std::string name);
+std::string queueNameFor(std::string name);
 
 }  // namespace qnt

@@ -1,4 +1,4 @@
-#include "cups/shell.h"
+#include "posix/shell_command.h"
 
 #include <fcntl.h>
 #include <spawn.h>
@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <utility>
 
 extern char** environ;
 
@@ -69,13 +70,19 @@ int reap(pid_t pid) {
     return status;
 }
 
+constexpr std::string_view kSedSpecials = R"(\[.*^$/)";
+
+bool holds(std::string_view text, char byte) {
+    return text.find(byte) != std::string_view::npos;
+}
+
 }  // namespace
 
 // Reached with a running child only when the thread is cancelled or memory has run out.
 ShellChild::~ShellChild() {
     if (m_pid == -1)
         return;
-    const CancellationOff cancellationOff;
+    const CancelGuard cancelGuard;
     kill(-m_pid, SIGKILL);
     reap(m_pid);
 }
@@ -102,7 +109,7 @@ int ShellChild::wait() {
     while (waitid(P_PID, static_cast<id_t>(m_pid), &ended, WEXITED | WNOWAIT) == -1 &&
            errno == EINTR) {
     }
-    const CancellationOff cancellationOff;
+    const CancelGuard cancelGuard;
     return reap(std::exchange(m_pid, -1));
 }
 
@@ -115,8 +122,8 @@ bool CommandOutput::open(const std::string& command) {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0)
         return false;
-    Descriptor readEnd(ends[0]);
-    const Descriptor writeEnd(ends[1]);
+    UniqueFd readEnd(ends[0]);
+    const UniqueFd writeEnd(ends[1]);
     m_output.reset(fdopen(readEnd.get(), "r"));
     if (m_output == nullptr)
         return false;
@@ -124,7 +131,7 @@ bool CommandOutput::open(const std::string& command) {
     return m_child.start(command, writeEnd.get());
 }
 
-bool CommandOutput::readPiece(char (&piece)[kOutputPieceSize]) {
+bool CommandOutput::readLine(char (&piece)[kOutputPieceSize]) {
     while (std::fgets(piece, kOutputPieceSize, m_output.get()) == nullptr) {
         if (std::feof(m_output.get()) != 0 || errno != EINTR)
             return false;
@@ -136,6 +143,31 @@ bool CommandOutput::readPiece(char (&piece)[kOutputPieceSize]) {
 void CommandOutput::close() {
     m_output.reset();
     m_child.wait();
+}
+
+std::optional<std::string> shellQuote(std::string_view text) {
+    if (holds(text, '\0'))
+        return std::nullopt;
+    std::string word = "'";
+    for (const char byte : text) {
+        if (byte == '\'')
+            word += R"('\'')";
+        else
+            word += byte;
+    }
+    return word += '\'';
+}
+
+std::optional<std::string> sedPattern(std::string_view text) {
+    if (holds(text, '\0') || holds(text, '\n'))
+        return std::nullopt;
+    std::string pattern;
+    for (const char byte : text) {
+        if (holds(kSedSpecials, byte))
+            pattern += '\\';
+        pattern += byte;
+    }
+    return pattern;
 }
 
 }  // namespace qnt

@@ -1,8 +1,8 @@
-#include "hostlink/backdoor_instruction.h"
+#include "hostlink/rdpmc.h"
 
 namespace qnt {
 
-void backdoorInstruction(BackdoorRegisters& registers) {
+void rdpmc(RdpmcRegisters& registers) {
     asm volatile("rdpmc"
                  : "+a"(registers.rax), "+b"(registers.rbx), "+c"(registers.rcx),
                    "+d"(registers.rdx), "+S"(registers.rsi), "+D"(registers.rdi)

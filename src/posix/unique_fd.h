@@ -9,17 +9,17 @@
 #include <memory>
 #include <utility>
 
-#include "log/thread_guards.h"
+#include "posix/guards.h"
 
 namespace qnt {
 
 // Owns a file descriptor; -1 means none.
-class Descriptor {
+class UniqueFd {
 public:
-    explicit Descriptor(int number = -1) : m_number(number) {}
-    ~Descriptor() { reset(); }
-    Descriptor(Descriptor&& other) noexcept : m_number(other.release()) {}
-    Descriptor& operator=(Descriptor&& other) noexcept {
+    explicit UniqueFd(int number = -1) : m_number(number) {}
+    ~UniqueFd() { reset(); }
+    UniqueFd(UniqueFd&& other) noexcept : m_number(other.release()) {}
+    UniqueFd& operator=(UniqueFd&& other) noexcept {
         reset(other.release());
         return *this;
     }
@@ -28,7 +28,7 @@ public:
     bool isOpen() const { return m_number >= 0; }
     int release() { return std::exchange(m_number, -1); }
     void reset(int number = -1) {
-        const CancellationOff cancellationOff;
+        const CancelGuard cancelGuard;
         if (isOpen())
             close(m_number);
         m_number = number;
@@ -40,7 +40,7 @@ private:
 
 struct FileCloser {
     void operator()(std::FILE* file) const {
-        const CancellationOff cancellationOff;
+        const CancelGuard cancelGuard;
         std::fclose(file);
     }
 };

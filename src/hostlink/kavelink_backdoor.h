@@ -16,7 +16,7 @@
 
 #include <cstdint>
 
-#include "hostlink/link_result.h"
+#include "hostlink/kavelink.h"
 
 namespace qnt {
 
@@ -49,14 +49,14 @@ struct TransferArea {
     std::uint32_t length() const { return chunk > receiveLimit ? chunk : receiveLimit; }
 };
 
-struct BackdoorVersion {
+struct BackdoorInfo {
     std::uint32_t version = 0;
     std::uint32_t maxTransfer = 0;  // bytes of a transfer in each direction
 };
 
 // Asks for the backdoor. Faults where no hypervisor intercepts the instruction. 0, -5 or -6; the
 // version is filled in on success, when asked for.
-std::int32_t backdoorProbe(BackdoorVersion* version);
+std::int32_t backdoorProbe(BackdoorInfo* version);
 
 // One transfer. 0, or -8 when the host's status is negative or it claims to have written more than
 // the area holds; `got` is the number of bytes that the host wrote, on success.
@@ -70,6 +70,9 @@ std::int32_t backdoorCancel(BackdoorExchange& exchange);
 
 // backdoorProbe, surviving the fault: -5 then. Installs handlers for SIGILL and SIGSEGV and puts
 // the old ones back. One thread at a time, and none may rely on these signals meanwhile.
-std::int32_t guardedBackdoorProbe(BackdoorVersion* version);
+std::int32_t guardedBackdoorProbe(BackdoorInfo* version);
+
+std::int32_t backdoorCall(KavelinkLink& link, void* buffer, std::uint32_t inputSize,
+                          std::uint32_t outputSize, std::uint32_t* answerLength);
 
 }  // namespace qnt

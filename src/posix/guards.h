@@ -9,12 +9,12 @@
 namespace qnt {
 
 // Puts errno back to what it was when the guard was made, also when an exception passes.
-class ErrnoKept {
+class ErrnoGuard {
 public:
-    ErrnoKept() : m_saved(errno) {}
-    ~ErrnoKept() { errno = m_saved; }
-    ErrnoKept(const ErrnoKept&) = delete;
-    ErrnoKept& operator=(const ErrnoKept&) = delete;
+    ErrnoGuard() : m_saved(errno) {}
+    ~ErrnoGuard() { errno = m_saved; }
+    ErrnoGuard(const ErrnoGuard&) = delete;
+    ErrnoGuard& operator=(const ErrnoGuard&) = delete;
 
 private:
     const int m_saved;
@@ -24,12 +24,12 @@ private:
 // unwinding from inside write, close, waitpid and the like; that must not start in a destructor
 // (which is noexcept, so the process would end) nor halfway through a change of shared state.
 // A request that arrives meanwhile takes effect at the thread's next cancellation point.
-class CancellationOff {
+class CancelGuard {
 public:
-    CancellationOff() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_previous); }
-    ~CancellationOff() { pthread_setcancelstate(m_previous, nullptr); }
-    CancellationOff(const CancellationOff&) = delete;
-    CancellationOff& operator=(const CancellationOff&) = delete;
+    CancelGuard() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_previous); }
+    ~CancelGuard() { pthread_setcancelstate(m_previous, nullptr); }
+    CancelGuard(const CancelGuard&) = delete;
+    CancelGuard& operator=(const CancelGuard&) = delete;
 
 private:
     int m_previous = PTHREAD_CANCEL_ENABLE;

@@ -7,7 +7,7 @@
 namespace qnt {
 
 // What goes into the general registers and what came back in them.
-struct BackdoorRegisters {
+struct RdpmcRegisters {
     std::uint64_t rax = 0;
     std::uint64_t rbx = 0;
     std::uint64_t rcx = 0;
@@ -19,6 +19,6 @@ struct BackdoorRegisters {
 // Executes RDPMC with these registers and stores what they hold afterwards. The hypervisor may
 // read and write memory that a register points to. Without one, the instruction faults in user
 // mode: the thread gets SIGSEGV or SIGILL here.
-void backdoorInstruction(BackdoorRegisters& registers);
+void rdpmc(RdpmcRegisters& registers);
 
 }  // namespace qnt

@@ -1,15 +1,16 @@
-#include "cups/add_printer.h"
+#include "cups/queue_creation.h"
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <optional>
 
-#include "cups/outside_text.h"
+#include "cups/printer_names.h"
 #include "cups/queue_listing.h"
 #include "cups/queue_operations.h"
-#include "cups/shell.h"
 #include "cups/usb_discovery.h"
 #include "log/log_record.h"
+#include "posix/shell_command.h"
 
 namespace qnt {
 namespace {
@@ -39,15 +40,15 @@ void deleteQueuesOf(const std::string& id) {
 
 std::optional<std::string> addCommand(const std::string& queueName, const std::string& id,
                                       const std::string& description) {
-    const auto queueWord = shellWord(queueName);
-    const auto modelWord = shellWord(ppdModel);
-    const auto uriWord = shellWord(kDeviceUri + id);
-    const auto descriptionWord = shellWord(description);
-    if (!queueWord || !modelWord || !uriWord || !descriptionWord)
+    const auto quotedQueueName = shellQuote(queueName);
+    const auto modelWord = shellQuote(ppdModel);
+    const auto uriWord = shellQuote(kDeviceUri + id);
+    const auto descriptionWord = shellQuote(description);
+    if (!quotedQueueName || !modelWord || !uriWord || !descriptionWord)
         return std::nullopt;
-    return "lpadmin -p " + *queueWord + " -u allow:all" + " -m " + *modelWord + " -v " + *uriWord +
-           " -o printer-error-policy=retry-job -E" + " -D " + *descriptionWord + " -L 'Host OS'" +
-           " -o printer-is-shared=false";
+    return "lpadmin -p " + *quotedQueueName + " -u allow:all" + " -m " + *modelWord + " -v " +
+           *uriWord + " -o printer-error-policy=retry-job -E" + " -D " + *descriptionWord +
+           " -L 'Host OS'" + " -o printer-is-shared=false";
 }
 
 void createQueue(const std::string& queueName, const std::string& id,
@@ -68,7 +69,7 @@ std::string readPpdModel() {
                      " | head -n1 | cut -f1 -d' '"))
         return model;
     char piece[kOutputPieceSize];
-    while (output.readPiece(piece))
+    while (output.readLine(piece))
         model += piece;
     if (!model.empty() && model.back() == '\n')
         model.pop_back();
@@ -80,20 +81,20 @@ std::string readPpdModel() {
 
 void addPrinter(std::string& name, const std::string& id) {
     logRecord("", kServiceTag, 0, "addPrinter: id=%s name=%s", id.c_str(), name.c_str());
-    if (refusesId(id)) {
+    if (rejectInvalidId(id)) {
         name.clear();
         return;
     }
     if (name.empty() && !id.empty())
-        name = withoutBlanks(waitForUsbProduct(id));
+        name = queueNameFor(waitForUsbProduct(id));
     const std::string description = name;
-    name = withoutBlanks(name);
+    name = queueNameFor(name);
     if (name.empty() || id.empty()) {
         logRecord("", kServiceTag, 0, "Cannot get name for printer with id=%s", id.c_str());
         name.clear();
         return;
     }
-    if (!queueWord(name)) {
+    if (!quotedQueueName(name)) {
         name.clear();
         return;
     }
@@ -107,6 +108,31 @@ void selectPpdModel() {
     ppdModel = readPpdModel();
     if (ppdModel.empty())
         ppdModel = kFallbackPpdModel;
+}
+
+bool renamePrinter(const std::string& currentName, std::string& newName) {
+    if (logGetLevel() > 2)
+        logRecord("", kServiceTag, 3, "renamePrinter: '%s'->'%s'", currentName.c_str(),
+                  newName.c_str());
+    newName = queueNameFor(newName);
+    if (currentName == newName)
+        return true;
+    if (!quotedQueueName(newName))  // before the old queue is lost for it
+        return false;
+    QueueBindingList queues;
+    if (!getHostPrinterQueues(queues, kListHostQueues))
+        return false;
+    const auto queue = std::find_if(
+        queues.begin(), queues.end(),
+        [&](const QueueBinding& candidate) { return candidate.queueName == currentName; });
+    if (queue == queues.end() || rejectInvalidId(queue->id))
+        return false;
+    deletePrinter(currentName, queue->id);
+    std::string createdName = newName;
+    addPrinter(createdName, queue->id);
+    if (currentName == lastDefaultQueue())
+        setDefaultPrinter(queue->id);
+    return true;
 }
 
 }  // namespace qnt

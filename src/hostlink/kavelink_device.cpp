@@ -1,4 +1,4 @@
-#include "hostlink/link_device.h"
+#include "hostlink/kavelink_device.h"
 
 #include <fcntl.h>
 
@@ -6,7 +6,7 @@
 #include <cerrno>
 
 #include "hostlink/request_device.h"
-#include "log/owned_descriptor.h"
+#include "posix/unique_fd.h"
 
 namespace qnt {
 namespace {
@@ -28,7 +28,7 @@ std::int32_t probe(int descriptor) {
 
 std::int32_t linkDeviceOpen(std::uint64_t& handle) {
     handle = 0;
-    Descriptor device(open(kRequestDevicePath, O_WRONLY | O_CLOEXEC));
+    UniqueFd device(open(kRequestDevicePath, O_WRONLY | O_CLOEXEC));
     if (!device.isOpen())
         return kLinkNotAvailable;
     const std::int32_t result = probe(device.get());
@@ -39,7 +39,7 @@ std::int32_t linkDeviceOpen(std::uint64_t& handle) {
 
 void linkDeviceClose(std::uint64_t& handle) {
     if (handle != 0)
-        const Descriptor closed(static_cast<int>(handle));
+        const UniqueFd closed(static_cast<int>(handle));
     handle = 0;
 }
 

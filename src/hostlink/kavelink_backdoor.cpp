@@ -1,0 +1,206 @@
+#include "hostlink/kavelink_backdoor.h"
+
+#include <algorithm>
+#include <csetjmp>
+#include <csignal>
+#include <cstring>
+
+#include "hostlink/rdpmc.h"
+
+namespace qnt {
+namespace {
+
+sigjmp_buf g_faultJump;
+
+void jumpOutOfFault(int signal) {
+    siglongjmp(g_faultJump, signal != 0 ? signal : -1);
+}
+
+// Takes a signal over and gives it back at the end of the scope.
+class FaultHandler {
+public:
+    explicit FaultHandler(int signal) : m_signal(signal) {
+        struct sigaction action {};
+        action.sa_handler = jumpOutOfFault;
+        sigemptyset(&action.sa_mask);
+        m_installed = sigaction(signal, &action, &m_previous) == 0;
+    }
+    ~FaultHandler() {
+        if (m_installed)
+            sigaction(m_signal, &m_previous, nullptr);
+    }
+    FaultHandler(const FaultHandler&) = delete;
+    FaultHandler& operator=(const FaultHandler&) = delete;
+
+private:
+    const int m_signal;
+    bool m_installed = false;
+    struct sigaction m_previous {};
+};
+
+std::uint32_t low32(std::uint64_t value) {
+    return static_cast<std::uint32_t>(value);
+}
+
+std::int32_t signedLow32(std::uint64_t value) {
+    return static_cast<std::int32_t>(low32(value));
+}
+
+std::uint64_t signExtended(std::int32_t value) {
+    return static_cast<std::uint64_t>(std::int64_t{value});
+}
+
+std::int32_t transfer(BackdoorExchange& exchange, const TransferArea& area,
+                      RdpmcRegisters& registers, std::uint32_t& got) {
+    registers.rcx = area.receiveLimit != 0 ? 1 : 0;
+    registers.rdx = area.length();
+    registers.rsi = area.chunk;
+    registers.rdi = reinterpret_cast<std::uintptr_t>(area.start);
+    rdpmc(registers);
+    exchange.answerSize = low32(registers.rsi);
+    exchange.hostStatus = signedLow32(registers.rdi);
+    if (exchange.hostStatus < 0 || low32(registers.rdx) > area.length())
+        return kLinkHostFailed;
+    got = low32(registers.rdx);
+    return kLinkOk;
+}
+
+// The way of one call's bytes through the caller's buffer.
+struct Progress {
+    std::uint8_t* buffer;
+    std::uint32_t inputSize;
+    std::uint32_t outputSize;
+    std::uint32_t maxTransfer;
+    std::uint32_t sent = 0;
+    std::uint32_t received = 0;
+
+    // The last transfer of an input that is larger than one is a full one.
+    std::uint32_t nextChunk() const {
+        const std::uint32_t remaining = inputSize - sent;
+        return remaining <= maxTransfer ? remaining
+                                        : std::min(remaining - maxTransfer, maxTransfer);
+    }
+
+    TransferArea nextArea() const {
+        const std::uint32_t chunk = nextChunk();
+        if (chunk == 0)
+            return {buffer + answerLength(), 0, cut(room(received))};
+        return {buffer + sent, chunk, cut(inputSize >= outputSize ? chunk : room(sent))};
+    }
+
+    // Collects the answer at the buffer's start.
+    void advance(const TransferArea& area, std::uint32_t got) {
+        if (area.chunk != 0 && got != 0 && sent > received)
+            std::memmove(buffer + received, buffer + sent, got);
+        sent += area.chunk;
+        received += got;
+    }
+
+    // A host may claim more than it was given room for.
+    std::uint32_t answerLength() const { return std::min(received, outputSize); }
+
+private:
+    std::uint32_t room(std::uint32_t used) const {
+        return used < outputSize ? outputSize - used : 0;
+    }
+    std::uint32_t cut(std::uint32_t limit) const { return std::min(limit, maxTransfer); }
+};
+
+std::int32_t transferOnce(BackdoorExchange& exchange, const TransferArea& area,
+                          std::uint32_t& got) {
+    return exchange.exchangeId == kNoExchangeId ? backdoorBegin(exchange, area, got)
+                                                : backdoorContinue(exchange, area, got);
+}
+
+}  // namespace
+
+std::int32_t backdoorProbe(BackdoorInfo* version) {
+    RdpmcRegisters registers;
+    registers.rax = kBackdoorProbe;
+    registers.rbx = kBackdoorProbe;
+    rdpmc(registers);
+    if (low32(registers.rax) != kBackdoorSignature || low32(registers.rdx) != 0 ||
+        low32(registers.rsi) != 0 || low32(registers.rdi) != 0)
+        return kLinkNotAvailable;
+    if (low32(registers.rbx) != kBackdoorVersion)
+        return kLinkRefused;
+    if (version != nullptr)
+        *version = {low32(registers.rbx), low32(registers.rcx)};
+    return kLinkOk;
+}
+
+std::int32_t backdoorBegin(BackdoorExchange& exchange, const TransferArea& area,
+                           std::uint32_t& got) {
+    RdpmcRegisters registers;
+    registers.rax = kBackdoorBegin;
+    registers.rbx = exchange.totalInput;
+    const std::int32_t result = transfer(exchange, area, registers, got);
+    exchange.exchangeId = signedLow32(registers.rbx);
+    return result;
+}
+
+std::int32_t backdoorContinue(BackdoorExchange& exchange, const TransferArea& area,
+                              std::uint32_t& got) {
+    RdpmcRegisters registers;
+    registers.rax = kBackdoorContinue;
+    registers.rbx = signExtended(exchange.exchangeId);
+    return transfer(exchange, area, registers, got);
+}
+
+std::int32_t backdoorCancel(BackdoorExchange& exchange) {
+    RdpmcRegisters registers;
+    registers.rax = kBackdoorCancel;
+    registers.rbx = signExtended(exchange.exchangeId);
+    rdpmc(registers);
+    exchange.hostStatus = signedLow32(registers.rdi);
+    return exchange.hostStatus;
+}
+
+std::int32_t guardedBackdoorProbe(BackdoorInfo* version) {
+    volatile std::int32_t result = kLinkNotAvailable;  // kept in memory across the jump
+    const FaultHandler illegalInstruction(SIGILL);
+    const FaultHandler segmentationFault(SIGSEGV);
+    if (sigsetjmp(g_faultJump, 1) == 0)
+        result = backdoorProbe(version);
+    return result;
+}
+
+std::int32_t backdoorCall(KavelinkLink& link, void* buffer, std::uint32_t inputSize,
+                          std::uint32_t outputSize, std::uint32_t* answerLength) {
+    if (answerLength != nullptr)
+        *answerLength = 0;
+    link.state = kLinkNotOpen;
+    const auto maxTransfer = static_cast<std::uint32_t>(link.handle);
+    if (maxTransfer == 0)
+        return kLinkBadArgument;
+    link.state = kNoHostStatus;
+    BackdoorExchange exchange;
+    exchange.totalInput = inputSize;
+    Progress progress{static_cast<std::uint8_t*>(buffer), inputSize, outputSize, maxTransfer};
+    int idleTransfers = 0;
+    do {
+        const TransferArea area = progress.nextArea();
+        std::uint32_t got = 0;
+        const std::int32_t result = transferOnce(exchange, area, got);
+        link.state = exchange.hostStatus;
+        if (result != kLinkOk)
+            return result;
+        if (exchange.answerSize > outputSize) {
+            if (exchange.hostStatus == kHostStatusMore)
+                backdoorCancel(exchange);
+            return kLinkAnswerTooLarge;
+        }
+        progress.advance(area, got);
+        idleTransfers = area.chunk == 0 && got == 0 ? idleTransfers + 1 : 0;
+        if (idleTransfers > kMaxIdleTransfers) {
+            backdoorCancel(exchange);
+            return kLinkHostFailed;
+        }
+    } while (exchange.hostStatus != kHostStatusComplete);
+    if (answerLength != nullptr)
+        *answerLength = progress.answerLength();
+    link.state = kLinkOpen;
+    return kLinkOk;
+}
+
+}  // namespace qnt
