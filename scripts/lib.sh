@@ -1,9 +1,10 @@
 # What the scripts share: getting what they need, or saying in one sentence what is missing.
-# Sourced by bash scripts that stand in the repository's root.
+# Sourced by bash scripts right after their cd to the repository's root.
 
 # shellcheck shell=bash
 # shellcheck disable=SC2034 # the lists are for those who source this
 readonly missing_exit_code=69 # EX_UNAVAILABLE of sysexits.h
+readonly started_in=${OLDPWD-$PWD}
 
 build_packages=(cmake g++ libfuse3-dev ninja-build pkg-config)
 cups_packages=(cups cups-client printer-driver-postscript-hp)
@@ -14,6 +15,14 @@ test_packages=(clang clang-format clang-tidy libbenchmark-dev libclang-rt-14-dev
 missing() {
     echo "$(basename "$0"): $1" >&2
     exit "$missing_exit_code"
+}
+
+# user_path PATH: prints the absolute path of what the script's user calls PATH.
+user_path() {
+    case $1 in
+        /*) echo "$1" ;;
+        *) echo "$started_in/$1" ;;
+    esac
 }
 
 # Installs those of the Debian packages that are not there yet.
@@ -57,6 +66,7 @@ configure_build() {
     local -x CC=gcc CXX=g++
     local options=()
     case $1 in
+        plain) options=(-DQNT_STATIC_LIBSTDCXX=ON) ;;
         memory)
             CC=clang CXX=clang++
             options=(-DCMAKE_BUILD_TYPE=Debug -DQNT_TEST_PREFIX=memory/
