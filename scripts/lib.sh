@@ -9,8 +9,8 @@ readonly started_in=${OLDPWD-$PWD}
 build_packages=(cmake g++ libfuse3-dev ninja-build pkg-config)
 cups_packages=(cups cups-client printer-driver-postscript-hp)
 guest_packages=(fuse3 procps)
-test_packages=(clang clang-format clang-tidy libbenchmark-dev libclang-rt-14-dev libgmock-dev
-    libgtest-dev libspdlog-dev shellcheck)
+test_packages=(clang clang-format clang-tidy dpkg-dev libbenchmark-dev libclang-rt-14-dev
+    libgmock-dev libgtest-dev libspdlog-dev mandoc shellcheck systemd)
 
 missing() {
     echo "$(basename "$0"): $1" >&2
