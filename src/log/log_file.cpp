@@ -2,14 +2,15 @@
 
 #include <fcntl.h>
 #include <pwd.h>
-#include <sched.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <ctime>
+#include <mutex>
 
 #include "log/log_time.h"
 #include "posix/unique_fd.h"
@@ -17,70 +18,52 @@
 namespace qnt {
 namespace {
 
-constexpr int kFirstOwnNumber = 3;  // standard input, output and error reach the shell commands
+constexpr int kLowestLogFd = 3;  // 0 to 2 are the standard streams, which the tools inherit
+
+using Path = char[kLogPathSize];
 
 // Any thread.
-std::atomic<int> g_descriptor{-1};
+std::atomic<int> g_openFd{-1};  // g_logFd while a file is open there, else -1
 std::atomic<std::time_t> g_lastCheck{0};
-std::atomic_flag g_placing = ATOMIC_FLAG_INIT;
 
-// The holder of g_placing.
-int g_ownNumber = -1;
+std::mutex g_placementMutex;
+
+// Guarded by g_placementMutex.
+int g_logFd = -1;  // the log's descriptor number, chosen when a file is first opened
 bool g_fallbackTaken = false;
-char g_directory[kLogPathSize] = "";
-char g_path[kLogPathSize] = "";
-char g_userDir[kLogPathSize] = "";
+Path g_directory = "";
+Path g_path = "";
+Path g_userDir = "";
 
-// The right to open the file and to change its place.
-class Placing {
-public:
-    enum class IfTaken { kWait, kGiveUp };
+// Truncates what does not fit.
+__attribute__((format(printf, 2, 3))) void formatPath(Path& path, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    std::vsnprintf(path, sizeof path, format, arguments);
+    va_end(arguments);
+}
 
-    explicit Placing(IfTaken ifTaken) {
-        while (g_placing.test_and_set(std::memory_order_acquire)) {
-            if (ifTaken == IfTaken::kGiveUp)
-                return;
-            sched_yield();
-        }
-        m_held = true;
-    }
-    ~Placing() {
-        if (m_held)
-            g_placing.clear(std::memory_order_release);
-    }
-    Placing(const Placing&) = delete;
-    Placing& operator=(const Placing&) = delete;
-
-    bool held() const { return m_held; }
-
-private:
-    bool m_held = false;
-};
-
-// Puts an open file behind the log's own number. The first time, the number is chosen.
-bool putBehindOwnNumber(const UniqueFd& fresh) {
-    if (!fresh.isOpen())
+bool installAsLogFd(const UniqueFd& file) {
+    if (!file.isOpen())
         return false;
-    const int number = g_ownNumber == -1 ? fcntl(fresh.get(), F_DUPFD_CLOEXEC, kFirstOwnNumber)
-                                         : dup3(fresh.get(), g_ownNumber, O_CLOEXEC);
-    if (number == -1)
+    const int fd = g_logFd == -1 ? fcntl(file.get(), F_DUPFD_CLOEXEC, kLowestLogFd)
+                                 : dup3(file.get(), g_logFd, O_CLOEXEC);
+    if (fd == -1)
         return false;
-    g_ownNumber = number;
+    g_logFd = fd;
     return true;
 }
 
-// An O_PATH descriptor refuses every write. When none is to be had, the old file stays behind the
-// number until the next opening; records are no longer sent there.
+// If no O_PATH descriptor can be opened, the old file stays open at the log's number until the next
+// opening, but no record is sent there.
 void closeFile() {
-    if (g_descriptor.exchange(-1) != -1)
-        putBehindOwnNumber(UniqueFd(open("/", O_PATH | O_CLOEXEC)));
+    if (g_openFd.exchange(-1) != -1)
+        installAsLogFd(UniqueFd(open("/", O_PATH | O_CLOEXEC)));
 }
 
 void setPlacement(const char* directory, const char* fileName) {
-    std::snprintf(g_directory, sizeof g_directory, "%s", directory);
-    char path[kLogPathSize + kLogPathSize];
-    std::snprintf(path, sizeof path, "%s/%s", directory, fileName);
-    std::snprintf(g_path, sizeof g_path, "%.*s", static_cast<int>(sizeof g_path - 1), path);
+    formatPath(g_directory, "%s", directory);
+    formatPath(g_path, "%s/%s", directory, fileName);
     g_fallbackTaken = false;
     closeFile();
 }
@@ -97,90 +80,90 @@ const char* userDir() {
     const passwd* user = getpwuid(geteuid());
     if (user == nullptr || user->pw_dir == nullptr || user->pw_dir[0] == '\0')
         return g_userDir;
-    std::snprintf(g_userDir, sizeof g_userDir, "%s/.quintaris", user->pw_dir);
+    formatPath(g_userDir, "%s/.quintaris", user->pw_dir);
     if (mkdir(g_userDir, kUserLogDirMode) != 0 && errno != EEXIST)
         g_userDir[0] = '\0';
     return g_userDir;
 }
 
-bool isOpenOn(int descriptor, const char* path) {
+bool isOpenAt(int fd, const char* path) {
     struct stat named {};
     struct stat opened {};
-    return stat(path, &named) == 0 && fstat(descriptor, &opened) == 0 &&
-           named.st_dev == opened.st_dev && named.st_ino == opened.st_ino;
+    return stat(path, &named) == 0 && fstat(fd, &opened) == 0 && named.st_dev == opened.st_dev &&
+           named.st_ino == opened.st_ino;
 }
 
 bool openAndInstall(const char* path) {
-    if (!putBehindOwnNumber(UniqueFd(logFileOpen(path))))
+    if (!installAsLogFd(UniqueFd(logFileOpen(path))))
         return false;
-    g_descriptor.store(g_ownNumber);
+    g_openFd = g_logFd;
     return true;
 }
 
-int openOrFallBack(const char* path) {
-    if (openAndInstall(path))
-        return g_descriptor.load();
+// Opens the path, or switches to the user directory, once per placement. Returns the log's
+// descriptor, or -1.
+int openOrFallBack() {
+    if (openAndInstall(chosenPath()))
+        return g_logFd;
     if (g_fallbackTaken)
         return -1;
     setPlacement(userDir(), kLogFileName);
     g_fallbackTaken = true;
-    return openAndInstall(g_path) ? g_descriptor.load() : -1;
+    return openAndInstall(g_path) ? g_logFd : -1;
 }
 
-int firstDescriptor() {
-    const Placing placing(Placing::IfTaken::kWait);
-    const int descriptor = g_descriptor.load();
-    return descriptor != -1 ? descriptor : openOrFallBack(chosenPath());
+int openFirst() {
+    const std::lock_guard lock(g_placementMutex);
+    const int fd = g_openFd;
+    return fd != -1 ? fd : openOrFallBack();
 }
 
-int checkedDescriptor(int descriptor) {
-    const Placing placing(Placing::IfTaken::kGiveUp);
-    if (!placing.held() || isOpenOn(descriptor, g_path))
-        return descriptor;
-    return openOrFallBack(g_path);
+int reopenIfMoved(int fd) {
+    const std::unique_lock lock(g_placementMutex, std::try_to_lock);
+    return !lock.owns_lock() || isOpenAt(fd, g_path) ? fd : openOrFallBack();
 }
 
 }  // namespace
 
 int logFileOpen(const char* path) {
-    const int descriptor = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, kLogFileMode);
-    if (descriptor != -1)
-        fchmod(descriptor, kLogFileMode);
-    return descriptor;
+    const int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, kLogFileMode);
+    if (fd != -1)
+        fchmod(fd, kLogFileMode);
+    return fd;
 }
 
 void logFileSetPlacement(const char* directory, const char* fileName) {
-    const Placing placing(Placing::IfTaken::kWait);
+    const std::lock_guard lock(g_placementMutex);
     setPlacement(directory, fileName);
 }
 
 const char* logFilePath() {
-    const Placing placing(Placing::IfTaken::kWait);
+    const std::lock_guard lock(g_placementMutex);
     return chosenPath();
 }
 
 const char* logUserDir() {
-    const Placing placing(Placing::IfTaken::kWait);
+    const std::lock_guard lock(g_placementMutex);
     return userDir();
 }
 
 int logFileDescriptor() {
-    const int descriptor = g_descriptor.load();
+    const int fd = g_openFd;
     if (SignalLogScope::active())
-        return descriptor;
-    if (descriptor == -1)
-        return firstDescriptor();
+        return fd;
+    if (fd == -1)
+        return openFirst();
     const std::time_t now = std::time(nullptr);
-    if (g_lastCheck.load() == now || g_lastCheck.exchange(now) == now)
-        return descriptor;
-    return checkedDescriptor(descriptor);
+    if (g_lastCheck == now || g_lastCheck.exchange(now) == now)
+        return fd;
+    return reopenIfMoved(fd);
 }
 
 int logFileWrite(const char* record, std::int32_t length) {
-    const int descriptor = logFileDescriptor();
-    if (descriptor == -1)
+    const int fd = logFileDescriptor();
+    if (fd == -1)
         return -1;
-    return static_cast<int>(write(descriptor, record, static_cast<std::size_t>(length)));
+    return static_cast<int>(write(fd, record, static_cast<std::size_t>(length)));
 }
 
 }  // namespace qnt

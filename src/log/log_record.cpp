@@ -1,6 +1,5 @@
 #include "log/log_record.h"
 
-#include <pthread.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -30,8 +29,7 @@ const char* levelMark(std::int32_t level) {
     return kLevelMarks[std::clamp<std::int32_t>(level, 0, std::size(kLevelMarks) - 1)];
 }
 
-// What the calling thread is to the kernel, asked once: two system calls would cost as much as the
-// record's other parts together. A forked child asks anew.
+// Cached per thread: two system calls would cost as much as the rest of a record.
 struct ThreadIds {
     pid_t process = 0;
     pid_t thread = 0;
@@ -39,28 +37,21 @@ struct ThreadIds {
 
 thread_local ThreadIds t_ids;
 
-void forgetIds() {
-    t_ids = {};
-}
-
-// At namespace scope: a local one would be guarded by a lock.
-[[maybe_unused]] const int g_idsForgottenInChild = pthread_atfork(nullptr, nullptr, forgetIds);
-
-const ThreadIds& ownIds() {
+const ThreadIds& threadIds() {
     if (t_ids.process == 0)
         t_ids = {getpid(), static_cast<pid_t>(syscall(SYS_gettid))};
     return t_ids;
 }
 
-// A record under composition. What does not fit is cut off.
+// A record under composition. What does not fit is truncated.
 class RecordBuffer {
 public:
     void appendTime() { m_length = logFormatTime(m_text); }
 
     void append(std::string_view text) {
-        const std::size_t fitting = std::min(text.size(), sizeof m_text - 1 - m_length);
-        std::memcpy(m_text + m_length, text.data(), fitting);
-        m_length += fitting;
+        const std::size_t length = std::min(text.size(), sizeof m_text - 1 - m_length);
+        std::memcpy(m_text + m_length, text.data(), length);
+        m_length += length;
     }
 
     void appendNumber(pid_t value, int base) {
@@ -88,7 +79,7 @@ private:
 };
 
 void appendWriter(RecordBuffer& record, const char* tag) {
-    const ThreadIds& ids = ownIds();
+    const ThreadIds& ids = threadIds();
     record.append("/");
     record.append(tag);
     record.append(":");
@@ -150,6 +141,10 @@ void logRecord(const char* prefix, const char* tag, std::int32_t level, const ch
     record.appendFormatted(format, arguments);
     va_end(arguments);
     record.deliver(g_sink);
+}
+
+void logNoMemory(const char* operation, const char* prefix) {
+    logRecord(prefix, kServiceTag, 0, "Not enough memory for %s", operation);
 }
 
 }  // namespace qnt

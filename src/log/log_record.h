@@ -1,10 +1,10 @@
-// Log records: one line of text each, composed on the caller's stack and handed to the sink in
-// one piece. Nothing here takes a lock or allocates.
+// Log records: one line of text each, composed on the caller's stack and passed to the sink in one
+// piece. Composing a record takes no lock of ours and allocates nothing.
 //
 // A record reads
 //   11-16 18:12:11.042 I /qntspooler:812:32c/ [PRINTING_TOOL] Unsupported data skipped, ...
 // that is: local time, level mark, tag, process id, kernel thread id in hexadecimal, prefix in
-// brackets when there is one, message, newline.
+// brackets if there is one, message, newline.
 
 #pragma once
 
@@ -13,35 +13,42 @@
 
 namespace qnt {
 
-inline constexpr std::size_t kRecordBufferSize = 4096;  // bytes, the ending zero included
+inline constexpr std::size_t kRecordBufferSize = 4096;  // bytes, with the NUL terminator
 inline constexpr std::size_t kRecordMaxText = 4094;     // bytes before the record's newline
-inline constexpr std::size_t kTimeBufferSize = 128;     // bytes, what logFormatTime asks for
+inline constexpr std::size_t kTimeBufferSize = 128;     // bytes that logFormatTime requires
 
-// The tag of every record but those of the request device.
-inline constexpr char kServiceTag[] = "qntspooler";
+inline constexpr char kServiceTag[] = "qntspooler";  // the request device has a tag of its own
 
-// Receives a finished record: its bytes, newline included, and their number. Called on the thread
-// that logs. Nobody reads the result.
+// Receives a finished record and its length in bytes, newline included. Runs on the thread that
+// logs. The result is ignored.
 using LogSink = int (*)(const char* record, std::int32_t length);
 
-// Writes one record to the sink, whatever the level in force: a call site that writes a record of
-// level 1 to 3 tests logGetLevel() first. Takes a printf format. May be called from any thread;
-// errno is kept, and the calling thread is not cancelled meanwhile. A record that can't be written
-// is lost silently. Too long a record is cut at its end and still ends in its newline.
+// Writes one record to the sink, whatever the level in force (QNT_LOG compares them). Takes a
+// printf format. Any thread; preserves errno; not cancelled meanwhile. A record that can't be
+// written is lost silently. A record that is too long is truncated and still ends in a newline.
 void logRecord(const char* prefix, const char* tag, std::int32_t level, const char* format, ...)
     __attribute__((format(printf, 4, 5)));
 
-// The level in force: 0 errors and the lines of start and stop, 1 warnings, 2 information,
-// 3 detail. -1 stores 1, the level of a program that sets none. To be set before other threads
-// start; they only read it.
+// The level in force: 0 errors, start and stop; 1 warnings; 2 information; 3 detail. Setting -1
+// sets 1, the level before any call. To be set before other threads start; they only read it.
 void logSetLevel(std::int32_t level);
 std::int32_t logGetLevel();
 
 // Replaces the sink, which is logFileWrite at first. To be called before other threads start.
 void logSetSink(LogSink sink);
 
-// Writes the wall clock's local time, "11-16 18:12:11.042 " with its blank, into a buffer of at
-// least kTimeBufferSize bytes, ended by a zero. Returns the number of characters.
+// Writes the wall clock's local time, "11-16 18:12:11.042 " with its trailing blank and a NUL
+// terminator, into a buffer of at least kTimeBufferSize bytes. Returns the number of characters.
 std::size_t logFormatTime(char* buffer);
 
+// Writes "Not enough memory for OPERATION" at level 0.
+void logNoMemory(const char* operation, const char* prefix = "");
+
 }  // namespace qnt
+
+// Writes a record of the level (0 to 3) if the level in force includes it: QNT_LOG with the
+// service's tag, QNT_LOG_AS with a prefix and tag as for logRecord. Arguments are evaluated only
+// for a record that is written.
+#define QNT_LOG_AS(prefix, tag, level, ...) \
+    (::qnt::logGetLevel() >= (level) ? ::qnt::logRecord(prefix, tag, level, __VA_ARGS__) : void())
+#define QNT_LOG(level, ...) QNT_LOG_AS("", ::qnt::kServiceTag, level, __VA_ARGS__)

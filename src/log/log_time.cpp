@@ -2,13 +2,12 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <cstring>
 
 namespace qnt {
 namespace {
 
-// Read by a handler, so it must not be allocated lazily: in a program it lies in static TLS.
+// Read by a signal handler, so it must not be allocated lazily: an executable's TLS is static.
 thread_local volatile bool t_inSignalHandler = false;
 
 struct LocalSecond {
@@ -19,42 +18,54 @@ struct LocalSecond {
 
 thread_local LocalSecond t_last;
 
-// Seconds east of UTC, as libc last told.
-std::atomic<long> g_zoneOffset{0};
+// Seconds east of UTC, as last returned by libc.
+std::atomic<long> g_utcOffset{0};
 static_assert(std::atomic<long>::is_always_lock_free, "a signal handler reads it");
 
-void formatWithoutLibc(std::time_t second, char (&text)[kLocalSecondSize]) {
+std::tm localTime(std::time_t second) {
+    std::tm local{};
+    localtime_r(&second, &local);
+    g_utcOffset = local.tm_gmtoff;
+    return local;
+}
+
+void formatFromUtcOffset(std::time_t second, char (&text)[kLocalSecondSize]) {
     using std::chrono::days;
-    const std::chrono::sys_seconds local{std::chrono::seconds{second + g_zoneOffset.load()}};
+    const std::chrono::sys_seconds local{std::chrono::seconds{second + g_utcOffset}};
     const auto midnight = std::chrono::floor<days>(local);
     const std::chrono::year_month_day date{midnight};
     const std::chrono::hh_mm_ss time{local - midnight};
-    std::snprintf(text, sizeof text, "%02u-%02u %02u:%02u:%02u", unsigned{date.month()} % 100,
-                  unsigned{date.day()} % 100, static_cast<unsigned>(time.hours().count()) % 100,
-                  static_cast<unsigned>(time.minutes().count()) % 100,
-                  static_cast<unsigned>(time.seconds().count()) % 100);
-}
-
-void formatWithLibc(std::time_t second, char (&text)[kLocalSecondSize]) {
-    std::tm local{};
-    localtime_r(&second, &local);
-    g_zoneOffset.store(local.tm_gmtoff);
-    std::strftime(text, sizeof text, "%m-%d %H:%M:%S", &local);
+    const unsigned fields[] = {unsigned{date.month()}, unsigned{date.day()},
+                               static_cast<unsigned>(time.hours().count()),
+                               static_cast<unsigned>(time.minutes().count()),
+                               static_cast<unsigned>(time.seconds().count())};
+    std::memcpy(text, "00-00 00:00:00", sizeof text);
+    char* digits = text;
+    for (const unsigned field : fields) {
+        digits[0] = static_cast<char>('0' + field / 10);
+        digits[1] = static_cast<char>('0' + field % 10);
+        digits += 3;
+    }
 }
 
 }  // namespace
 
 void formatLocalSecond(std::time_t second, char (&text)[kLocalSecondSize]) {
     if (SignalLogScope::active()) {
-        formatWithoutLibc(second, text);
+        formatFromUtcOffset(second, text);
         return;
     }
     if (!t_last.known || t_last.second != second) {
-        formatWithLibc(second, t_last.text);
+        const std::tm local = localTime(second);
+        std::strftime(t_last.text, sizeof t_last.text, "%m-%d %H:%M:%S", &local);
         t_last.second = second;
         t_last.known = true;
     }
     std::memcpy(text, t_last.text, sizeof text);
+}
+
+void refreshUtcOffset() {
+    localTime(std::time(nullptr));
 }
 
 SignalLogScope::SignalLogScope() : m_outer(t_inSignalHandler) {

@@ -1,4 +1,4 @@
-// Local time for records.
+// Local time for records, and records inside signal handlers.
 
 #pragma once
 
@@ -7,17 +7,22 @@
 
 namespace qnt {
 
-inline constexpr std::size_t kLocalSecondSize = 15;  // "11-16 18:12:11" and its zero
+inline constexpr std::size_t kLocalSecondSize = 15;  // "11-16 18:12:11" and the NUL terminator
 
-// Writes the local time of a second as "%m-%d %H:%M:%S". Remembers the last second of each thread,
-// so libc's time-zone lock is taken at most once a second. Inside a SignalLogScope libc is not
-// asked: the zone offset of the last conversion of any thread serves.
+// Writes the local time of a second as "%m-%d %H:%M:%S". Each thread caches its last second, so
+// that libc's time zone lock is taken at most once a second. Inside a SignalLogScope, uses the last
+// known UTC offset instead of libc.
 void formatLocalSecond(std::time_t second, char (&text)[kLocalSecondSize]);
 
-// While one of these lives, records of the calling thread touch nothing that the instruction
-// under the signal may hold: no time-zone lock (libc's localtime_r takes it, and a handler that
-// asks for it again never returns), no heap, no opening of files. Such a record takes the zone
-// offset of the record before it, and is lost when no log file is open.
+// Takes the current UTC offset from libc, for records inside a SignalLogScope. To be called about
+// once a second: a handler's record then has the right hour although nothing else has been logged
+// since a change of daylight saving time. Any thread; not in a signal handler.
+void refreshUtcOffset();
+
+// While an object of this class lives, records of the calling thread use nothing that the code
+// interrupted by a signal may hold: no time zone lock (a handler that called localtime_r while the
+// interrupted code is inside it would never return), no heap, no opening of files. Such a record is
+// lost when no log file is open.
 class SignalLogScope {
 public:
     SignalLogScope();

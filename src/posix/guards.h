@@ -1,4 +1,4 @@
-// What a library call may disturb in the thread that makes it, put back at the end of a scope.
+// Scope guards for errno and the cancellation state of the calling thread.
 
 #pragma once
 
@@ -8,7 +8,7 @@
 
 namespace qnt {
 
-// Puts errno back to what it was when the guard was made, also when an exception passes.
+// Restores errno at the end of the scope, also when an exception passes.
 class ErrnoGuard {
 public:
     ErrnoGuard() : m_saved(errno) {}
@@ -20,10 +20,10 @@ private:
     const int m_saved;
 };
 
-// Defers pthread_cancel for the calling thread. glibc carries a cancellation out as a forced
-// unwinding from inside write, close, waitpid and the like; that must not start in a destructor
-// (which is noexcept, so the process would end) nor halfway through a change of shared state.
-// A request that arrives meanwhile takes effect at the thread's next cancellation point.
+// Defers pthread_cancel for the calling thread until after the scope. glibc implements cancellation
+// as a forced unwinding that starts inside write, close, waitpid and the like. It must not start in
+// a destructor, which is noexcept (the process would end), nor in the middle of a change of shared
+// state.
 class CancelGuard {
 public:
     CancelGuard() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_previous); }

@@ -14,33 +14,14 @@ namespace qnt {
 namespace {
 
 constexpr int kNotStarted = 127 << 8;  // the wait status of exit code 127
-constexpr int kFirstClosedDescriptor = 3;
+constexpr std::string_view kSedSpecials = R"(\[.*^$/)";
 
-class SpawnActions {
+// How the shell starts: new session, empty signal mask, default disposition for signals that the
+// service handles or that it may have inherited as ignored.
+class SpawnSetup {
 public:
-    SpawnActions() { posix_spawn_file_actions_init(&m_actions); }
-    ~SpawnActions() { posix_spawn_file_actions_destroy(&m_actions); }
-    SpawnActions(const SpawnActions&) = delete;
-    SpawnActions& operator=(const SpawnActions&) = delete;
-
-    bool sendOutputTo(int descriptor) {
-        return descriptor == -1 ||
-               posix_spawn_file_actions_adddup2(&m_actions, descriptor, STDOUT_FILENO) == 0;
-    }
-    bool closeTheRest() {
-        return posix_spawn_file_actions_addclosefrom_np(&m_actions, kFirstClosedDescriptor) == 0;
-    }
-    const posix_spawn_file_actions_t* get() const { return &m_actions; }
-
-private:
-    posix_spawn_file_actions_t m_actions;
-};
-
-// A session of its own, no signal blocked, and those at their default that the service, or
-// who started it, may have set to be ignored.
-class SpawnAttributes {
-public:
-    SpawnAttributes() {
+    SpawnSetup() {
+        posix_spawn_file_actions_init(&m_actions);
         posix_spawnattr_init(&m_attributes);
         posix_spawnattr_setflags(
             &m_attributes, POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
@@ -51,13 +32,25 @@ public:
             sigaddset(&signals, signal);
         posix_spawnattr_setsigdefault(&m_attributes, &signals);
     }
-    ~SpawnAttributes() { posix_spawnattr_destroy(&m_attributes); }
-    SpawnAttributes(const SpawnAttributes&) = delete;
-    SpawnAttributes& operator=(const SpawnAttributes&) = delete;
+    ~SpawnSetup() {
+        posix_spawn_file_actions_destroy(&m_actions);
+        posix_spawnattr_destroy(&m_attributes);
+    }
+    SpawnSetup(const SpawnSetup&) = delete;
+    SpawnSetup& operator=(const SpawnSetup&) = delete;
 
-    const posix_spawnattr_t* get() const { return &m_attributes; }
+    bool setStandardOutput(int fd) {
+        return posix_spawn_file_actions_adddup2(&m_actions, fd, STDOUT_FILENO) == 0;
+    }
+    bool spawn(pid_t& pid, const std::string& command) const {
+        char shell[] = "sh";
+        char option[] = "-c";
+        char* const arguments[] = {shell, option, const_cast<char*>(command.c_str()), nullptr};
+        return posix_spawn(&pid, "/bin/sh", &m_actions, &m_attributes, arguments, environ) == 0;
+    }
 
 private:
+    posix_spawn_file_actions_t m_actions;
     posix_spawnattr_t m_attributes;
 };
 
@@ -70,15 +63,13 @@ int reap(pid_t pid) {
     return status;
 }
 
-constexpr std::string_view kSedSpecials = R"(\[.*^$/)";
-
-bool holds(std::string_view text, char byte) {
+bool contains(std::string_view text, char byte) {
     return text.find(byte) != std::string_view::npos;
 }
 
 }  // namespace
 
-// Reached with a running child only when the thread is cancelled or memory has run out.
+// The child still runs only when the thread is cancelled or an exception passes.
 ShellChild::~ShellChild() {
     if (m_pid == -1)
         return;
@@ -88,22 +79,18 @@ ShellChild::~ShellChild() {
 }
 
 bool ShellChild::start(const std::string& command, int output) {
-    SpawnActions actions;
-    const SpawnAttributes attributes;
-    if (!actions.sendOutputTo(output) || !actions.closeTheRest())
+    SpawnSetup setup;
+    if (output != -1 && !setup.setStandardOutput(output))
         return false;
-    char shell[] = "sh";
-    char option[] = "-c";
-    char* const arguments[] = {shell, option, const_cast<char*>(command.c_str()), nullptr};
     pid_t pid = -1;
-    if (posix_spawn(&pid, "/bin/sh", actions.get(), attributes.get(), arguments, environ) != 0)
+    if (!setup.spawn(pid, command))
         return false;
     m_pid = pid;
     return true;
 }
 
-// Two steps, so that a cancellation can't come between the reaping and its being known: the first
-// may be cancelled and leaves the child as it is, the second can't and does not wait.
+// Waits with WNOWAIT, which can be cancelled and does not reap the child, then reaps it with
+// cancellation disabled: m_pid never names a process that has been reaped.
 int ShellChild::wait() {
     siginfo_t ended{};
     while (waitid(P_PID, static_cast<id_t>(m_pid), &ended, WEXITED | WNOWAIT) == -1 &&
@@ -131,8 +118,8 @@ bool CommandOutput::open(const std::string& command) {
     return m_child.start(command, writeEnd.get());
 }
 
-bool CommandOutput::readLine(char (&piece)[kOutputPieceSize]) {
-    while (std::fgets(piece, kOutputPieceSize, m_output.get()) == nullptr) {
+bool CommandOutput::readLine(char (&line)[kLineBufferSize]) {
+    while (std::fgets(line, kLineBufferSize, m_output.get()) == nullptr) {
         if (std::feof(m_output.get()) != 0 || errno != EINTR)
             return false;
         std::clearerr(m_output.get());
@@ -146,7 +133,7 @@ void CommandOutput::close() {
 }
 
 std::optional<std::string> shellQuote(std::string_view text) {
-    if (holds(text, '\0'))
+    if (contains(text, '\0'))
         return std::nullopt;
     std::string word = "'";
     for (const char byte : text) {
@@ -159,11 +146,11 @@ std::optional<std::string> shellQuote(std::string_view text) {
 }
 
 std::optional<std::string> sedPattern(std::string_view text) {
-    if (holds(text, '\0') || holds(text, '\n'))
+    if (contains(text, '\0') || contains(text, '\n'))
         return std::nullopt;
     std::string pattern;
     for (const char byte : text) {
-        if (holds(kSedSpecials, byte))
+        if (contains(kSedSpecials, byte))
             pattern += '\\';
         pattern += byte;
     }

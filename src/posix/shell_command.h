@@ -1,13 +1,12 @@
-// Running one command line through the shell, as system(3) and popen(3) do it, for a service with
-// threads that must stop at once:
+// system(3) and popen(3) for a service whose threads can be cancelled at any time:
 //
-// - A cancelled thread leaves nothing behind: the command's processes form a session of their own,
-//   whose group is killed and reaped as the thread unwinds. (glibc's pclose waits for a hung tool.)
-//   Without a terminal, a tool that would ask for a password fails instead of waiting.
-// - SIGINT keeps its handler. (system(3) ignores it in the whole process while a command runs, so
-//   a stop request of that moment would be lost.)
-// - The command starts with no signal blocked, although the workers block the stop signals, and
-//   inherits standard input, output and error alone.
+// - A cancelled thread leaves no process behind. Each command runs in a session of its own, whose
+//   process group is killed and reaped while the thread unwinds. (glibc's pclose would wait for a
+//   command that hangs.) A tool that would ask for a password fails, as it has no terminal.
+// - SIGINT keeps its handler. (system(3) ignores SIGINT in the whole process while a command runs,
+//   so a stop request would be lost.)
+// - The command starts with an empty signal mask, although the workers block the stop signals. It
+//   inherits the descriptors 0 to 2; those that the service opens are close-on-exec.
 //
 // Waiting for a command is a cancellation point. Any thread.
 
@@ -15,6 +14,7 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -23,9 +23,12 @@
 
 namespace qnt {
 
-inline constexpr int kOutputPieceSize = 1024;  // bytes of a read, its ending zero included
+inline constexpr int kLineBufferSize = 1024;  // bytes, with the NUL terminator
+// execve(2) refuses an argument of this size or more, NUL terminator included (MAX_ARG_STRLEN). A
+// whole command line is one argument of the shell.
+inline constexpr std::size_t kArgumentLimit = 128 * 1024;
 
-// A shell that has been started and is to be waited for.
+// A running shell. The destructor kills and reaps it if nobody has waited for it.
 class ShellChild {
 public:
     ShellChild() = default;
@@ -33,42 +36,42 @@ public:
     ShellChild(const ShellChild&) = delete;
     ShellChild& operator=(const ShellChild&) = delete;
 
-    // Starts "sh -c command", its standard output going to a descriptor of the caller's, or where
-    // the service's own goes for -1. False when no process could be started.
+    // Starts "sh -c command" with `output` as its standard output; -1: inherited. False when no
+    // process could be started.
     bool start(const std::string& command, int output);
-    // Waits for the end of the shell. Returns its wait status, or -1 when there is no such child.
+    // Waits for the shell to end. Returns its wait status, or -1 when there is no such child.
     int wait();
 
 private:
     pid_t m_pid = -1;
 };
 
-// Runs a command and returns its wait status: 0 for success, 256 for the exit code 1, the status
-// of exit code 127 when no process could be started.
+// Runs a command and returns its wait status: 0 for success, 256 for exit code 1. When no process
+// could be started, returns the wait status of exit code 127, as system(3) does.
 int runCommand(const std::string& command);
 
 // A command whose output is read.
 class CommandOutput {
 public:
-    // False when no pipe or process could be had.
+    // False when no pipe or process could be created.
     bool open(const std::string& command);
-    // The next line with its newline, or a piece of 1023 bytes of a longer one. False at the end
-    // of the output and on a read error; an interrupted read is repeated.
-    bool readLine(char (&piece)[kOutputPieceSize]);
-    // Closes the pipe and waits for the command's end.
+    // Reads the next line with its newline; a longer line comes in pieces of kLineBufferSize - 1
+    // bytes. False at the end of the output and on a read error; an interrupted read is repeated.
+    bool readLine(char (&line)[kLineBufferSize]);
+    // Closes the pipe and waits for the command to end.
     void close();
 
 private:
     ShellChild m_child;
-    FilePtr m_output;
+    UniqueFile m_output;
 };
 
-// One word of the shell whose value is the text: between single quotes, with each single quote of
-// the text as '\''. None when the text holds a zero byte, which no argument can carry.
+// Quotes the text as one shell word: between single quotes, with each single quote in it as '\''.
+// Nothing if the text contains a zero byte, which no argument can contain.
 std::optional<std::string> shellQuote(std::string_view text);
 
-// A basic regular expression, for a sed program with "/" as delimiter, that matches the text and
-// nothing else. None when the text holds a zero byte or a line end.
+// Returns a basic regular expression, for a sed program with "/" as delimiter, that matches exactly
+// the text. Nothing if the text contains a zero byte or a newline.
 std::optional<std::string> sedPattern(std::string_view text);
 
 }  // namespace qnt

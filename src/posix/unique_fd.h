@@ -1,5 +1,5 @@
-// Owners of open files. Closing is a cancellation point of libc and happens in destructors here,
-// so it is never the place where a thread is cancelled.
+// Owners of open files. close(2) is a cancellation point; the owners close with cancellation
+// disabled, as a destructor must not be left by the unwinding of a cancelled thread.
 
 #pragma once
 
@@ -16,26 +16,21 @@ namespace qnt {
 // Owns a file descriptor; -1 means none.
 class UniqueFd {
 public:
-    explicit UniqueFd(int number = -1) : m_number(number) {}
-    ~UniqueFd() { reset(); }
-    UniqueFd(UniqueFd&& other) noexcept : m_number(other.release()) {}
-    UniqueFd& operator=(UniqueFd&& other) noexcept {
-        reset(other.release());
-        return *this;
-    }
-
-    int get() const { return m_number; }
-    bool isOpen() const { return m_number >= 0; }
-    int release() { return std::exchange(m_number, -1); }
-    void reset(int number = -1) {
+    explicit UniqueFd(int fd) : m_fd(fd) {}
+    ~UniqueFd() {
         const CancelGuard cancelGuard;
         if (isOpen())
-            close(m_number);
-        m_number = number;
+            close(m_fd);
     }
+    UniqueFd(const UniqueFd&) = delete;
+    UniqueFd& operator=(const UniqueFd&) = delete;
+
+    int get() const { return m_fd; }
+    bool isOpen() const { return m_fd >= 0; }
+    int release() { return std::exchange(m_fd, -1); }
 
 private:
-    int m_number;
+    int m_fd;
 };
 
 struct FileCloser {
@@ -44,6 +39,6 @@ struct FileCloser {
         std::fclose(file);
     }
 };
-using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
+using UniqueFile = std::unique_ptr<std::FILE, FileCloser>;
 
 }  // namespace qnt
