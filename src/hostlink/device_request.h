@@ -1,6 +1,7 @@
 // The record that the guest's kernel driver takes: a 16-byte header, inline data, then 16-byte
-// buffer descriptors. Little-endian, in the sender's memory; this service runs on x86-64 alone, so
-// the fields are the machine's own.
+// buffer descriptors. The driver and the host read it from the sender's memory, so these are
+// structs in memory order: little-endian, as the service runs on x86-64 only. Payloads inside the
+// buffers are encoded byte by byte (protocol/little_endian.h).
 
 #pragma once
 
@@ -19,15 +20,15 @@ enum QntKlRequestCode : std::uint32_t {
 // Values of DeviceRequestHeader::status; any other is a failure.
 inline constexpr std::uint32_t kStatusDone = 0;
 inline constexpr std::uint32_t kStatusCanceled = 0xF0000000;
-inline constexpr std::uint32_t kStatusAgain = 0xF0000025;  // submit the same request once more
+inline constexpr std::uint32_t kStatusAgain = 0xF0000025;  // submit the same request again
 
 inline constexpr std::uint32_t kBufferWritable = 1;  // bit 0 of BufferDescriptor::flags
 
 struct DeviceRequestHeader {
     std::uint32_t code;
     std::uint32_t status;       // 0 from the sender, the result from the host
-    std::uint16_t inlineSize;   // bytes of inline data behind the header, a multiple of 8
-    std::uint16_t bufferCount;  // descriptors behind the inline data
+    std::uint16_t inlineSize;   // bytes of inline data after the header, a multiple of 8
+    std::uint16_t bufferCount;  // descriptors after the inline data
     std::uint32_t reserved;
 };
 static_assert(sizeof(DeviceRequestHeader) == 16);
@@ -43,7 +44,7 @@ struct BufferDescriptor {
 static_assert(sizeof(BufferDescriptor) == 16);
 static_assert(offsetof(BufferDescriptor, size) == 8);
 
-// The one shape of request with buffers that the service sends: no inline data, two buffers.
+// The only request with buffers that the service sends: no inline data, two buffers.
 struct DeviceRequest {
     DeviceRequestHeader header;
     BufferDescriptor buffers[2];

@@ -1,5 +1,7 @@
 #include "hostlink/kavelink.h"
 
+#include <thread>
+
 #include "hostlink/kavelink_backdoor.h"
 #include "hostlink/kavelink_device.h"
 
@@ -16,10 +18,10 @@ std::int32_t openOverDevice(KavelinkLink& link) {
 
 std::int32_t openOverBackdoor(KavelinkLink& link) {
     link.kind = LinkKindBackdoor;
-    BackdoorInfo version;
-    const std::int32_t result = guardedBackdoorProbe(&version);
+    BackdoorInfo info;
+    const std::int32_t result = guardedBackdoorProbe(&info);
     if (result == kLinkOk) {
-        link.handle = version.maxTransfer;
+        link.handle = info.maxTransfer;
         link.state = kLinkOpen;
     }
     return result;
@@ -68,6 +70,14 @@ std::int32_t kavelinkCall(KavelinkLink* link, void* buffer, std::uint32_t inputS
         default:
             return kLinkUnknownKind;
     }
+}
+
+bool HostLoopLimit::mayRepeat() {
+    if (std::chrono::steady_clock::now() >= m_end)
+        return false;
+    if (++m_repeats > kRepeatsAtOnce)
+        std::this_thread::sleep_for(kPause);
+    return true;
 }
 
 }  // namespace qnt

@@ -1,18 +1,19 @@
 // The Open Kavelink link: short messages to the host, through the request device or, where the
-// device is there but takes no link calls, through the hypervisor's backdoor.
+// device exists but refuses link calls, through the hypervisor's backdoor.
 //
-// No locks, no allocation, no records: a link belongs to the thread that uses it, and callers
-// report the results (LinkResult).
+// Allocates and logs nothing and takes no lock: a link belongs to the thread that uses it, and
+// callers handle the results.
 
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 
 namespace qnt {
 
 enum LinkResult : std::int32_t {
     kLinkOk = 0,
-    kLinkBadArgument = -1,   // null link or buffer, nothing to move, maxTransfer 0, unknown mode
+    kLinkBadArgument = -1,   // null link or buffer, both sizes 0, maxTransfer 0, unknown mode
     kLinkNotAvailable = -5,  // no device, or no backdoor
     kLinkRefused = -6,       // the host refused the probe or the request; wrong backdoor version
     kLinkAnswerTooLarge = -7,
@@ -38,33 +39,39 @@ enum KavelinkMode : std::int32_t {
 };
 
 struct KavelinkLink {
-    std::int32_t state = kLinkClosed;  // in an exchange and after it, the exchange's status
+    std::int32_t state = kLinkClosed;  // during and after an exchange: the exchange's status
     std::uint32_t kind = 0;            // KavelinkKind, while open
-    std::uint64_t handle =
-        0;  // device: its descriptor, 0 for none; backdoor: maxTransfer, low half
+    std::uint64_t handle = 0;          // device: its descriptor; backdoor: maxTransfer; 0: none
 };
 
-// The driver and the hypervisor set no bound to these; without one a broken host would keep the
-// service from ever starting or stopping, since it has no other chance to look up.
-//
-// How often the device's probe is repeated at the host's wish: at some 10 us each, a second or
-// more, far beyond any start of a host's service. Then the link counts as refused.
-inline constexpr int kMaxProbeRepeats = 100'000;
-// How many transfers in a row may move nothing in either direction while the host says that the
-// exchange goes on. Then the exchange is cancelled and counts as failed by the host.
-inline constexpr int kMaxIdleTransfers = 100'000;
-
-// Opens the link and chooses its transport. The device's absence is final (-5): the backdoor is
-// tried only when the device refuses. State 0 on success, else -11.
+// Opens the link and selects its transport. A missing device is final (kLinkNotAvailable): the
+// backdoor is tried only when the device refuses. The state is kLinkOpen on success, else
+// kLinkClosed.
 std::int32_t kavelinkOpen(KavelinkLink* link, std::int32_t mode);
 
-// 0, or -1 for a null link.
+// kLinkOk, or kLinkBadArgument for a null link.
 std::int32_t kavelinkClose(KavelinkLink* link);
 
-// Sends `inputSize` bytes of the buffer. The host's answer, at most `outputSize` bytes, comes back
-// from the buffer's start; the buffer holds the larger of both. The answer's length is stored when
-// asked for.
+// Sends the first `inputSize` bytes of the buffer. The host's answer, at most `outputSize` bytes,
+// replaces them; the buffer must hold the larger of the two. *answerLength is optional.
 std::int32_t kavelinkCall(KavelinkLink* link, void* buffer, std::uint32_t inputSize,
                           std::uint32_t outputSize, std::uint32_t* answerLength);
+
+// Bounds a loop whose length the host decides and that would otherwise block start or stop for
+// ever: the device's probe, and transfers that move nothing. The first hundred repetitions follow
+// at once, later ones after a pause; a minute is longer than a host's service takes to start.
+class HostLoopLimit {
+public:
+    static constexpr std::chrono::seconds kTime{60};  // on the monotonic clock
+    static constexpr int kRepeatsAtOnce = 100;
+    static constexpr std::chrono::milliseconds kPause{10};
+
+    // Whether to repeat once more; may sleep for kPause.
+    bool mayRepeat();
+
+private:
+    const std::chrono::steady_clock::time_point m_end = std::chrono::steady_clock::now() + kTime;
+    int m_repeats = 0;
+};
 
 }  // namespace qnt

@@ -4,6 +4,7 @@
 #include <csetjmp>
 #include <csignal>
 #include <cstring>
+#include <optional>
 
 #include "hostlink/rdpmc.h"
 
@@ -16,7 +17,7 @@ void jumpOutOfFault(int signal) {
     siglongjmp(g_faultJump, signal != 0 ? signal : -1);
 }
 
-// Takes a signal over and gives it back at the end of the scope.
+// Handles one signal for a scope, then restores the previous disposition.
 class FaultHandler {
 public:
     explicit FaultHandler(int signal) : m_signal(signal) {
@@ -36,6 +37,25 @@ private:
     const int m_signal;
     bool m_installed = false;
     struct sigaction m_previous {};
+};
+
+// Unblocks the faults' signals in the calling thread for a scope: a synchronous signal that is
+// blocked kills the process whatever its handler.
+class FaultsUnblocked {
+public:
+    FaultsUnblocked() {
+        sigset_t faults;
+        sigemptyset(&faults);
+        sigaddset(&faults, SIGILL);
+        sigaddset(&faults, SIGSEGV);
+        pthread_sigmask(SIG_UNBLOCK, &faults, &m_previous);
+    }
+    ~FaultsUnblocked() { pthread_sigmask(SIG_SETMASK, &m_previous, nullptr); }
+    FaultsUnblocked(const FaultsUnblocked&) = delete;
+    FaultsUnblocked& operator=(const FaultsUnblocked&) = delete;
+
+private:
+    sigset_t m_previous{};
 };
 
 std::uint32_t low32(std::uint64_t value) {
@@ -65,7 +85,7 @@ std::int32_t transfer(BackdoorExchange& exchange, const TransferArea& area,
     return kLinkOk;
 }
 
-// The way of one call's bytes through the caller's buffer.
+// Progress of one call through the caller's buffer.
 struct Progress {
     std::uint8_t* buffer;
     std::uint32_t inputSize;
@@ -74,7 +94,7 @@ struct Progress {
     std::uint32_t sent = 0;
     std::uint32_t received = 0;
 
-    // The last transfer of an input that is larger than one is a full one.
+    // When the input needs several transfers, the last is full-sized.
     std::uint32_t nextChunk() const {
         const std::uint32_t remaining = inputSize - sent;
         return remaining <= maxTransfer ? remaining
@@ -84,11 +104,11 @@ struct Progress {
     TransferArea nextArea() const {
         const std::uint32_t chunk = nextChunk();
         if (chunk == 0)
-            return {buffer + answerLength(), 0, cut(room(received))};
-        return {buffer + sent, chunk, cut(inputSize >= outputSize ? chunk : room(sent))};
+            return {buffer + answerLength(), 0, limited(room(received))};
+        return {buffer + sent, chunk, limited(inputSize >= outputSize ? chunk : room(sent))};
     }
 
-    // Collects the answer at the buffer's start.
+    // Moves the received bytes to the end of the answer, which grows from the buffer's start.
     void advance(const TransferArea& area, std::uint32_t got) {
         if (area.chunk != 0 && got != 0 && sent > received)
             std::memmove(buffer + received, buffer + sent, got);
@@ -96,14 +116,14 @@ struct Progress {
         received += got;
     }
 
-    // A host may claim more than it was given room for.
+    // The host may claim more bytes than it was given room for.
     std::uint32_t answerLength() const { return std::min(received, outputSize); }
 
 private:
     std::uint32_t room(std::uint32_t used) const {
         return used < outputSize ? outputSize - used : 0;
     }
-    std::uint32_t cut(std::uint32_t limit) const { return std::min(limit, maxTransfer); }
+    std::uint32_t limited(std::uint32_t limit) const { return std::min(limit, maxTransfer); }
 };
 
 std::int32_t transferOnce(BackdoorExchange& exchange, const TransferArea& area,
@@ -114,7 +134,7 @@ std::int32_t transferOnce(BackdoorExchange& exchange, const TransferArea& area,
 
 }  // namespace
 
-std::int32_t backdoorProbe(BackdoorInfo* version) {
+std::int32_t backdoorProbe(BackdoorInfo* info) {
     RdpmcRegisters registers;
     registers.rax = kBackdoorProbe;
     registers.rbx = kBackdoorProbe;
@@ -124,9 +144,19 @@ std::int32_t backdoorProbe(BackdoorInfo* version) {
         return kLinkNotAvailable;
     if (low32(registers.rbx) != kBackdoorVersion)
         return kLinkRefused;
-    if (version != nullptr)
-        *version = {low32(registers.rbx), low32(registers.rcx)};
+    if (info != nullptr)
+        *info = {low32(registers.rbx), low32(registers.rcx)};
     return kLinkOk;
+}
+
+std::int32_t guardedBackdoorProbe(BackdoorInfo* info) {
+    volatile std::int32_t result = kLinkNotAvailable;  // volatile: kept across the jump
+    const FaultHandler illegalInstruction(SIGILL);
+    const FaultHandler segmentationFault(SIGSEGV);
+    const FaultsUnblocked faultsUnblocked;
+    if (sigsetjmp(g_faultJump, 1) == 0)
+        result = backdoorProbe(info);
+    return result;
 }
 
 std::int32_t backdoorBegin(BackdoorExchange& exchange, const TransferArea& area,
@@ -156,15 +186,6 @@ std::int32_t backdoorCancel(BackdoorExchange& exchange) {
     return exchange.hostStatus;
 }
 
-std::int32_t guardedBackdoorProbe(BackdoorInfo* version) {
-    volatile std::int32_t result = kLinkNotAvailable;  // kept in memory across the jump
-    const FaultHandler illegalInstruction(SIGILL);
-    const FaultHandler segmentationFault(SIGSEGV);
-    if (sigsetjmp(g_faultJump, 1) == 0)
-        result = backdoorProbe(version);
-    return result;
-}
-
 std::int32_t backdoorCall(KavelinkLink& link, void* buffer, std::uint32_t inputSize,
                           std::uint32_t outputSize, std::uint32_t* answerLength) {
     if (answerLength != nullptr)
@@ -177,8 +198,12 @@ std::int32_t backdoorCall(KavelinkLink& link, void* buffer, std::uint32_t inputS
     BackdoorExchange exchange;
     exchange.totalInput = inputSize;
     Progress progress{static_cast<std::uint8_t*>(buffer), inputSize, outputSize, maxTransfer};
-    int idleTransfers = 0;
-    do {
+    std::optional<HostLoopLimit> idleLimit;  // while transfers move nothing
+    while (exchange.hostStatus != kHostStatusComplete) {
+        if (idleLimit && !idleLimit->mayRepeat()) {
+            backdoorCancel(exchange);
+            return kLinkHostFailed;
+        }
         const TransferArea area = progress.nextArea();
         std::uint32_t got = 0;
         const std::int32_t result = transferOnce(exchange, area, got);
@@ -191,12 +216,11 @@ std::int32_t backdoorCall(KavelinkLink& link, void* buffer, std::uint32_t inputS
             return kLinkAnswerTooLarge;
         }
         progress.advance(area, got);
-        idleTransfers = area.chunk == 0 && got == 0 ? idleTransfers + 1 : 0;
-        if (idleTransfers > kMaxIdleTransfers) {
-            backdoorCancel(exchange);
-            return kLinkHostFailed;
-        }
-    } while (exchange.hostStatus != kHostStatusComplete);
+        if (area.chunk != 0 || got != 0)
+            idleLimit.reset();
+        else if (!idleLimit)
+            idleLimit.emplace();
+    }
     if (answerLength != nullptr)
         *answerLength = progress.answerLength();
     link.state = kLinkOpen;

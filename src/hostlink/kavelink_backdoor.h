@@ -1,5 +1,7 @@
-// The hypervisor's backdoor: four commands, each one intercepted instruction with a magic number in
-// EAX. Values are 32-bit and zero-extended unless the table says otherwise.
+// The link over the hypervisor's backdoor.
+//
+// Four commands, each one RDPMC instruction with a magic number in EAX. Values are 32-bit and
+// zero-extended unless the table states otherwise.
 //
 //   command   EAX        EBX            ECX              EDX            ESI    RDI
 //   probe     0x5F9E652  0x5F9E652      0                0              0      0
@@ -8,9 +10,10 @@
 //   continue  0x5F9E654  exchangeId, sign-extended       as for begin
 //   cancel    0x5F9E655  exchangeId, sign-extended; 0    0              0      0
 //
-//   back: probe EAX 0x0B36AF47, EDX = ESI = EDI = 0, EBX version, ECX maxTransfer;
-//         begin EBX exchangeId; begin and continue ESI answerSize, EDI hostStatus, EDX bytes that
-//         the host wrote into the area; cancel EDI hostStatus
+//   returned: probe    EAX 0x0B36AF47, EDX = ESI = EDI = 0, EBX version, ECX maxTransfer
+//             begin    EBX exchangeId, and as for continue
+//             continue ESI answerSize, EDI hostStatus, EDX bytes that the host wrote into the area
+//             cancel   EDI hostStatus
 
 #pragma once
 
@@ -35,12 +38,12 @@ inline constexpr std::int32_t kHostStatusMore = 2;      // more transfers expect
 // One exchange, on the stack of the call that makes it.
 struct BackdoorExchange {
     std::int32_t exchangeId = kNoExchangeId;
-    std::uint32_t totalInput = 0;  // bytes that the exchange sends in all
+    std::uint32_t totalInput = 0;  // bytes that the whole exchange sends
     std::uint32_t answerSize = 0;  // set by the host: bytes that it wants to return
     std::int32_t hostStatus = kNoHostStatus;
 };
 
-// The piece of guest memory that one transfer shows to the host.
+// Guest memory that is passed to the host in one transfer.
 struct TransferArea {
     std::uint8_t* start = nullptr;
     std::uint32_t chunk = 0;         // bytes that the host reads from it
@@ -51,15 +54,21 @@ struct TransferArea {
 
 struct BackdoorInfo {
     std::uint32_t version = 0;
-    std::uint32_t maxTransfer = 0;  // bytes of a transfer in each direction
+    std::uint32_t maxTransfer = 0;  // bytes that one transfer can move in each direction
 };
 
-// Asks for the backdoor. Faults where no hypervisor intercepts the instruction. 0, -5 or -6; the
-// version is filled in on success, when asked for.
-std::int32_t backdoorProbe(BackdoorInfo* version);
+// Probes for the backdoor: kLinkOk, kLinkNotAvailable or kLinkRefused. Faults where no hypervisor
+// intercepts the instruction. On success, fills in *info if it is not null.
+std::int32_t backdoorProbe(BackdoorInfo* info);
 
-// One transfer. 0, or -8 when the host's status is negative or it claims to have written more than
-// the area holds; `got` is the number of bytes that the host wrote, on success.
+// Like backdoorProbe, but returns kLinkNotAvailable on a fault. Meanwhile, handles SIGILL and
+// SIGSEGV and unblocks them in the calling thread, then restores both. One thread at a time, and no
+// other thread may rely on these signals meanwhile.
+std::int32_t guardedBackdoorProbe(BackdoorInfo* info);
+
+// One transfer. Returns kLinkOk, or kLinkHostFailed if the host's status is negative or it claims
+// to have written more than the area holds. On success, `got` is the number of bytes that the host
+// wrote.
 std::int32_t backdoorBegin(BackdoorExchange& exchange, const TransferArea& area,
                            std::uint32_t& got);
 std::int32_t backdoorContinue(BackdoorExchange& exchange, const TransferArea& area,
@@ -68,10 +77,7 @@ std::int32_t backdoorContinue(BackdoorExchange& exchange, const TransferArea& ar
 // Abandons an exchange and returns the host's status.
 std::int32_t backdoorCancel(BackdoorExchange& exchange);
 
-// backdoorProbe, surviving the fault: -5 then. Installs handlers for SIGILL and SIGSEGV and puts
-// the old ones back. One thread at a time, and none may rely on these signals meanwhile.
-std::int32_t guardedBackdoorProbe(BackdoorInfo* version);
-
+// kavelinkCall over the backdoor, in transfers of at most maxTransfer bytes in each direction.
 std::int32_t backdoorCall(KavelinkLink& link, void* buffer, std::uint32_t inputSize,
                           std::uint32_t outputSize, std::uint32_t* answerLength);
 

@@ -11,17 +11,14 @@
 namespace qnt {
 namespace {
 
-std::int32_t probe(int descriptor) {
+std::int32_t probe(int fd) {
     DeviceRequestHeader request{QntKlReqLinkCall, 0, 0, 0, 0};
-    for (int tries = 0; tries < kMaxProbeRepeats; ++tries) {
-        if (submitRequestTo(descriptor, request) < 0)
+    HostLoopLimit limit;
+    do {
+        if (submitRequestTo(fd, request) < 0)
             return errno == EINTR ? kLinkRefused : kLinkNotAvailable;
-        if (request.status == kStatusDone)
-            return kLinkOk;
-        if (request.status != kStatusAgain)
-            return kLinkRefused;
-    }
-    return kLinkRefused;
+    } while (request.status == kStatusAgain && limit.mayRepeat());
+    return request.status == kStatusDone ? kLinkOk : kLinkRefused;
 }
 
 }  // namespace

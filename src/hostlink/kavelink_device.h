@@ -9,7 +9,8 @@
 
 namespace qnt {
 
-// The first buffer of every link request; the host writes into it. Little-endian.
+// The first buffer of every link request; the host writes into it. In memory order, as the driver
+// takes the sender's memory (see device_request.h).
 struct KavelinkCallHeader {
     std::uint32_t headerSize = 32;
     std::uint32_t reserved = 0;
@@ -24,8 +25,8 @@ static_assert(offsetof(KavelinkCallHeader, inputSize) == 8);
 static_assert(offsetof(KavelinkCallHeader, answerSize) == 16);
 static_assert(offsetof(KavelinkCallHeader, hostStatus) == 20);
 
-// Opens the device and asks whether it takes link calls. The handle is the descriptor, 0 unless
-// the result is 0.
+// Opens the device and probes whether it takes link calls. The handle is the descriptor, or 0 if
+// the result is not kLinkOk.
 std::int32_t linkDeviceOpen(std::uint64_t& handle);
 // Closes the handle, if there is one, and sets it to 0.
 void linkDeviceClose(std::uint64_t& handle);

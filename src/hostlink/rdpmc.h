@@ -1,4 +1,4 @@
-// The one instruction that a hypervisor of this kind intercepts.
+// The RDPMC instruction, which the hypervisor intercepts.
 
 #pragma once
 
@@ -6,7 +6,7 @@
 
 namespace qnt {
 
-// What goes into the general registers and what came back in them.
+// The general registers before and after the instruction.
 struct RdpmcRegisters {
     std::uint64_t rax = 0;
     std::uint64_t rbx = 0;
@@ -16,9 +16,9 @@ struct RdpmcRegisters {
     std::uint64_t rdi = 0;
 };
 
-// Executes RDPMC with these registers and stores what they hold afterwards. The hypervisor may
-// read and write memory that a register points to. Without one, the instruction faults in user
-// mode: the thread gets SIGSEGV or SIGILL here.
+// Loads the registers, executes RDPMC and stores the registers. The hypervisor may read and write
+// memory that a register points to. Without a hypervisor that intercepts it, the instruction faults
+// in user mode: the thread gets SIGSEGV or SIGILL.
 void rdpmc(RdpmcRegisters& registers);
 
 }  // namespace qnt

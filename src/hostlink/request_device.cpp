@@ -10,7 +10,7 @@ namespace {
 
 constexpr char kDeviceTag[] = "QntCCBase";
 
-// Written before other threads exist. Open while greater than 0.
+// Written before other threads exist. The device is open while this is greater than 0.
 int requestDeviceFd = 0;
 
 }  // namespace
@@ -18,12 +18,11 @@ int requestDeviceFd = 0;
 bool openRequestDevice() {
     requestDeviceFd = open(kRequestDevicePath, O_WRONLY);
     if (requestDeviceFd <= 0) {
-        logRecord("", kDeviceTag, 0, "Error: Can't open %s", kRequestDevicePath);
+        QNT_LOG_AS("", kDeviceTag, 0, "Error: Can't open %s", kRequestDevicePath);
         return false;
     }
     fcntl(requestDeviceFd, F_SETFD, FD_CLOEXEC);
-    if (logGetLevel() >= 2)
-        logRecord("", kDeviceTag, 2, "Opened %s", kRequestDevicePath);
+    QNT_LOG_AS("", kDeviceTag, 2, "Opened %s", kRequestDevicePath);
     return true;
 }
 
@@ -33,11 +32,10 @@ bool closeRequestDevice() {
     const int result = close(requestDeviceFd);
     requestDeviceFd = 0;
     if (result != 0) {
-        logRecord("", kDeviceTag, 0, "Error: Can't close %s", kRequestDevicePath);
+        QNT_LOG_AS("", kDeviceTag, 0, "Error: Can't close %s", kRequestDevicePath);
         return false;
     }
-    if (logGetLevel() >= 2)
-        logRecord("", kDeviceTag, 2, "Closed %s", kRequestDevicePath);
+    QNT_LOG_AS("", kDeviceTag, 2, "Closed %s", kRequestDevicePath);
     return true;
 }
 
@@ -67,10 +65,10 @@ bool SendRequest(DeviceRequest& request, void* buffer, std::uint32_t inSize,
     const std::uint32_t status = request.header.status;
     if (taken >= 0 && status == kStatusDone)
         return true;
-    if (status != kStatusCanceled)
-        logRecord("", kServiceTag, 0, "SendRequest() failed %x", status);
-    else if (logGetLevel() >= 2)
-        logRecord("", kServiceTag, 2, "SendRequest() was canceled");
+    if (status == kStatusCanceled)
+        QNT_LOG(2, "SendRequest() was canceled");
+    else
+        QNT_LOG(0, "SendRequest() failed %x", status);
     return false;
 }
 

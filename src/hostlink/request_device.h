@@ -1,9 +1,9 @@
 // The request device of the guest's kernel driver.
 //
 // A request is submitted by writing its record's address. The write returns when the host has
-// answered; status and answer are then final. Until then the record and its buffers stay in place.
-// Any number of threads may have a submission under way, each with a record and buffers of its
-// own. A submission is a cancellation point.
+// answered; status and answer are then final. Until then the record and its buffers must stay in
+// place. Any number of threads may submit at the same time, each with its own record and buffers. A
+// submission is a cancellation point.
 
 #pragma once
 
@@ -15,23 +15,24 @@
 
 namespace qnt {
 
-// The service's one descriptor for the printing traffic. Opened and closed by the entry point
-// before other threads exist; each logs its outcome. openRequestDevice: true when the device is
-// open. closeRequestDevice: true when an open device was closed without error.
+// The service's one descriptor for the printing traffic. The entry point opens it before other
+// threads exist and leaves it open until the process exits. Both operations log their outcome.
+// openRequestDevice: true if the device is open. closeRequestDevice: true if an open device was
+// closed without error.
 bool openRequestDevice();
 bool closeRequestDevice();
 bool isRequestDeviceOpen();
 
-// Hands a request to the host. Returns what write(2) does: not negative when the driver took the
-// request, negative with errno when it refused it; 0, without writing, when the device is not open.
+// Submits a request to the host. Returns the result of write(2): not negative if the driver took
+// the request, negative with errno if it refused it; 0, without writing, if the device is not open.
 ssize_t submitRequest(DeviceRequest& request);
 
-// The same through a descriptor of the caller's, for a request of any shape.
+// As submitRequest, through the given descriptor and for a record of any layout.
 ssize_t submitRequestTo(int descriptor, DeviceRequestHeader& request);
 
-// One exchange of the printing protocol: the first `inSize` bytes of the buffer go to the host, up
-// to `outSize` bytes of answer come back in their place. Fills the whole request. True when the
-// host completed it; a failure is logged, a cancellation at level 2.
+// One exchange of the printing protocol: sends the first `inSize` bytes of the buffer to the host,
+// whose answer of up to `outSize` bytes replaces them. Fills in the whole request. True if the host
+// completed it; a failure is logged, a cancellation at level 2.
 bool SendRequest(DeviceRequest& request, void* buffer, std::uint32_t inSize, std::uint32_t outSize);
 
 }  // namespace qnt

@@ -9,11 +9,9 @@
 namespace qnt {
 namespace {
 
-constexpr std::uint32_t kPrefixWords[] = {14, 0, 1, 0};
-static_assert(sizeof kPrefixWords == kStatusPrefixSize);
 constexpr std::uint32_t kProtocolWords[] = {1, 3};
 
-bool appendWords(ItemStream& message) {
+bool appendProtocol(ItemStream& message) {
     std::uint8_t bytes[sizeof kProtocolWords];
     for (std::size_t i = 0; i < std::size(kProtocolWords); ++i)
         writeU32(bytes + 4 * i, kProtocolWords[i]);
@@ -29,7 +27,8 @@ bool appendBytes(ItemStream& message, std::uint32_t type, const void* bytes, std
 }
 
 bool appendItems(ItemStream& message, const ToolStatus& status) {
-    return appendWords(message) && appendText(message, StatusItemAppName, status.applicationName) &&
+    return appendProtocol(message) &&
+           appendText(message, StatusItemAppName, status.applicationName) &&
            appendBytes(message, StatusItemVersion, status.version, sizeof(ToolVersionRecord)) &&
            appendText(message, StatusItemState, status.state) &&
            appendBytes(message, StatusItemExtra, status.extra, status.extraSize) &&
@@ -56,8 +55,8 @@ std::int32_t sendToolStatus(KavelinkLink* link, const ToolStatus& status) {
     ItemStream message;
     if (message.create(kStatusPrefixSize) != kStreamOk)
         return kStatusNoMemory;
-    for (std::size_t i = 0; i < std::size(kPrefixWords); ++i)
-        writeU32(message.data() + 4 * i, kPrefixWords[i]);
+    for (std::size_t i = 0; i < std::size(StatusMessagePrefix); ++i)
+        writeU32(message.data() + 4 * i, StatusMessagePrefix[i]);
     if (!appendItems(message, status))
         return kStatusNoItem;
     const std::int32_t result = kavelinkCall(link, message.data(), message.streamEnd(), 0, nullptr);

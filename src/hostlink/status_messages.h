@@ -1,4 +1,4 @@
-// The status messages that tell the host over the link that the service has started or stops.
+// The status messages "initialized" and "stopped", sent over the link.
 //
 //   offset  size  field
 //        0    16  prefix: the words 14, 0, 1, 0
@@ -6,7 +6,7 @@
 //       28        items: StatusItemProtocol; those of AppName, Version, State and Extra that the
 //                 caller supplies, in this order; StatusItemAppId
 //
-// Texts are carried without their ending zero. All integers are little-endian, 32-bit.
+// Texts have no NUL terminator. All integers are little-endian, 32-bit.
 
 #pragma once
 
@@ -26,9 +26,11 @@ enum StatusItemType : std::uint32_t {
     StatusItemAppId = 0x2191,
 };
 
-inline constexpr std::uint32_t kStatusPrefixSize = 16;
+// The first words of every status message.
+inline constexpr std::uint32_t StatusMessagePrefix[] = {14, 0, 1, 0};
+inline constexpr std::uint32_t kStatusPrefixSize = sizeof StatusMessagePrefix;
 
-// Little-endian; the service runs on x86-64 alone.
+// Appended to the message as it is in memory: little-endian, as the service runs on x86-64 only.
 struct ToolVersionRecord {
     std::uint32_t majorVersion;
     std::uint32_t zero;
@@ -51,7 +53,7 @@ enum StatusResult : std::int32_t {
     kStatusCallFailed = -4,  // the link call failed
 };
 
-// What a status message tells; null leaves an item out. The caller owns it all.
+// The content of a status message. Null fields are omitted; the pointers are borrowed.
 struct ToolStatus {
     const char* applicationId = nullptr;  // required
     const char* applicationName = nullptr;
@@ -61,10 +63,10 @@ struct ToolStatus {
     std::uint32_t extraSize = 0;  // bytes
 };
 
-// Fills the record with the product's version, a build constant, and two values of the caller's.
+// Fills the record with the product's version, a build constant, and two values from the caller.
 void fillVersionRecord(ToolVersionRecord& record, std::uint32_t first, std::uint32_t second);
 
-// Builds a status message and sends it over an open link, expecting no answer. Logs nothing.
+// Sends a status message over an open link. Returns a StatusResult; logs nothing.
 std::int32_t sendToolStatus(KavelinkLink* link, const ToolStatus& status);
 
 }  // namespace qnt
