@@ -1,4 +1,4 @@
-// The growable byte array behind the buffers of the printing protocol.
+// The growable byte array that holds a request and its answer.
 
 #pragma once
 
@@ -7,9 +7,10 @@
 
 namespace qnt {
 
-// Bytes whose number changes on request, to exactly the size asked for; new bytes are zero. The
-// host may ask for sizes up to 4 GiB; new memory comes zeroed from the system, so that one costs
-// nothing before it is used. One owner, one thread; throws nothing.
+// Bytes with an exact resize(); new bytes are zero. The host may ask for up to 4 GiB of room, in
+// any order, and fill none of it. So the array consists of whole pages of anonymous memory, which
+// cost nothing until they are written, are moved without being copied when the array grows, and go
+// back to the system when it shrinks. One owner, one thread; throws nothing.
 class ByteArray {
 public:
     ByteArray() = default;
@@ -17,20 +18,23 @@ public:
     ByteArray(const ByteArray&) = delete;
     ByteArray& operator=(const ByteArray&) = delete;
 
-    // Makes the array `size` bytes long. False when memory runs out; the array is then unchanged.
-    // Cutting keeps the storage, so a pointer to it stays valid and growing back can't fail.
+    // Makes the array `size` bytes long. False if there is not enough memory; the array is then
+    // unchanged.
     bool resize(std::size_t size);
 
     std::uint8_t* data() { return m_bytes; }
     const std::uint8_t* data() const { return m_bytes; }
     std::size_t size() const { return m_size; }
-    // The bytes that may be read and written at data(), at least size().
+    // The bytes that may be read and written at data(): at least size(), and at least one page once
+    // the array has been resized.
     std::size_t storage() const { return m_storage; }
 
 private:
+    bool resizeStorage(std::size_t storage);
+
     std::uint8_t* m_bytes = nullptr;
     std::size_t m_size = 0;
-    std::size_t m_storage = 0;
+    std::size_t m_storage = 0;  // whole pages
 };
 
 }  // namespace qnt

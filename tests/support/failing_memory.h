@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -71,6 +72,25 @@ void free(void* block) {
     g_blocks -= !t_outside && block != nullptr;
     REAL(free)(block);
 }
+// Linked with --wrap, as the sanitizers replace the functions themselves.
+void* __real_mmap(void* at, std::size_t size, int protection, int flags, int fd, off_t offset);
+void* __real_mremap(void* old, std::size_t oldSize, std::size_t size, int flags);
+int __real_munmap(void* pages, std::size_t size);
+
+void* __wrap_mmap(void* at, std::size_t size, int protection, int flags, int fd, off_t offset) {
+    void* pages =
+        allocated(true, [=] { return __real_mmap(at, size, protection, flags, fd, offset); });
+    return pages != nullptr ? pages : MAP_FAILED;
+}
+void* __wrap_mremap(void* old, std::size_t oldSize, std::size_t size, int flags) {
+    void* pages = allocated(false, [=] { return __real_mremap(old, oldSize, size, flags); });
+    return pages != nullptr ? pages : MAP_FAILED;
+}
+int __wrap_munmap(void* pages, std::size_t size) {
+    g_blocks -= !t_outside;
+    return __real_munmap(pages, size);
+}
+
 unsigned sleep(unsigned) {
     if (g_endsAtPause == nullptr)
         return static_cast<unsigned>(usleep(20'000));
