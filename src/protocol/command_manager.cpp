@@ -44,9 +44,8 @@ PrintingCmdResult ICommandManager::processPrintingCmd(const PrintingCmd& command
         case CmdWaitAllOffline:
             return waitAllOffline();
         default:
-            if (logGetLevel() >= 1)
-                logRecord(kCommandManagerPrefix, kServiceTag, 1, "Unknown command %d",
-                          static_cast<int>(command.code));
+            QNT_LOG_AS(kCommandManagerPrefix, kServiceTag, 1, "Unknown command %d",
+                       static_cast<int>(command.code));
             return CmdUnknown;
     }
 }

@@ -11,11 +11,11 @@
 
 namespace qnt {
 
-// The state of command processing and the one operation on it. A command is pending when it has
-// been accepted but could not be finished: an add whose printer is not online yet, or a wait while
-// a printer is online. The service does not retry it; the host's next command answer ends it.
+// Carries out one host command at a time. A command is pending if it has been accepted but could
+// not be finished: an add whose printer is not online yet, or a wait while a printer is online. The
+// service does not retry it; the host's next command answer ends it.
 //
-// Used by the run loop's thread only, with the tool's mutex held.
+// Runs on the run loop's thread only, with the tool's mutex held.
 class ICommandManager {
 public:
     // Keeps a reference to the tool's known queues, which must outlive this object.
@@ -24,20 +24,20 @@ public:
     ICommandManager(const ICommandManager&) = delete;
     ICommandManager& operator=(const ICommandManager&) = delete;
 
-    // Seconds that the host may still wait for a pending add; 0xFFFFFFFF when none is pending.
+    // Seconds left for a pending add; 0xFFFFFFFF if none is pending.
     virtual std::uint32_t pendingTimeLeft() = 0;
     virtual void startPendingTimer() = 0;
     virtual void onPrintersChanged() = 0;
 
-    // Carries out one command; to be called only while none is pending. Runs CUPS tools, and an
-    // add may wait two minutes for its USB device. Failures of the tools are logged below; what
-    // counts for an add is whether the queue is there and online afterwards.
+    // Carries out one command; to be called only while none is pending. Runs CUPS tools; an add may
+    // wait two minutes for its USB device. Failures of the tools are logged by the operations on
+    // queues; an add is done if its queue then exists and is online.
     PrintingCmdResult processPrintingCmd(const PrintingCmd& command);
 
     std::uint32_t m_pendingCmd = 0;  // 0, CmdAddPrinter or CmdWaitAllOffline
 
 protected:
-    std::string m_pendingPrinterId;    // of the last add that was left pending
+    std::string m_pendingPrinterId;    // of the last add that became pending
     QueueBindingList& m_knownQueues;   // the tool's
     QueueBindingList m_hostPrinters;   // the host's list of the last CmdPrinterList
     std::uint32_t m_pendingSince = 0;  // wall-clock second in which the pending add started

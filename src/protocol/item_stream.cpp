@@ -23,6 +23,8 @@ std::int32_t ItemStream::create(std::uint32_t base) {
 }
 
 std::int32_t ItemStream::appendItem(std::uint32_t type, const void* data, std::uint32_t length) {
+    if (m_borrowed != 0)
+        return kStreamNoMemory;  // a borrowed buffer can't grow
     const std::uint64_t end = std::uint64_t{m_position} + kItemHeaderSize + length;
     if (end > m_capacity && !growTo(end))
         return kStreamNoMemory;

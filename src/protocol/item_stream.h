@@ -3,7 +3,7 @@
 //   stream header, 12 bytes at the base offset: bodyLength, magic 0x1000, reserved 0
 //   items without gaps, each: length, type, index (0, 1, 2, ...), then `length` data bytes
 //
-// All integers as little_endian.h says. The data of an item may be a stream of its own, base 0.
+// Integers are encoded as in little_endian.h. The data of an item may be a nested stream, base 0.
 
 #pragma once
 
@@ -34,12 +34,12 @@ enum StreamResult : std::int32_t {
     kStreamTooShort = -4,   // the stream runs past the buffer, or the item past the stream
     kStreamBadIndex = -5,
     kStreamEnded = -7,
-    kStreamOverrun = -8,  // the position lies behind the stream's end
+    kStreamOverrun = -8,  // the position is beyond the stream's end
 };
 
-// Reads or writes one stream over one buffer. A stream that is created owns its buffer; one that
-// is opened only looks at the caller's, which must outlive it. Never reads outside the bytes that
-// open() was given. No locks; throws nothing.
+// Reads or writes one stream over one buffer. create() makes a stream that owns its buffer; open()
+// makes one that reads the caller's buffer, which must outlive it. Never reads outside the bytes
+// passed to open(). Takes no lock; throws nothing.
 class ItemStream {
 public:
     ItemStream() = default;
@@ -47,20 +47,21 @@ public:
     ItemStream(const ItemStream&) = delete;
     ItemStream& operator=(const ItemStream&) = delete;
 
-    // Writing. create() allocates a buffer with an empty stream at the base offset and leaves the
-    // bytes before it uninitialised; appendItem() copies one item behind the last. 0 or
-    // kStreamNoMemory, which leaves the stream as it was.
+    // Writing. create() releases the current buffer and allocates one with an empty stream at the
+    // base offset; the bytes before it are uninitialised. appendItem() and appendText() append a
+    // copy of one item to a stream that create() has made. They return kStreamOk, or
+    // kStreamNoMemory, which leaves no stream after create(), and the stream unchanged otherwise.
     std::int32_t create(std::uint32_t base);
     std::int32_t appendItem(std::uint32_t type, const void* data, std::uint32_t length);
     std::int32_t appendText(std::uint32_t type, std::string_view text);
 
-    // Reading. open() succeeds when the header and the first item are valid, so a stream without
-    // items does not open; next() makes the following item the current one. A result other than 0
-    // ends the walk: the end of the stream and a malformed item are not told apart.
+    // Reading. open() succeeds if the header and the first item are valid, so a stream without
+    // items does not open. next() moves to the following item. Any result but kStreamOk ends the
+    // reading: callers treat the end of the stream and a malformed item alike.
     std::int32_t open(const std::uint8_t* buffer, std::uint32_t bufferLength, std::uint32_t base);
     std::int32_t next();
 
-    // The current item; valid while the last open() or next() gave 0.
+    // The current item; valid while the last open() or next() returned kStreamOk.
     std::uint32_t itemType() const;
     std::uint32_t itemLength() const;
     const std::uint8_t* itemData() const;
@@ -68,7 +69,7 @@ public:
 
     // The length of the buffer's used part: base, header and items.
     std::uint32_t streamEnd() const;
-    // The start of the buffer, to be written to only in a stream that owns it.
+    // The start of the buffer, writable only in a stream that owns it.
     std::uint8_t* data() const { return m_buffer; }
 
     // Frees an owned buffer.
@@ -87,7 +88,7 @@ private:
     std::uint32_t m_borrowed = 0;  // 0 when the stream owns its buffer
 };
 
-// Reading is inline: a list of printers is three items and two streams for each of them.
+// Inline for speed: a printer list has three items and two streams per printer.
 
 inline std::int32_t ItemStream::next() {
     m_position += itemLength() + kItemHeaderSize;
@@ -111,7 +112,7 @@ inline std::string_view ItemStream::itemText() const {
     return {reinterpret_cast<const char*>(itemData()), itemLength()};
 }
 
-// Wraps at 32 bits, as the host computes it; open() and validateItem() refuse what comes of it.
+// May wrap at 32 bits; open() and validateItem() reject what results from that.
 inline std::uint32_t ItemStream::streamEnd() const {
     return m_base + kStreamHeaderSize + readU32(header() + kStreamBodyLengthOffset);
 }

@@ -1,5 +1,5 @@
-// The byte order of everything that is said to the host: unsigned 32-bit, little-endian, at any
-// alignment.
+// The integers inside payloads: unsigned 32-bit, little-endian, at any alignment. Records that the
+// driver takes from memory are structs instead (hostlink/device_request.h).
 
 #pragma once
 

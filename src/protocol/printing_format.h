@@ -1,5 +1,6 @@
-// What the service and the host say to each other about printers, as it lies in the data buffer
-// of a request. Integers as little_endian.h says; texts are raw bytes without an ending zero.
+// The payloads that the service and the host exchange about printers, in the data buffer of a
+// request. Integers are encoded as in little_endian.h; texts are raw bytes without a NUL
+// terminator.
 //
 // Every request and answer begins with the PrintingCmdHeader:
 //
@@ -35,14 +36,14 @@ enum PrintingRequestType : std::uint32_t {
     GetPrintingCmd = 3,       // answer: a command
     PrintingCmdAnswer = 4,    // carries one CmdResult; answer: a command
     PrintingCmdPending = 5,   // answer: a command
-    UserDeletedPrinters = 6,  // carries one PrinterId a queue; the answer is not examined
+    UserDeletedPrinters = 6,  // carries one PrinterId per queue; the answer is not examined
 };
 
 enum PrintingItemType : std::uint32_t {
     PrinterId = 0x200A,     // text: USB serial of the virtual printer, end of its device URI
     PrinterName = 0x200B,   // text: the host's name of a printer
     PrinterEntry = 0x200C,  // stream: one PrinterId and one PrinterName
-    CmdCode = 0x200D,       // u32: PrintingCmdCode; bytes behind the fourth are not read
+    CmdCode = 0x200D,       // u32: PrintingCmdCode; only the first four bytes are read
     CmdResult = 0x200E,     // u32: PrintingCmdResult
     PrinterList = 0x200F,   // stream: PrinterEntry items, the host's whole list in its order
 };
@@ -51,11 +52,11 @@ inline constexpr std::uint32_t kCmdCodeSize = 4;
 
 // The value of a CmdCode item. Any other code is unknown.
 enum PrintingCmdCode : std::uint32_t {
-    CmdAddPrinter = 1,             // with PrinterId
-    CmdDeletePrinter = 2,          // with PrinterId
-    CmdDeleteOfflinePrinters = 3,  //
-    CmdPrinterList = 4,            // with PrinterList
-    CmdWaitAllOffline = 5,         //
+    CmdAddPrinter = 1,     // with PrinterId
+    CmdDeletePrinter = 2,  // with PrinterId
+    CmdDeleteOfflinePrinters = 3,
+    CmdPrinterList = 4,  // with PrinterList
+    CmdWaitAllOffline = 5,
 };
 
 // The outcome of a command and the value of a CmdResult item.

@@ -12,26 +12,25 @@
 namespace qnt {
 namespace {
 
-void writeHeader(std::uint8_t* buffer, std::uint32_t requestType, std::uint32_t sequence) {
-    std::memset(buffer, 0, kPrintingCmdHeaderSize);
+void writeQueryFields(std::uint8_t* buffer, std::uint32_t requestType, std::uint32_t sequence) {
     writeU32(buffer + PrintingCmdHeader::kVersion, kPrintingVersion);
     writeU32(buffer + PrintingCmdHeader::kRequestType, requestType);
     writeU32(buffer + PrintingCmdHeader::kSequence, sequence);
 }
 
-void logNoMemory(const char* operation) {
-    logRecord(kCommandManagerPrefix, kServiceTag, 0, "Not enough memory for %s", operation);
+void writeHeader(std::uint8_t* buffer, std::uint32_t requestType, std::uint32_t sequence) {
+    std::memset(buffer, 0, kPrintingCmdHeaderSize);
+    writeQueryFields(buffer, requestType, sequence);
 }
 
 void logSkipped(const ItemStream& stream) {
-    if (logGetLevel() >= 2)
-        logRecord(kCommandManagerPrefix, kServiceTag, 2,
-                  "Unsupported data skipped, type = %u, size = %u", stream.itemType(),
-                  stream.itemLength());
+    QNT_LOG_AS(kCommandManagerPrefix, kServiceTag, 2,
+               "Unsupported data skipped, type = %u, size = %u", stream.itemType(),
+               stream.itemLength());
 }
 
-// Calls `read` for each item until the stream ends, an item is malformed, or `read` gives false.
-// False only for the last of these. The stream has been opened.
+// Calls `read` for each item of an opened stream until the stream ends, an item is malformed, or
+// `read` returns false. Returns false only in the last case.
 template <typename Read>
 bool forEachItem(ItemStream& stream, Read read) {
     do {
@@ -45,7 +44,7 @@ std::int32_t openNested(ItemStream& nested, const ItemStream& outer) {
     return nested.open(outer.itemData(), outer.itemLength(), 0);
 }
 
-// False when the entry lacks its id or its name.
+// False if the entry lacks its id or its name.
 bool readEntry(QueueBindingList& printers, const ItemStream& item) {
     ItemStream entry;
     if (item.itemType() != PrinterEntry || openNested(entry, item) != kStreamOk)
@@ -69,7 +68,7 @@ bool readEntry(QueueBindingList& printers, const ItemStream& item) {
     return true;
 }
 
-// False when reading stopped at an entry that can't be used; the entries before it stay.
+// False if an entry can't be used; the list then ends with the entry before it.
 bool readList(QueueBindingList& printers, const ItemStream& item) {
     printers.clear();
     ItemStream list;
@@ -130,6 +129,10 @@ void fillPrintingCmdPendingRequest(ByteArray& bufferCmd, std::uint32_t& requestS
     requestSize = kPrintingCmdHeaderSize;
 }
 
+void fillDefaultPrinterRequest(ByteArray& buffer, std::uint32_t sequence) {
+    writeQueryFields(buffer.data(), GetDefaultPrinter, sequence);
+}
+
 bool fillPrintingCmdAnsRequest(ByteArray& bufferCmd, std::uint32_t result, std::uint32_t sequence,
                                std::uint32_t& requestSize) {
     std::uint8_t resultBytes[sizeof result];
@@ -141,7 +144,7 @@ bool fillPrintingCmdAnsRequest(ByteArray& bufferCmd, std::uint32_t result, std::
     writeHeader(stream.data(), PrintingCmdAnswer, sequence);
     const std::uint32_t length = stream.streamEnd();
     if (bufferCmd.size() < length && !bufferCmd.resize(length)) {
-        logNoMemory("fillPrintingCmdAnsRequest");
+        logNoMemory("fillPrintingCmdAnsRequest", kCommandManagerPrefix);
         return false;
     }
     std::memcpy(bufferCmd.data(), stream.data(), length);
@@ -160,7 +163,7 @@ bool fillUserDeletedPrintersRequest(ByteArray& destination, const QueueBindingLi
     writeHeader(stream.data(), UserDeletedPrinters, 0);
     const std::uint32_t length = stream.streamEnd();
     if (!destination.resize(length)) {
-        logNoMemory("fillUserDeletedPrintersRequest");
+        logNoMemory("fillUserDeletedPrintersRequest", kCommandManagerPrefix);
         return false;
     }
     std::memcpy(destination.data(), stream.data(), length);
@@ -175,7 +178,7 @@ AnswerResult processAnswerFromHost(ByteArray& bufferCmd) {
         return AnswerNone;
     if (bufferCmd.resize(requiredSize))
         return AnswerNone;
-    logNoMemory("processAnswerFromHost");
+    logNoMemory("processAnswerFromHost", kCommandManagerPrefix);
     return AnswerFailed;
 }
 

@@ -1,8 +1,7 @@
 // Building the service's requests and reading the host's answers.
 //
-// A buffer carries a request to the host and its answer back: the answer overwrites the request in
-// place. None of these operations keeps state, takes a lock or throws, but for std::bad_alloc where
-// the parse operations copy a text. Records carry the prefix "PRINTING_TOOL".
+// The answer overwrites the request in the same buffer. The operations keep no state and take no
+// lock. Only the parse operations throw: std::bad_alloc. Records have the prefix "PRINTING_TOOL".
 
 #pragma once
 
@@ -16,8 +15,8 @@ namespace qnt {
 
 inline constexpr char kCommandManagerPrefix[] = "PRINTING_TOOL";
 
-// A command of the host. `code` counts only after a successful parse; `printers` is the host's
-// list with its names in `queueName`.
+// A command from the host. `code` is valid only after a successful parse; `printers` is the host's
+// list, with the host's names in `queueName`.
 struct PrintingCmd {
     std::uint32_t code = 0;
     std::string printerId;
@@ -27,7 +26,7 @@ struct PrintingCmd {
 enum AnswerResult : std::uint32_t {
     AnswerNone = 0,     // nothing to carry out; the buffer is now large enough, send the next
     AnswerFailed = 1,   // the answer can't be used
-    AnswerCommand = 2,  // a complete answer lies in the buffer
+    AnswerCommand = 2,  // the buffer holds a complete answer
 };
 
 // GetPrintingCmd and PrintingCmdPending: 80 bytes at the start of a buffer of at least 80.
@@ -35,31 +34,35 @@ void fillPrintingCmdRequest(ByteArray& bufferCmd, std::uint32_t sequence,
                             std::uint32_t& requestSize);
 void fillPrintingCmdPendingRequest(ByteArray& bufferCmd, std::uint32_t& requestSize);
 
-// PrintingCmdAnswer with a result: 108 bytes. Grows the buffer when it is shorter. False when
-// memory runs out; the buffer then still holds the host's answer.
+// GetDefaultPrinter: overwrites the version, type and sequence in a buffer with storage for at
+// least a header; all other bytes stay as they are.
+void fillDefaultPrinterRequest(ByteArray& buffer, std::uint32_t sequence);
+
+// PrintingCmdAnswer with a result: 108 bytes. Grows a shorter buffer. False if there is not enough
+// memory; the buffer then still holds the host's answer.
 bool fillPrintingCmdAnsRequest(ByteArray& bufferCmd, std::uint32_t result, std::uint32_t sequence,
                                std::uint32_t& requestSize);
 
-// UserDeletedPrinters with the ids of the queues, which are at least one. The request fills the
-// destination exactly. False when memory runs out.
+// UserDeletedPrinters with the ids of the queues (at least one). Makes the destination exactly as
+// long as the request. False if there is not enough memory.
 bool fillUserDeletedPrintersRequest(ByteArray& destination, const QueueBindingList& deleted);
 
-// Looks whether a completed answer is whole, and grows the buffer to what the host asks for.
+// Checks whether the answer is complete; if not, grows the buffer to the size that the host needs.
 AnswerResult processAnswerFromHost(ByteArray& bufferCmd);
 
-// The fields of an answer's header. The payload's length is the announced one, but never more than
-// the buffer holds behind its header.
+// The fields of an answer's header. The payload's length is limited to what the buffer holds after
+// its header.
 std::uint32_t answerSequence(const ByteArray& buffer);
 std::uint32_t answerRequiredSize(const ByteArray& buffer);
 std::uint32_t answerPayloadLength(const ByteArray& buffer);
 const std::uint8_t* answerPayload(const ByteArray& buffer);
 
-// Reads a command answer into a fresh PrintingCmd. False when the answer is no usable command:
-// its stream does not open, it has no code, or lacks the id or the whole list that its code needs.
+// Parses a command answer into a default-constructed PrintingCmd. False if the stream does not
+// open, there is no code, or the id or the complete list that the code needs is missing.
 bool parsePrintingCmd(PrintingCmd& command, const std::uint8_t* payload,
                       std::uint32_t payloadLength);
 
-// Reads the id of the host's default printer. False, with the id unchanged, when the first item is
+// Parses the id of the host's default printer. False, with the id unchanged, if the first item is
 // no PrinterId.
 bool parseDefaultPrinterAnswer(std::string& printerId, const std::uint8_t* payload,
                                std::uint32_t payloadLength);

@@ -1,10 +1,9 @@
 #include "protocol/reconciliation.h"
 
 #include <algorithm>
-#include <functional>
 #include <iterator>
-#include <optional>
-#include <vector>
+#include <string_view>
+#include <unordered_map>
 
 #include "cups/queue_creation.h"
 #include "cups/queue_listing.h"
@@ -19,46 +18,15 @@ QueueBindingList takeListing() {
     return listing;
 }
 
-// Finds queues of a list by their id in logarithmic time. The list must outlive the index. Hashes
-// are compared in place of the ids, which lie scattered in memory.
-class QueueIndex {
-public:
-    using Queue = QueueBindingList::const_iterator;
+using QueuesById = std::unordered_map<std::string_view, const QueueBinding*>;
 
-    explicit QueueIndex(const QueueBindingList& queues) : m_none(queues.end()) {
-        m_slots.reserve(queues.size());
-        for (Queue queue = queues.begin(); queue != queues.end(); ++queue)
-            m_slots.push_back({hashOf(queue->id), m_slots.size(), queue});
-        std::sort(m_slots.begin(), m_slots.end());
-    }
-
-    // The first queue in list order with this id, or the list's end.
-    Queue find(const std::string& id) const {
-        const std::size_t hash = hashOf(id);
-        auto slot = std::lower_bound(m_slots.begin(), m_slots.end(), Slot{hash, 0, m_none});
-        for (; slot != m_slots.end() && slot->hash == hash; ++slot) {
-            if (slot->queue->id == id)
-                return slot->queue;
-        }
-        return m_none;
-    }
-
-private:
-    struct Slot {
-        std::size_t hash;
-        std::size_t position;  // in the list
-        Queue queue;
-
-        bool operator<(const Slot& other) const {
-            return hash != other.hash ? hash < other.hash : position < other.position;
-        }
-    };
-
-    static std::size_t hashOf(const std::string& id) { return std::hash<std::string>()(id); }
-
-    const Queue m_none;
-    std::vector<Slot> m_slots;
-};
+// The first queue of each id. The listing must outlive the result.
+QueuesById indexById(const QueueBindingList& listing) {
+    QueuesById queues(listing.size());
+    for (const QueueBinding& queue : listing)
+        queues.emplace(queue.id, &queue);
+    return queues;
+}
 
 }  // namespace
 
@@ -68,21 +36,10 @@ QueueBindingList getUserDeletedPrinters(QueueBindingList& knownQueues) {
 }
 
 QueueBindingList takeVanishedQueues(QueueBindingList& knownQueues, QueueBindingList& listing) {
+    const QueuesById listed = indexById(listing);
     QueueBindingList vanished;
-    std::optional<QueueIndex> listed;  // made where the order first differs
-    auto next = listing.cbegin();      // behind the last queue that was found
-    for (const QueueBinding& known : knownQueues) {
-        auto found = next;
-        if (found == listing.cend() || found->id != known.id) {
-            if (!listed)
-                listed.emplace(listing);
-            found = listed->find(known.id);
-        }
-        if (found == listing.cend())
-            vanished.push_back(known);
-        else
-            next = std::next(found);
-    }
+    std::copy_if(knownQueues.begin(), knownQueues.end(), std::back_inserter(vanished),
+                 [&](const QueueBinding& known) { return !listed.contains(known.id); });
     knownQueues.swap(listing);
     return vanished;
 }
@@ -115,13 +72,13 @@ bool areAllPrintersOffline() {
 
 void syncPrinterNames(const QueueBindingList& hostPrinters) {
     const QueueBindingList listing = takeListing();
-    const QueueIndex queues(listing);
+    const QueuesById queues = indexById(listing);
     for (const QueueBinding& printer : hostPrinters) {
-        const auto queue = queues.find(printer.id);
-        if (queue == listing.cend() || queue->queueName == printer.queueName)
+        const auto found = queues.find(printer.id);
+        if (found == queues.end() || found->second->queueName == printer.queueName)
             continue;
         std::string newName = printer.queueName;
-        renamePrinter(queue->queueName, newName);
+        renamePrinter(found->second->queueName, newName);
     }
 }
 

@@ -5,14 +5,12 @@
 namespace qnt {
 namespace {
 
-bool askForCommand(IPrintingTool& tool) {
+void requestCommand(IPrintingTool& tool) {
     fillPrintingCmdRequest(tool.m_bufferCmd, tool.m_listSequence, tool.m_requestSize);
-    return true;
 }
 
-bool sayPending(IPrintingTool& tool) {
+void requestWhilePending(IPrintingTool& tool) {
     fillPrintingCmdPendingRequest(tool.m_bufferCmd, tool.m_requestSize);
-    return true;
 }
 
 bool carryOutCommand(IPrintingTool& tool, ICommandManager& commands) {
@@ -26,8 +24,10 @@ bool carryOutCommand(IPrintingTool& tool, ICommandManager& commands) {
     if (command.code == CmdPrinterList)
         tool.m_listSequence = answerSequence(tool.m_bufferCmd);
     const PrintingCmdResult result = commands.processPrintingCmd(command);
-    if (result == CmdPending)
-        return sayPending(tool);
+    if (result == CmdPending) {
+        requestWhilePending(tool);
+        return true;
+    }
     return fillPrintingCmdAnsRequest(tool.m_bufferCmd, result, tool.m_listSequence,
                                      tool.m_requestSize);
 }
@@ -36,18 +36,17 @@ bool carryOutCommand(IPrintingTool& tool, ICommandManager& commands) {
 
 bool executeStateMachine(IPrintingTool& tool, AnswerResult answer, ICommandManager& commands) {
     const bool pending = commands.m_pendingCmd != 0;
-    switch (answer) {
-        case AnswerNone:
-            return pending ? sayPending(tool) : askForCommand(tool);
-        case AnswerCommand:
-            if (!pending)
-                return carryOutCommand(tool, commands);
-            commands.m_pendingCmd = 0;
-            return askForCommand(tool);
-        case AnswerFailed:
-            break;
+    if (answer == AnswerFailed)
+        return false;
+    if (answer == AnswerCommand && !pending)
+        return carryOutCommand(tool, commands);
+    if (answer == AnswerNone && pending) {
+        requestWhilePending(tool);
+        return true;
     }
-    return false;
+    commands.m_pendingCmd = 0;
+    requestCommand(tool);
+    return true;
 }
 
 }  // namespace qnt

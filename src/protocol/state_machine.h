@@ -1,4 +1,4 @@
-// The step that follows every completed exchange of the command channel.
+// The step after every completed exchange of the command channel.
 
 #pragma once
 
@@ -8,19 +8,20 @@
 
 namespace qnt {
 
-// Carries out what the answer in the tool's buffer asks for and leaves the next request there:
+// Handles the answer in the tool's buffer and writes the next request there:
 //
-//   pending  answer         what happens                          next request
-//   any      AnswerFailed   nothing                               none: false
-//   none     AnswerNone     nothing                               GetPrintingCmd
-//   some     AnswerNone     nothing                               PrintingCmdPending
-//   some     AnswerCommand  the pending command ends, the         GetPrintingCmd
-//                           answer is dropped
-//   none     AnswerCommand  deleted queues are reported, the      PrintingCmdAnswer with the
+//   pending  answer         effect                                next request
+//   any      AnswerFailed   none                                  none: returns false
+//   no       AnswerNone     none                                  GetPrintingCmd
+//   yes      AnswerNone     none                                  PrintingCmdPending
+//   yes      AnswerCommand  the pending command ends, the         GetPrintingCmd
+//                           answer is ignored
+//   no       AnswerCommand  deleted queues are reported, the      PrintingCmdAnswer with the
 //                           command is parsed and carried out     result, or PrintingCmdPending
 //
-// False ends the run: a failed answer, report or parse, or no memory for the next request. Called
-// on the run loop's thread with the tool's mutex held.
+// Returns false, which ends the run, on a failed answer, report or parse, and if there is not
+// enough memory for the next request. Runs on the run loop's thread with the tool's mutex held. May
+// throw std::bad_alloc.
 bool executeStateMachine(IPrintingTool& tool, AnswerResult answer, ICommandManager& commands);
 
 }  // namespace qnt

@@ -17,16 +17,17 @@ public:
     IServiceTool(const IServiceTool&) = delete;
     IServiceTool& operator=(const IServiceTool&) = delete;
 
-    // Works until the service is to end: 0 after an orderly stop, 1 after a failure.
+    // Runs until the service ends: 0 after an orderly stop, 1 after a failure.
     virtual std::int32_t run() = 0;
-    // Ends whatever run() has started. Always 0.
+    // Ends the threads that run() has started. Returns 0.
     virtual std::int32_t stop() = 0;
 };
 
-// What the state machine reads and changes, on the run loop's thread with the tool's mutex held.
+// The state that the state machine reads and changes, on the run loop's thread with the tool's
+// mutex held.
 class IPrintingTool : public IServiceTool {
 public:
-    // Reports the ids of queues that the guest's user deleted. True when the list is empty or the
+    // Reports the ids of queues that the guest's user deleted. True if the list is empty or the
     // host took the report. Waits for the host; the caller holds the tool's mutex.
     virtual bool sendUserDeletedPrinters(const QueueBindingList& deleted) = 0;
 
