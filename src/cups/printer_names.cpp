@@ -9,6 +9,18 @@ namespace qnt {
 namespace {
 
 constexpr std::string_view kNeverInIds("\0\t\n\v\f\r =", 8);
+// Leaves 4 KiB for the rest of the command line that creates a queue.
+constexpr std::size_t kLongestQuotedName = kArgumentLimit - 4096;
+
+// validate_name() of lpadmin and cupsd, CUPS 2.4; documented in lpadmin(8) for -p.
+bool isRefusedByCups(char byte) {
+    constexpr std::string_view kRefused = "/\\?'\"#\x7f";
+    return (byte >= 0 && byte <= ' ') || kRefused.find(byte) != std::string_view::npos;
+}
+
+bool continuesUtf8Character(char byte) {
+    return (byte & 0xC0) == 0x80;
+}
 
 }  // namespace
 
@@ -20,22 +32,38 @@ bool isValidPrinterId(std::string_view id) {
 bool rejectInvalidId(const std::string& id) {
     if (isValidPrinterId(id))
         return false;
-    logRecord("", kServiceTag, 0, "Refused printer id '%s': no queue can be bound to it",
-              id.c_str());
+    QNT_LOG(0, "Refused printer id '%s': no queue can be bound to it", id.c_str());
     return true;
 }
 
-std::optional<std::string> quotedQueueName(const std::string& queueName) {
-    auto word = shellQuote(queueName);
-    if (!word)
-        logRecord("", kServiceTag, 0, "Refused queue name '%s': it holds a zero byte",
-                  queueName.c_str());
-    return word;
+bool rejectUnusableName(const std::string& name) {
+    const auto quoted = quotedQueueName(name);
+    if (quoted && quoted->size() > kLongestQuotedName)
+        QNT_LOG(0, "Refused printer name of %zu bytes: too long for a command", name.size());
+    return !quoted || quoted->size() > kLongestQuotedName;
 }
 
 std::string queueNameFor(std::string name) {
     std::replace(name.begin(), name.end(), ' ', '_');
     return name;
+}
+
+std::string acceptedQueueName(std::string queueName) {
+    std::replace_if(queueName.begin(), queueName.end(), isRefusedByCups, '_');
+    if (queueName.size() <= kLongestQueueName)
+        return queueName;
+    std::size_t length = kLongestQueueName;
+    while (length > 0 && continuesUtf8Character(queueName[length]))
+        --length;
+    queueName.resize(length > 0 ? length : kLongestQueueName);
+    return queueName;
+}
+
+std::optional<std::string> quotedQueueName(const std::string& queueName) {
+    auto quoted = shellQuote(queueName);
+    if (!quoted)
+        QNT_LOG(0, "Refused queue name '%s': it holds a zero byte", queueName.c_str());
+    return quoted;
 }
 
 }  // namespace qnt

@@ -1,5 +1,4 @@
-// The way of outside text (names, ids, models) into a shell command line. Nothing else puts such
-// text there.
+// Rules for printer ids and queue names, which come from outside the service.
 
 #pragma once
 
@@ -10,26 +9,35 @@
 
 namespace qnt {
 
-// CUPS cuts a device URI at 1023 bytes, and the listing reads lines of as many: a queue name of 127
-// bytes, a blank, the id and a newline.
-inline constexpr std::size_t kLongestId = 894;
-
-// What the ids of host printers begin with, which tells their queues from the guest's own.
+// Ids of host printers begin with this.
 inline constexpr std::string_view kHostIdStart = "TAG";
 
-// Whether a printer id can be told from all others once it stands in a queue's device URI. One that
-// does not begin as a host printer's does could be that of a USB printer of the guest's own. And
-// the listing cuts the id out of a line at white space and behind the last "="; one that holds
-// these, or is too long, would be taken for another printer's. The empty id stands for all.
+// What fits into a line of the listing besides a queue name, a blank and the newline. (CUPS
+// truncates a device URI at the same length as the listing a line.)
+inline constexpr std::size_t kLongestQueueName = 127;  // bytes
+inline constexpr std::size_t kLongestId = 1023 - kLongestQueueName - 2;
+
+// True if an id survives the way through a device URI and the listing of the queues: it begins with
+// kHostIdStart (otherwise it could be a local USB printer's), contains no white space, "=" or zero
+// byte, and has at most kLongestId bytes. Also true for the empty id, which stands for all
+// printers.
 bool isValidPrinterId(std::string_view id);
 
-// Not isValidPrinterId, with a record.
+// Logs and returns true if the id is not valid.
 bool rejectInvalidId(const std::string& id);
 
-// The shell word of a queue name; none, with a record, when it can't be one.
-std::optional<std::string> quotedQueueName(const std::string& queueName);
+// Logs and returns true if the name, as a queue name or a description, does not fit into a command
+// line: it contains a zero byte or is too long.
+bool rejectUnusableName(const std::string& name);
 
-// Queue names are printer names with each blank, the byte 0x20 alone, replaced.
+// The queue name of a printer: its name with each blank (0x20) replaced by "_".
 std::string queueNameFor(std::string name);
+
+// The form of a queue name that CUPS accepts: each byte that it refuses is replaced by "_", and
+// what is longer than kLongestQueueName is truncated at the end of a UTF-8 character.
+std::string acceptedQueueName(std::string queueName);
+
+// The queue name as one shell word. Logs and returns nothing if it contains a zero byte.
+std::optional<std::string> quotedQueueName(const std::string& queueName);
 
 }  // namespace qnt

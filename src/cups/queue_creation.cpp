@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <optional>
 
 #include "cups/printer_names.h"
 #include "cups/queue_listing.h"
@@ -38,28 +37,19 @@ void deleteQueuesOf(const std::string& id) {
         deletePrinter(queue.queueName, queue.id);
 }
 
-std::optional<std::string> addCommand(const std::string& queueName, const std::string& id,
-                                      const std::string& description) {
-    const auto quotedQueueName = shellQuote(queueName);
-    const auto modelWord = shellQuote(ppdModel);
-    const auto uriWord = shellQuote(kDeviceUri + id);
-    const auto descriptionWord = shellQuote(description);
-    if (!quotedQueueName || !modelWord || !uriWord || !descriptionWord)
-        return std::nullopt;
-    return "lpadmin -p " + *quotedQueueName + " -u allow:all" + " -m " + *modelWord + " -v " +
-           *uriWord + " -o printer-error-policy=retry-job -E" + " -D " + *descriptionWord +
-           " -L 'Host OS'" + " -o printer-is-shared=false";
-}
-
-void createQueue(const std::string& queueName, const std::string& id,
+// All texts are free of zero bytes.
+bool createQueue(const std::string& queueName, const std::string& id,
                  const std::string& description) {
-    const auto command = addCommand(queueName, id, description);
-    if (!command)
-        return;
-    if (logGetLevel() > 2)
-        logRecord("", kServiceTag, 3, "Adding printer: [%s]", command->c_str());
-    if (const int status = runCommand(*command); status != 0)
-        logRecord("", kServiceTag, 0, "Failed add printer '%s', rc=%d", id.c_str(), status);
+    const std::string command =
+        "lpadmin -p " + shellQuote(queueName).value() + " -u allow:all" + " -m " +
+        shellQuote(ppdModel).value() + " -v " + shellQuote(kDeviceUri + id).value() +
+        " -o printer-error-policy=retry-job -E" + " -D " + shellQuote(description).value() +
+        " -L 'Host OS'" + " -o printer-is-shared=false";
+    QNT_LOG(3, "Adding printer: [%s]", command.c_str());
+    const int status = runCommand(command);
+    if (status != 0)
+        QNT_LOG(0, "Failed add printer '%s', rc=%d", id.c_str(), status);
+    return status == 0;
 }
 
 std::string readPpdModel() {
@@ -68,9 +58,9 @@ std::string readPpdModel() {
     if (!output.open("LANG=C lpinfo --make-and-model 'HP Color LaserJet 8500 Postscript' -m"
                      " | head -n1 | cut -f1 -d' '"))
         return model;
-    char piece[kOutputPieceSize];
-    while (output.readLine(piece))
-        model += piece;
+    char line[kLineBufferSize];
+    while (output.readLine(line))
+        model += line;
     if (!model.empty() && model.back() == '\n')
         model.pop_back();
     output.close();
@@ -80,44 +70,36 @@ std::string readPpdModel() {
 }  // namespace
 
 void addPrinter(std::string& name, const std::string& id) {
-    logRecord("", kServiceTag, 0, "addPrinter: id=%s name=%s", id.c_str(), name.c_str());
-    if (rejectInvalidId(id)) {
-        name.clear();
+    QNT_LOG(0, "addPrinter: id=%s name=%s", id.c_str(), name.c_str());
+    std::string givenName;
+    givenName.swap(name);
+    if (rejectInvalidId(id))
+        return;
+    if (givenName.empty() && !id.empty())
+        givenName = queueNameFor(waitForUsbProduct(id));
+    if (givenName.empty() || id.empty()) {
+        QNT_LOG(0, "Cannot get name for printer with id=%s", id.c_str());
         return;
     }
-    if (name.empty() && !id.empty())
-        name = queueNameFor(waitForUsbProduct(id));
-    const std::string description = name;
-    name = queueNameFor(name);
-    if (name.empty() || id.empty()) {
-        logRecord("", kServiceTag, 0, "Cannot get name for printer with id=%s", id.c_str());
-        name.clear();
+    if (rejectUnusableName(givenName))
         return;
-    }
-    if (!quotedQueueName(name)) {
-        name.clear();
-        return;
-    }
+    name = queueNameFor(givenName);
     deleteQueuesOf(id);
     if (ppdModel.empty())
         selectPpdModel();
-    createQueue(name, id, description);
-}
-
-void selectPpdModel() {
-    ppdModel = readPpdModel();
-    if (ppdModel.empty())
-        ppdModel = kFallbackPpdModel;
+    if (createQueue(name, id, givenName))
+        return;
+    std::string accepted = acceptedQueueName(name);
+    if (accepted != name && createQueue(accepted, id, givenName))
+        name.swap(accepted);
 }
 
 bool renamePrinter(const std::string& currentName, std::string& newName) {
-    if (logGetLevel() > 2)
-        logRecord("", kServiceTag, 3, "renamePrinter: '%s'->'%s'", currentName.c_str(),
-                  newName.c_str());
+    QNT_LOG(3, "renamePrinter: '%s'->'%s'", currentName.c_str(), newName.c_str());
     newName = queueNameFor(newName);
-    if (currentName == newName)
+    if (currentName == newName || currentName == acceptedQueueName(newName))
         return true;
-    if (!quotedQueueName(newName))  // before the old queue is lost for it
+    if (rejectUnusableName(newName))
         return false;
     QueueBindingList queues;
     if (!getHostPrinterQueues(queues, kListHostQueues))
@@ -133,6 +115,12 @@ bool renamePrinter(const std::string& currentName, std::string& newName) {
     if (currentName == lastDefaultQueue())
         setDefaultPrinter(queue->id);
     return true;
+}
+
+void selectPpdModel() {
+    ppdModel = readPpdModel();
+    if (ppdModel.empty())
+        ppdModel = kFallbackPpdModel;
 }
 
 }  // namespace qnt

@@ -1,4 +1,6 @@
 // Creating and renaming the queue of a host printer.
+//
+// The caller holds the tool's mutex. Failures are logged. The operations may throw std::bad_alloc.
 
 #pragma once
 
@@ -11,21 +13,22 @@ inline constexpr unsigned kUsbWaitPauseSeconds = 1;
 
 // Creates the queue of the printer with this id, after deleting every queue that is bound to it.
 // Without a name, waits up to kUsbWaitTries times kUsbWaitPauseSeconds for the virtual USB printer
-// and takes its product string. On return the name is the queue name that was used, blanks
-// replaced, or empty when there was none. A name or id that CUPS can't be told, and an empty id,
-// are refused with a record before any queue is touched. Failures are logged; whether the queue
-// exists, ask isPrinterOnline. The caller holds the tool's mutex. May throw std::bad_alloc.
+// and takes its product string. The queue is named as queueNameFor returns it; if that creation
+// fails and CUPS may have refused the name, as acceptedQueueName returns it.
+//
+// On return the name is the queue name that was used, or empty if there was none. An id or a name
+// that no command can contain and an empty id are refused before any queue is touched. Use
+// isPrinterOnline to see whether the queue exists.
 void addPrinter(std::string& name, const std::string& id);
 
-// Asks CUPS, once in the process's life, for the driver that every queue gets; a fixed one when
-// CUPS knows none.
-void selectPpdModel();
-
-// Deletes a queue and creates it anew under another name, whose blanks are replaced in place, and
-// makes it the default again when it was. True when the names were equal already, and after the
-// deletion and creation, whatever came of them; false, with nothing done, when no host printer's
-// queue has the current name or the new one can't be carried. The caller holds the tool's mutex.
-// May throw std::bad_alloc.
+// Deletes a queue, creates it again under another name, whose blanks are replaced in place, and
+// makes it the default again if it was. True if the queue has the new name already, or its accepted
+// form, and after deletion and creation, even if these failed. False, with nothing done, if no host
+// printer's queue has the current name, or the new name is refused as by addPrinter.
 bool renamePrinter(const std::string& currentName, std::string& newName);
+
+// Selects the driver that every queue gets: the one that CUPS names, or a fixed one if it names
+// none. addPrinter calls it once in the life of the process.
+void selectPpdModel();
 
 }  // namespace qnt

@@ -13,22 +13,26 @@ namespace {
 
 std::string defaultPrinterName;
 
-// lpstat takes an argument with commas for a list, "all" for every queue and a leading "-" for an
-// option. About such a queue it can be asked only by picking the queue's line from all.
+// lpstat treats an argument with commas as a list, "all" as every queue and a leading "-" as an
+// option. Such queues are found by filtering the full list.
 bool isOneQueueToLpstat(const std::string& queueName) {
     return queueName.front() != '-' && queueName.find(',') == std::string::npos &&
            queueName != "all";
 }
 
-std::optional<std::string> queueStateCommand(const std::string& queueName) {
-    if (isOneQueueToLpstat(queueName)) {
-        const auto word = quotedQueueName(queueName);
-        return word ? std::optional("LANG=C lpstat -p " + *word) : std::nullopt;
-    }
+std::optional<std::string> filterCommand(const std::string& queueName) {
     const auto pattern = sedPattern(queueName);
-    const auto program = shellQuote("/^printer " + pattern.value_or("") + " /p");
-    return pattern && program ? std::optional("LANG=C lpstat -p | sed -n " + *program)
-                              : std::nullopt;
+    if (!pattern)
+        return std::nullopt;
+    const auto program = shellQuote("/^printer " + *pattern + " /p");
+    return program ? std::optional("LANG=C lpstat -p | sed -n " + *program) : std::nullopt;
+}
+
+std::optional<std::string> queueStateCommand(const std::string& queueName) {
+    if (!isOneQueueToLpstat(queueName))
+        return filterCommand(queueName);
+    const auto word = quotedQueueName(queueName);
+    return word ? std::optional("LANG=C lpstat -p " + *word) : std::nullopt;
 }
 
 bool isQueueEnabled(const std::string& queueName) {
@@ -46,11 +50,9 @@ bool isOnline(const std::string& id) {
 }  // namespace
 
 bool isPrinterOnline(const std::string& id) {
-    if (logGetLevel() > 2)
-        logRecord("", kServiceTag, 3, "isPrinterOnline: %s", id.c_str());
+    QNT_LOG(3, "isPrinterOnline: %s", id.c_str());
     const bool online = isOnline(id);
-    if (logGetLevel() > 2)
-        logRecord("", kServiceTag, 3, " - %s", online ? "true" : "false");
+    QNT_LOG(3, " - %s", online ? "true" : "false");
     return online;
 }
 
@@ -63,12 +65,11 @@ void setDefaultPrinter(const std::string& id) {
     if (!word)
         return;
     const std::string command = "lpadmin -d " + *word;
-    if (logGetLevel() > 2)
-        logRecord("", kServiceTag, 3, "%s", command.c_str());
+    QNT_LOG(3, "%s", command.c_str());
     if (runCommand(command) == 0)
         defaultPrinterName = queueName;
     else
-        logRecord("", kServiceTag, 0, "Failed to set default printer '%s'", id.c_str());
+        QNT_LOG(0, "Failed to set default printer '%s'", id.c_str());
 }
 
 const std::string& lastDefaultQueue() {
@@ -76,17 +77,16 @@ const std::string& lastDefaultQueue() {
 }
 
 void deletePrinter(const std::string& queueName, const std::string& id) {
-    logRecord("", kServiceTag, 0, "deletePrinter: name=%s id=%s", queueName.c_str(), id.c_str());
+    QNT_LOG(0, "deletePrinter: name=%s id=%s", queueName.c_str(), id.c_str());
     if (queueName.empty())
         return;
     const auto word = quotedQueueName(queueNameFor(queueName));
     if (!word)
         return;
     const std::string command = "lpadmin -x " + *word;
-    if (logGetLevel() > 2)
-        logRecord("", kServiceTag, 3, "Deleting printer with cmd [%s]", command.c_str());
+    QNT_LOG(3, "Deleting printer with cmd [%s]", command.c_str());
     if (const int status = runCommand(command); status != 0)
-        logRecord("", kServiceTag, 0, "Failed to delete printer '%s', rc=%d", id.c_str(), status);
+        QNT_LOG(0, "Failed to delete printer '%s', rc=%d", id.c_str(), status);
 }
 
 void deletePrinterById(const std::string& id) {

@@ -1,9 +1,9 @@
-// Asking about, choosing and deleting the queues of host printers, by printer id.
+// Operations on the queues of host printers, by printer id.
 //
-// Each operation lists the queues afresh where it needs them, runs one CUPS command line and waits
-// for it; none retries. The queue of an id is the last one that lpstat lists for it. The caller
-// holds the tool's mutex, which also guards the name of the default queue. Failures are logged
-// here. May throw std::bad_alloc.
+// Each operation takes a new listing where it needs one, runs one CUPS command line and waits for
+// it; none retries. The queue of an id is the last one that lpstat lists for it. The caller holds
+// the tool's mutex, which also guards the name of the default queue. Failures are logged. The
+// operations may throw std::bad_alloc.
 
 #pragma once
 
@@ -11,17 +11,17 @@
 
 namespace qnt {
 
-// Whether a queue is bound to the id and enabled, and its virtual USB printer plugged in.
+// True if a queue is bound to the id and enabled, and the virtual USB printer is plugged in.
 bool isPrinterOnline(const std::string& id);
 
-// Makes the queue of the id the CUPS default; without one, nothing happens.
+// Makes the queue of the id the CUPS default; does nothing if there is no such queue.
 void setDefaultPrinter(const std::string& id);
 
-// The queue that setDefaultPrinter last made the default, also when it has been deleted since;
-// empty at first.
+// The queue that setDefaultPrinter last made the default, even if it has been deleted since; empty
+// at first.
 const std::string& lastDefaultQueue();
 
-// Deletes a queue by its name, in which blanks stand for "_". The id is for the records alone.
+// Deletes a queue by its name, after replacing blanks by "_". The id only appears in the records.
 void deletePrinter(const std::string& queueName, const std::string& id);
 
 // Deletes every queue that is bound to the id.

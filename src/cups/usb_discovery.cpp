@@ -30,9 +30,11 @@ private:
 
 }  // namespace
 
+// With stdio, as file streams would quadruple the code of the statically linked binary and cost an
+// idle service 150 KiB.
 std::string readFirstLine(const std::string& path) {
     std::string line;
-    const FilePtr file(std::fopen(path.c_str(), "re"));
+    const UniqueFile file(std::fopen(path.c_str(), "re"));
     if (file == nullptr)
         return line;
     for (int byte = std::getc(file.get()); byte != EOF && byte != '\n';
