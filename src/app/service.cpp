@@ -17,7 +17,6 @@
 #include "posix/shell_command.h"
 #include "posix/stop_signals.h"
 #include "printing/printing_tool.h"
-#include "printing/workers.h"
 
 namespace qnt {
 namespace {
@@ -28,29 +27,31 @@ constexpr char kApplicationName[] = "Quintaris Shared Printers Tool";
 constexpr int kCupsTries = 7;
 constexpr unsigned kCupsPauseSeconds = 10;  // between two tries
 
-// Set once, before the tool runs; the tool lives to the process's end.
+// Set once, before the tool runs; the tool is never destroyed.
 std::atomic<CPrintingTool*> g_printingTool{nullptr};
 static_assert(std::atomic<CPrintingTool*>::is_always_lock_free, "the stop handler reads it");
 
-// The main thread's.
+// Main thread only.
 KavelinkLink g_link;
 bool g_linkOpen = false;
 
-// So that no channel gets a number from 0 to 2, and the tools have files there.
+// Opens descriptors 0 to 2 if they are closed, so that no channel gets such a number and the tools
+// always have standard files.
 void openStandardFiles() {
-    int descriptor = 0;
-    while (descriptor >= 0 && descriptor <= STDERR_FILENO)
-        descriptor = open("/dev/null", O_RDWR);
-    close(descriptor);
+    int fd = 0;
+    while (fd >= 0 && fd <= STDERR_FILENO)
+        fd = open("/dev/null", O_RDWR);
+    close(fd);
 }
 
-// Whatever the service was started with. The tools' wording is parsed and outside text is passed to
-// them as bytes, so they get the C locale; and with SIGCHLD ignored the kernel would keep their
-// exit status to itself.
-void takeKnownState() {
+// Resets what the service may have inherited from its parent. The tools' output is parsed and names
+// are passed to them as bytes, so they run in the C locale. If SIGCHLD stayed ignored, the tools'
+// exit status would be lost.
+void resetInheritedState() {
     openStandardFiles();
+    for (const int signal : {SIGTERM, SIGINT, SIGCHLD})
+        std::signal(signal, SIG_DFL);
     unblockStopSignals();
-    std::signal(SIGCHLD, SIG_DFL);
     setenv("LC_ALL", "C", 1);
 }
 
@@ -65,11 +66,11 @@ bool doesCupsRespond() {
 
 bool isCupsAvailable() {
     if (runCommand("type lpadmin >/dev/null 2>&1") != 0) {
-        logRecord("", kServiceTag, 0, "lpadmin not found in system");
+        QNT_LOG(0, "lpadmin not found in system");
         return false;
     }
     if (!doesCupsRespond()) {
-        logRecord("", kServiceTag, 0, "cups is not responding");
+        QNT_LOG(0, "cups is not responding");
         return false;
     }
     return true;
@@ -83,11 +84,10 @@ void installStopHandler() {
 bool openLink() {
     const std::int32_t result = kavelinkOpen(&g_link, kLinkDeviceThenBackdoor);
     if (result != kLinkOk) {
-        logRecord("", kServiceTag, 0, "Could not open link to Open Kavelink: %d", result);
+        QNT_LOG(0, "Could not open link to Open Kavelink: %d", result);
         return false;
     }
-    if (logGetLevel() >= 2)
-        logRecord("", kServiceTag, 2, "Open Kavelink link was opened.");
+    QNT_LOG(2, "Open Kavelink link was opened.");
     g_linkOpen = true;
     return true;
 }
@@ -105,7 +105,7 @@ bool openDevice() {
     openRequestDevice();
     if (isRequestDeviceOpen())
         return true;
-    logRecord("", kServiceTag, 0, "Failed to open Kavelink");
+    QNT_LOG(0, "Failed to open Kavelink");
     return false;
 }
 
@@ -117,9 +117,9 @@ int runTool() {
     return returnCode;
 }
 
-int work() {
+int startAndRun() {
     if (!isCupsAvailable()) {
-        logRecord("", kServiceTag, 0, "CUPS not available. Will exit.");
+        QNT_LOG(0, "CUPS not available. Will exit.");
         return 0;
     }
     installStopHandler();
@@ -129,31 +129,20 @@ int work() {
     return openDevice() ? runTool() : 1;
 }
 
-int workWithinMemory() {
-    try {
-        return work();
-    } catch (const std::bad_alloc&) {
-        logRecord("", kServiceTag, 0, "Not enough memory for run");
-        return 1;
-    }
-}
-
 void closeLink() {
     if (!g_linkOpen)
         return;
     sendToolStatus(&g_link, {.applicationId = kApplicationId, .state = "stopped"});
     g_linkOpen = false;
     kavelinkClose(&g_link);
-    if (logGetLevel() >= 2)
-        logRecord("", kServiceTag, 2, "Open Kavelink link was closed.");
+    QNT_LOG(2, "Open Kavelink link was closed.");
 }
 
 }  // namespace
 
 void stopSignalHandler(int) {
     const SignalLogScope signalLogScope;
-    if (logGetLevel() >= 2)
-        logRecord("", kServiceTag, 2, "Closing . . .");
+    QNT_LOG(2, "Closing . . .");
     if (CPrintingTool* tool = g_printingTool; tool != nullptr)
         tool->m_running = false;
 }
@@ -161,12 +150,17 @@ void stopSignalHandler(int) {
 int runService(int argc, char** argv) {
     if (readOptions(argc, argv) == OptionsResult::kUsagePrinted)
         return 0;
-    takeKnownState();
-    logRecord("", kServiceTag, 0, "starting . . .");
-    const int returnCode = workWithinMemory();
+    resetInheritedState();
+    QNT_LOG(0, "starting . . .");
+    int returnCode = 1;
+    try {
+        returnCode = startAndRun();
+    } catch (const std::bad_alloc&) {
+        logNoMemory("runService");
+    }
     closeLink();
-    blockStopSignals();  // so that this record is the last
-    logRecord("", kServiceTag, 0, "closed, rc = %d", returnCode);
+    blockStopSignals();  // "Closing . . ." never follows the last record
+    QNT_LOG(0, "closed, rc = %d", returnCode);
     return returnCode;
 }
 

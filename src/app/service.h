@@ -1,14 +1,15 @@
-// The service's life, from its command line to its exit code.
+// The service from its command line to its exit code.
 
 #pragma once
 
 namespace qnt {
 
-// Starts the service, runs it until a stop signal or a failure, and returns the exit code: 0 after
-// an orderly end, the usage, and without CUPS; 1 when a channel can't be opened or the run fails.
+// Runs the service and returns its exit code: 0 after an orderly stop, after the usage, or when
+// CUPS is unavailable; 1 when a channel can't be opened, the run loop fails, or memory runs out.
+// Once in a process, on the main thread.
 int runService(int argc, char** argv);
 
-// Handles SIGTERM and SIGINT: asks the run loop and the workers to end.
+// Handles SIGTERM and SIGINT: asks the run loop and the workers to end. Async-signal-safe.
 void stopSignalHandler(int signal);
 
 }  // namespace qnt

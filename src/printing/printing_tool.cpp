@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <chrono>
 #include <new>
 #include <optional>
 
@@ -17,32 +16,11 @@
 namespace qnt {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-// Waits on while the service runs, and for the grace after a stop request.
-class UntilStopped {
-public:
-    explicit UntilStopped(const std::atomic<bool>& running) : m_running(running) {}
-
-    bool operator()() {
-        if (m_running)
-            return true;
-        const Clock::time_point now = Clock::now();
-        if (!m_stopSeen)
-            m_stopSeen = now;
-        return now - *m_stopSeen < std::chrono::milliseconds(kStopGraceMilliseconds);
-    }
-
-private:
-    const std::atomic<bool>& m_running;
-    std::optional<Clock::time_point> m_stopSeen;
-};
-
 bool startWorker(pthread_t& thread, void* (*entry)(void*), CPrintingTool& tool, const char* name) {
     if (pthread_create(&thread, nullptr, entry, &tool) == 0)
         return true;
     thread = 0;
-    logRecord("", kServiceTag, 0, "Failed to start thread '%s'", name);
+    QNT_LOG(0, "Failed to start thread '%s'", name);
     return false;
 }
 
@@ -64,10 +42,9 @@ std::int32_t CPrintingTool::run() {
     CCommandManager commands(m_knownQueues);
     getHostPrinterQueues(m_knownQueues, kListHostQueues);
     if (!m_bufferCmd.resize(kPrintingCmdHeaderSize)) {
-        logRecord("", kServiceTag, 0, "Not enough memory to init m_bufferCmd");
+        QNT_LOG(0, "Not enough memory to init m_bufferCmd");
         return 1;
     }
-    pthread_mutex_init(&m_mutex, nullptr);
     if (!startWorkers())
         return 1;
     fillPrintingCmdRequest(m_bufferCmd, m_listSequence, m_requestSize);
@@ -89,7 +66,9 @@ bool CPrintingTool::sendUserDeletedPrinters(const QueueBindingList& deleted) {
         return false;
     DeviceRequest request{};
     const auto length = static_cast<std::uint32_t>(buffer.size());
-    return SendRequest(request, buffer.data(), length, length);
+    const bool sent = SendRequest(request, buffer.data(), length, length);
+    m_reportCanceledByStop = !sent && request.header.status == kStatusCanceled && !m_running;
+    return sent;
 }
 
 bool CPrintingTool::startWorkers() {
@@ -97,29 +76,36 @@ bool CPrintingTool::startWorkers() {
            startWorker(m_defaultPrinterThread, defaultPrinterEntry, *this, "SetDefaultPrinter");
 }
 
-// The pace is the host's: there is no pause after an exchange that succeeded.
+void CPrintingTool::cancelWorkers() const {
+    pthread_cancel(m_deletedPrintersThread);
+    pthread_cancel(m_defaultPrinterThread);
+}
+
+// The host sets the pace: only failed exchanges and lack of memory are followed by a pause.
 std::int32_t CPrintingTool::converse(ICommandManager& commands) {
     while (m_running) {
-        if (!exchange())
+        if (!exchangeUnlessStopped())
             return 0;
         const AnswerResult answer = processAnswerFromHost(m_bufferCmd);
-        const ToolLock lock(m_mutex, UntilStopped(m_running));
-        if (!lock.held())
-            return 0;
-        const bool runningBefore = m_running;
+        std::unique_lock lock = lockForStep();
+        m_reportCanceledByStop = false;
         if (!takeStep(answer, commands)) {
-            if (runningBefore && !m_running)
-                return 0;  // the stop has cancelled the step's report of deleted queues
-            logRecord("", kServiceTag, 0, "Error in state machine execution");
+            if (m_reportCanceledByStop)
+                return 0;
+            QNT_LOG(0, "Error in state machine execution");
             return 1;
         }
-        applyPendingDefault();
+        while (!applyPendingDefault() && m_running) {
+            lock.unlock();
+            sleep(kRetryDelaySeconds);
+            lock = lockForStep();
+        }
     }
     return 0;
 }
 
-// Submits the request until the host has answered it; false when the service is to end instead.
-bool CPrintingTool::exchange() {
+// Submits the request until the host has answered it. False if the service is to end instead.
+bool CPrintingTool::exchangeUnlessStopped() {
     while (!SendRequest(m_request, m_bufferCmd.data(), m_requestSize,
                         static_cast<std::uint32_t>(m_bufferCmd.size()))) {
         sleep(kRetryDelaySeconds);
@@ -129,28 +115,46 @@ bool CPrintingTool::exchange() {
     return true;
 }
 
+// A worker that holds the mutex may be stuck in a tool or a report. After a stop request it gets
+// kWorkerGrace; then it is cancelled and releases the mutex while it unwinds.
+std::unique_lock<std::mutex> CPrintingTool::lockForStep() {
+    using Clock = std::chrono::steady_clock;
+    std::unique_lock lock(m_mutex, std::try_to_lock);
+    for (std::optional<Clock::time_point> graceEnd; !lock.owns_lock(); lock.try_lock()) {
+        if (!m_running && !graceEnd)
+            graceEnd = Clock::now() + kWorkerGrace;
+        else if (graceEnd && Clock::now() >= *graceEnd)
+            cancelWorkers();
+        std::this_thread::sleep_for(kLockPollInterval);
+    }
+    return lock;
+}
+
 bool CPrintingTool::takeStep(AnswerResult answer, ICommandManager& commands) {
     try {
         return executeStateMachine(*this, answer, commands);
     } catch (const std::bad_alloc&) {
-        logRecord("", kServiceTag, 0, "Not enough memory for executeStateMachine");
+        logNoMemory("executeStateMachine");
         return false;
     }
 }
 
-// When memory runs out the default stays pending and is tried again after the next step.
-void CPrintingTool::applyPendingDefault() {
+// Applies a default whose queue exists by now. False if there was not enough memory: the host may
+// have nothing to send after this step, so the caller repeats the call.
+bool CPrintingTool::applyPendingDefault() {
     if (!m_defaultPrinterPending)
-        return;
+        return true;
     try {
         QueueBindingList queues;
         listPrinterQueues(queues, m_defaultPrinterId);
-        if (queues.empty())
-            return;
-        setDefaultPrinter(m_defaultPrinterId);
-        m_defaultPrinterPending = false;
+        if (!queues.empty()) {
+            setDefaultPrinter(m_defaultPrinterId);
+            m_defaultPrinterPending = false;
+        }
+        return true;
     } catch (const std::bad_alloc&) {
-        logRecord("", kServiceTag, 0, "Not enough memory for setDefaultPrinter");
+        logNoMemory("setDefaultPrinter");
+        return false;
     }
 }
 

@@ -1,17 +1,19 @@
-// The service's one working object.
+// The run loop, its two workers and the state that they share.
 //
-// Three threads use it: the run loop's, which is the main thread, and the workers
-// 'DeletedPrinrters' and 'SetDefaultPrinter'. m_mutex is the only lock. It is held around every
-// step of the state machine, every comparison and report of the known queues and every application
-// of a default printer, so CUPS is changed by one thread at a time. Exchanges with the host are
-// made without it, except the report of deleted queues.
+// Three threads use the tool: the run loop's, which is the main thread, and the workers
+// 'DeletedPrinrters' and 'SetDefaultPrinter'. m_mutex is held around every step of the state
+// machine, every comparison and report of the known queues and every change of the default printer,
+// so only one thread at a time changes CUPS. Exchanges with the host are made without it, except
+// the report of deleted queues.
 
 #pragma once
 
 #include <pthread.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
+#include <mutex>
 #include <string>
 
 #include "hostlink/device_request.h"
@@ -20,17 +22,17 @@
 
 namespace qnt {
 
-inline constexpr unsigned kRetryDelaySeconds = 1;  // after an exchange that failed
-// How long a stop request waits for a thread that sits in a CUPS tool, before the run loop leaves
-// the last answer unprocessed.
-inline constexpr int kStopGraceMilliseconds = 1000;
+inline constexpr unsigned kRetryDelaySeconds = 1;  // after a failed exchange, or out of memory
+// How long after a stop request the run loop waits for a worker that holds the mutex, before it
+// cancels the workers.
+inline constexpr std::chrono::seconds kWorkerGrace{1};
 
 class CPrintingTool : public IPrintingTool {
 public:
-    // Keeps the conversation with the host going until a stop request or a failure: 0 or 1. Starts
-    // the workers, which stop() ends. Main thread; the request device is open.
+    // Exchanges requests and answers with the host until a stop request (0) or a failure (1).
+    // Starts the workers, which stop() ends. Main thread; the request device is open.
     std::int32_t run() override;
-    // Cancels the workers and waits for their end. Main thread, after run().
+    // Cancels the workers and waits for them to end. Main thread, after run().
     std::int32_t stop() override;
     bool sendUserDeletedPrinters(const QueueBindingList& deleted) override;
 
@@ -38,16 +40,20 @@ public:
     std::atomic<bool> m_running{false};     // any thread and the stop handler
     pthread_t m_deletedPrintersThread = 0;  // run loop's thread; 0 when not started
     pthread_t m_defaultPrinterThread = 0;   // run loop's thread; 0 when not started
-    pthread_mutex_t m_mutex{};              // initialised by run(), never destroyed
-    std::string m_defaultPrinterId;         // under the mutex; its writer reads it without
-    bool m_defaultPrinterPending = false;   // under the mutex: the default has no queue yet
+    std::mutex m_mutex;
+    std::string m_defaultPrinterId;  // written under the mutex; its only writer reads it unlocked
+    bool m_defaultPrinterPending = false;  // under the mutex: the default has not been applied yet
 
 private:
     bool startWorkers();
+    void cancelWorkers() const;
     std::int32_t converse(ICommandManager& commands);
-    bool exchange();
+    bool exchangeUnlessStopped();
+    std::unique_lock<std::mutex> lockForStep();
     bool takeStep(AnswerResult answer, ICommandManager& commands);
-    void applyPendingDefault();
+    bool applyPendingDefault();
+
+    bool m_reportCanceledByStop = false;  // under the mutex: so ended the last report
 };
 
 static_assert(std::atomic<bool>::is_always_lock_free, "the stop handler clears m_running");

@@ -1,52 +1,27 @@
-// Holding the tool's mutex for a scope.
+// Waiting for the tool's mutex.
+//
+// pthread_mutex_lock is no cancellation point, and the holder may be stuck in a CUPS tool. So the
+// waits try the lock and sleep: that can be cancelled, depends on no clock that somebody sets, and
+// is known to the thread sanitizers, unlike the monotonic pthread_mutex_clocklock.
 
 #pragma once
 
-#include <pthread.h>
-
-#include <ctime>
+#include <chrono>
+#include <mutex>
+#include <thread>
 
 namespace qnt {
 
-inline constexpr long kLockSliceNanoseconds = 100'000'000;
+inline constexpr std::chrono::milliseconds kLockPollInterval{10};
 
-// Waits for the mutex and releases it at the end of the scope, also when the thread is cancelled.
-// pthread_mutex_lock is no cancellation point, and a tool that hangs may keep the holder for ever,
-// so the wait goes in slices; after each, `goOn` says whether to wait on. It may also end the
-// thread by pthread_testcancel.
-class ToolLock {
-public:
-    template <typename GoOn>
-    ToolLock(pthread_mutex_t& mutex, GoOn goOn) : m_mutex(mutex) {
-        m_held = pthread_mutex_trylock(&m_mutex) == 0;
-        while (!m_held && goOn())
-            m_held = lockForOneSlice();
+// Locks the mutex. The wait is a cancellation point.
+inline std::unique_lock<std::mutex> lockCancellably(std::mutex& mutex) {
+    std::unique_lock lock(mutex, std::try_to_lock);
+    while (!lock.owns_lock()) {
+        std::this_thread::sleep_for(kLockPollInterval);
+        lock.try_lock();
     }
-    ~ToolLock() {
-        if (m_held)
-            pthread_mutex_unlock(&m_mutex);
-    }
-    ToolLock(const ToolLock&) = delete;
-    ToolLock& operator=(const ToolLock&) = delete;
-
-    bool held() const { return m_held; }
-
-private:
-    bool lockForOneSlice() {
-        timespec until{};
-        clock_gettime(CLOCK_REALTIME, &until);
-        until.tv_nsec += kLockSliceNanoseconds;
-        if (until.tv_nsec >= kNanosecondsPerSecond) {
-            until.tv_nsec -= kNanosecondsPerSecond;
-            ++until.tv_sec;
-        }
-        return pthread_mutex_timedlock(&m_mutex, &until) == 0;
-    }
-
-    static constexpr long kNanosecondsPerSecond = 1'000'000'000;
-
-    pthread_mutex_t& m_mutex;
-    bool m_held = false;
-};
+    return lock;
+}
 
 }  // namespace qnt

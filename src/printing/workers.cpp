@@ -9,24 +9,15 @@
 #include "cups/queue_operations.h"
 #include "hostlink/request_device.h"
 #include "log/log_record.h"
+#include "log/log_time.h"
 #include "posix/stop_signals.h"
 #include "printing/tool_lock.h"
-#include "protocol/little_endian.h"
 #include "protocol/printing_format.h"
 #include "protocol/printing_messages.h"
 #include "protocol/reconciliation.h"
 
 namespace qnt {
 namespace {
-
-bool unlessCancelled() {
-    pthread_testcancel();
-    return true;
-}
-
-void logNoMemory(const char* operation) {
-    logRecord("", kServiceTag, 0, "Not enough memory for %s", operation);
-}
 
 void reportDeleted(IPrintingTool& tool, QueueBindingList& deleted) {
     try {
@@ -38,28 +29,31 @@ void reportDeleted(IPrintingTool& tool, QueueBindingList& deleted) {
     }
 }
 
-// One conversation about the default printer. Of the buffer's bytes, a query writes three fields;
-// the others stay as the previous answer left them.
+// The default-printer exchange. A query overwrites three header fields and leaves the rest of the
+// previous answer in place.
 class DefaultPrinterQuery {
 public:
     explicit DefaultPrinterQuery(CPrintingTool& tool) : m_tool(tool) {}
 
-    // One query and what follows from its answer. False asks for a pause before the next.
+    // Sends a query and handles its answer. False if a pause is needed before the next call: after
+    // a failed exchange, or when there was not enough memory.
     bool ask() {
-        // The storage never falls below what a query sends: cutting the length keeps it.
-        if (m_buffer.storage() < kPrintingCmdHeaderSize && !resize(kPrintingCmdHeaderSize))
-            return false;
-        writeU32(m_buffer.data() + PrintingCmdHeader::kVersion, kPrintingVersion);
-        writeU32(m_buffer.data() + PrintingCmdHeader::kRequestType, GetDefaultPrinter);
-        writeU32(m_buffer.data() + PrintingCmdHeader::kSequence, m_sequence);
-        if (!SendRequest(m_request, m_buffer.data(), kPrintingCmdHeaderSize,
-                         static_cast<std::uint32_t>(m_buffer.size())))
+        if (!m_answerUnhandled && !exchange())
             return false;
         const std::uint32_t requiredSize = answerRequiredSize(m_buffer);
-        return requiredSize != 0 ? makeRoom(requiredSize) : follow();
+        return requiredSize != 0 ? makeRoom(requiredSize) : handleAnswer();
     }
 
 private:
+    bool exchange() {
+        // The array's storage always holds a full header, also after its length has shrunk.
+        if (m_buffer.storage() == 0 && !resize(kPrintingCmdHeaderSize))
+            return false;
+        fillDefaultPrinterRequest(m_buffer, m_sequence);
+        return SendRequest(m_request, m_buffer.data(), kPrintingCmdHeaderSize,
+                           static_cast<std::uint32_t>(m_buffer.size()));
+    }
+
     bool resize(std::size_t size) {
         if (m_buffer.resize(size))
             return true;
@@ -68,26 +62,29 @@ private:
     }
 
     bool makeRoom(std::uint32_t requiredSize) {
-        if (logGetLevel() >= 3)
-            logRecord("", kServiceTag, 3, "Buffer too small reqSize = %d",
-                      static_cast<int>(requiredSize));
+        QNT_LOG(3, "Buffer too small reqSize = %d", static_cast<int>(requiredSize));
         return resize(requiredSize);
     }
 
-    // Without memory the sequence stays, so the host tells its default once more.
-    bool follow() {
+    // Without enough memory the answer stays in the buffer and is handled by the next call, as a
+    // host that has nothing new may hold the next query for ever.
+    bool handleAnswer() {
+        m_answerUnhandled = true;
         try {
             parseDefaultPrinterAnswer(m_receivedId, answerPayload(m_buffer),
                                       answerPayloadLength(m_buffer));
             // Only this thread writes the tool's id, so it may read it without the mutex.
             if (m_receivedId != m_tool.m_defaultPrinterId) {
-                logRecord("", kServiceTag, 0, "Set default printer: '%s'", m_receivedId.c_str());
-                applyDefaultPrinter(m_tool, m_receivedId);
+                QNT_LOG(0, "Set default printer: '%s'", m_receivedId.c_str());
+                m_unapplied = true;
             }
+            if (m_unapplied)
+                applyDefaultPrinter(m_tool, m_receivedId);
         } catch (const std::bad_alloc&) {
             logNoMemory("defaultPrinterLoop");
             return false;
         }
+        m_answerUnhandled = m_unapplied = false;
         m_sequence = answerSequence(m_buffer);
         return true;
     }
@@ -95,6 +92,8 @@ private:
     CPrintingTool& m_tool;
     ByteArray m_buffer;
     std::string m_receivedId;
+    bool m_answerUnhandled = false;  // the buffer holds an answer that has not been handled yet
+    bool m_unapplied = false;        // applyDefaultPrinter has not yet returned for the received id
     std::uint32_t m_sequence = 0;
     DeviceRequest m_request{};
 };
@@ -111,9 +110,10 @@ void deletedPrintersLoop(CPrintingTool& tool) {
     while (tool.m_running) {
         QueueBindingList deleted;
         {
-            const ToolLock lock(tool.m_mutex, unlessCancelled);
+            const std::unique_lock lock = lockCancellably(tool.m_mutex);
             reportDeleted(tool, deleted);
         }
+        refreshUtcOffset();
         sleep(kDeletedCheckPauseSeconds);
     }
 }
@@ -133,7 +133,7 @@ void defaultPrinterLoop(CPrintingTool& tool) {
 }
 
 void applyDefaultPrinter(CPrintingTool& tool, const std::string& receivedId) {
-    const ToolLock lock(tool.m_mutex, unlessCancelled);
+    const std::unique_lock lock = lockCancellably(tool.m_mutex);
     tool.m_defaultPrinterId = receivedId;
     tool.m_defaultPrinterPending = true;
     if (rejectInvalidId(receivedId))

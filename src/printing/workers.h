@@ -1,10 +1,9 @@
-// The two threads beside the run loop.
+// The run loop's two worker threads.
 //
-// Both block the stop signals, so that those reach the main thread, and end when the tool stops
-// running or by cancellation: at their sleep, in a submission to the host, while they read a CUPS
-// tool's output or wait for its end, or while they wait for the tool's mutex. A mutex, a tool or a
-// buffer that a cancelled worker holds is given back as it unwinds. Neither ends for lack of
-// memory.
+// Both block the stop signals, so that those reach the main thread. They end when the tool stops
+// running, or by cancellation: in a sleep, in a submission to the host, while they read a CUPS
+// tool's output or wait for it to end, or while they wait for the tool's mutex. Cancellation
+// unwinds the stack and releases everything. Lack of memory does not end a worker.
 
 #pragma once
 
@@ -26,8 +25,8 @@ void deletedPrintersLoop(CPrintingTool& tool);
 void* defaultPrinterEntry(void* tool);
 void defaultPrinterLoop(CPrintingTool& tool);
 
-// Stores the id as the host's default and makes its queue the CUPS default; where there is none
-// yet, leaves that to the run loop. Takes the mutex.
+// Stores the id as the host's default and makes its queue the CUPS default. If there is no such
+// queue yet, leaves that to the run loop. Takes the mutex. May throw std::bad_alloc.
 void applyDefaultPrinter(CPrintingTool& tool, const std::string& receivedId);
 
 }  // namespace qnt

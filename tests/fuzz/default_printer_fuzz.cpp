@@ -44,7 +44,7 @@ bool SendRequest(DeviceRequest&, void* bytes, std::uint32_t inSize, std::uint32_
 bool CommandOutput::open(const std::string&) {
     return false;
 }
-bool CommandOutput::readLine(char (&)[kOutputPieceSize]) {
+bool CommandOutput::readLine(char (&)[kLineBufferSize]) {
     return false;
 }
 void CommandOutput::close() {}

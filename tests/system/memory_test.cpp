@@ -113,7 +113,7 @@ TEST_F(Memory, TheWorkerOfDeletedPrintersGoesOn) {
         relent();
         tool.m_running = true;
         deletedPrintersLoop(tool);
-        EXPECT_EQ(pthread_mutex_trylock(&tool.m_mutex), 0);
+        EXPECT_EQ(tool.m_mutex.try_lock(), true);
         EXPECT_EQ(tool.m_knownQueues.size(), 1U);
         const Outside outside;
         if (reported == "TAG9 ")
@@ -135,7 +135,7 @@ TEST_F(Memory, TheWorkerOfTheDefaultPrinterGoesOn) {
         runOut();
         defaultPrinterLoop(tool);
         relent();
-        EXPECT_EQ(pthread_mutex_trylock(&tool.m_mutex), 0);
+        EXPECT_EQ(tool.m_mutex.try_lock(), true);
         const Outside outside;
         EXPECT_EQ(tool.m_defaultPrinterId, kId);
         EXPECT_THAT(g_log, AnyOf(t_thrown ? "-" : "", kNoMemory + "defaultPrinterLoop;"));
@@ -146,7 +146,10 @@ TEST_F(Memory, TheWorkerOfTheDefaultPrinterGoesOn) {
 }
 
 TEST_F(Memory, TheRunLoopEndsWithItsRecordAndCanRunAgain) {
-    const sim::Bytes list = sim::encodeAnswer({CmdPrinterList, "", {{kId, "Desk"}}}, 1);
+    // More than a page, so that the run loop has to make room for it.
+    const std::string longName(5000, 'x');
+    const sim::Bytes list =
+        sim::encodeAnswer({CmdPrinterList, "", {{kId, "Desk"}, {"TAG2", longName}}}, 1);
     bool carriedOut = false;
     std::set<std::string> logs;
     failEach([&](CPrintingTool& tool) {
