@@ -43,7 +43,7 @@ constexpr LinkName kLinkNames[] = {
     {"accept", LinkMode::kAccept}, {"refuse", LinkMode::kRefuse}, {"again", LinkMode::kAskAgain}};
 
 template <typename Named, std::size_t size>
-const Named& find(const Named (&table)[size], const std::string& name, const char* what) {
+Named find(const Named (&table)[size], const std::string& name, const char* what) {
     const auto* found =
         std::ranges::find_if(table, [&](const Named& entry) { return name == entry.name; });
     if (found == std::end(table))
@@ -217,13 +217,13 @@ void Console::sendUnknown(const Words& words) {
 }
 
 void Console::fault(const Words& words) {
-    const FaultName& kind = find(kFaultNames, words[0], "fault");
+    const FaultName kind = find(kFaultNames, words[0], "fault");
     const std::size_t used = kind.takesValue ? 2 : 1;
     if (words.size() < used)
         throw ConsoleError("fault " + words[0] + " needs a number");
     if (words.size() > used + 1)
         throw ConsoleError("fault " + words[0] + " takes no number");
-    const RequestName& request =
+    const RequestName request =
         find(kRequestNames, words.size() > used ? words[used] : "command", "request");
     m_host.fault(
         request.requestType,

@@ -49,8 +49,8 @@ Bytes answerWith(const Bytes& payload, std::uint32_t sequence) {
     return answer;
 }
 
-// Outside text on a line of ours: quoted, with everything but printable ASCII and UTF-8 escaped.
-std::string quoted(std::string_view text) {
+// Outside text on a line of ours: in quotes, with everything but printable ASCII and UTF-8 escaped.
+std::string quotedText(std::string_view text) {
     std::string result = "'";
     for (const char byte : text) {
         const auto value = static_cast<unsigned char>(byte);
@@ -97,7 +97,7 @@ std::string describeList(const Bytes& list) {
     forEachItem(list, 0, [&](std::uint32_t, const Bytes& entry) {
         text += text.size() > 2 ? ", " : "";
         forEachItem(entry, 0, [&](std::uint32_t type, const Bytes& data) {
-            text += type == qnt::PrinterName ? " " + quoted(asText(data)) : asText(data);
+            text += type == qnt::PrinterName ? " " + quotedText(asText(data)) : asText(data);
         });
     });
     return text + "]";
@@ -106,7 +106,7 @@ std::string describeList(const Bytes& list) {
 std::string describeItem(std::uint32_t type, const Bytes& data) {
     switch (type) {
         case qnt::PrinterId:
-            return " id=" + quoted(asText(data));
+            return " id=" + quotedText(asText(data));
         case qnt::CmdResult:
             return " result=" + std::to_string(asU32(data));
         case qnt::CmdCode:
@@ -129,7 +129,7 @@ std::string describeLinkCall(const Bytes& message) {
     if (message.empty())
         return "link probe";
     return "link message of " + std::to_string(message.size()) + " bytes, state " +
-           quoted(statusState(message));
+           quotedText(statusState(message));
 }
 
 std::string timeOfDay(std::chrono::system_clock::time_point time) {
