@@ -5,11 +5,12 @@
 # shellcheck disable=SC2034 # the lists are for those who source this
 readonly missing_exit_code=69 # EX_UNAVAILABLE of sysexits.h
 readonly started_in=${OLDPWD-$PWD}
+PATH=$PATH:/usr/sbin:/sbin # a root shell made by su may lack them, and lpadmin is there
 
 build_packages=(cmake g++ libfuse3-dev ninja-build pkg-config)
 cups_packages=(cups cups-client printer-driver-postscript-hp)
 guest_packages=(fuse3 procps)
-test_packages=(clang clang-format clang-tidy dpkg-dev libbenchmark-dev libclang-rt-14-dev
+test_packages=(clang clang-format clang-tidy dpkg-dev libbenchmark-dev libclang-rt-dev
     libgmock-dev libgtest-dev libspdlog-dev mandoc shellcheck systemd)
 
 missing() {
@@ -42,6 +43,16 @@ require_packages() {
     rm -f /tmp/qnt-install.$$
 }
 
+# find_clang_tool TOOL: sets clang_tool to TOOL of the version that the project's format and checks
+# are defined by; other versions judge otherwise.
+find_clang_tool() {
+    local version=14
+    for clang_tool in "$1-$version" "$1"; do
+        ! "$clang_tool" --version 2>/dev/null | grep -q "version $version\." || return 0
+    done
+    missing "not run, as it is for $1 $version"
+}
+
 # What a simulated guest needs of the kernel.
 require_guest_kernel() {
     [ "$(id -u)" = 0 ] || missing "root is needed for a private mount namespace"
@@ -50,31 +61,72 @@ require_guest_kernel() {
     [ -d /proc/driver ] || missing "/proc/driver is missing, so there is no place for the device"
 }
 
-# configure FOLDER [CMAKE-OPTION...]: quiet unless it fails.
+# make_root RELEASE FOLDER [PACKAGE...]: makes a minimal Debian root, from the mirror and with the
+# proxies of this machine's apt.
+make_root() {
+    local mirror option options=()
+    # shellcheck disable=SC2016 # apt-get expands it
+    mirror=$(apt-get indextargets --format '$(REPO_URI)' 'Label: Debian' | sed -n 1p)
+    while IFS= read -r option; do
+        options+=("--aptopt=$option")
+    done < <(apt-config dump | grep -E '^Acquire::(https?|Check-|ForceIP|Retries)' | grep -v Auto-Detect)
+    mmdebstrap --variant=minbase "${options[@]}" --include="$(IFS=, && echo "${*:3}")" \
+        "$1" "$2" "${mirror:-http://deb.debian.org/debian}"
+}
+
+# Prints the files that git would commit, each followed by a NUL; where there is no git, all files
+# outside of build folders.
+source_files() {
+    if git rev-parse HEAD >/dev/null 2>&1; then
+        git ls-files -z --cached --others --exclude-standard
+    else
+        find . -mindepth 1 \( -path './build*' -o -path ./out -o -path ./.git \) -prune \
+            -o \( -type f -o -type l \) -print0
+    fi
+}
+
+# copy_checkout FOLDER: copies the files of the checkout, committed or not.
+copy_checkout() {
+    mkdir -p "$1"
+    source_files | tar -c --null --ignore-failed-read -T - 2>/dev/null | tar -x -C "$1"
+}
+
+# configure FOLDER [CMAKE-OPTION...]: quiet unless it fails. Waits for other scripts that build in
+# the folder, and makes them wait until build_targets has returned.
 configure() {
-    local folder=$1
-    mkdir -p "$folder"
-    cmake -G Ninja -S . -B "$folder" "${@:2}" >"$folder/configure.log" 2>&1 || {
-        cat "$folder/configure.log" >&2
+    mkdir -p "$1"
+    exec 9>"$1/lock"
+    flock 9
+    cmake -G Ninja -S . -B "$1" "${@:2}" >"$1/configure.log" 2>&1 9>&- || {
+        cat "$1/configure.log" >&2
         return 1
     }
+}
+
+# build_targets FOLDER [TARGET...]: builds in a folder that was just configured; quiet unless it fails.
+build_targets() {
+    cmake --build "$1" ${2:+--target "${@:2}"} >"$1/build.log" 9>&- || {
+        grep -E -A 20 'FAILED|error' "$1/build.log" >&2
+        return 1
+    }
+    exec 9>&-
 }
 
 # configure_build KIND: build/KIND, as it is shipped (plain), with the address and
 # undefined-behaviour sanitizers (memory), or with the thread sanitizer (threads).
 configure_build() {
     local -x CC=gcc CXX=g++
-    local options=()
+    local options=(-DQNT_WARNINGS_AS_ERRORS=ON)
     case $1 in
-        plain) options=(-DQNT_STATIC_LIBSTDCXX=ON) ;;
+        plain) options+=(-DQNT_STATIC_LIBSTDCXX=ON) ;;
         memory)
             CC=clang CXX=clang++
-            options=(-DCMAKE_BUILD_TYPE=Debug -DQNT_TEST_PREFIX=memory/
+            options+=(-DCMAKE_BUILD_TYPE=Debug -DQNT_TEST_PREFIX=memory/
                 "-DQNT_SANITIZE=address,undefined,fuzzer-no-link"
                 -DCMAKE_CXX_FLAGS_DEBUG="-O1 -gline-tables-only")
             ;;
         threads)
-            options=(-DCMAKE_BUILD_TYPE=Debug -DQNT_TEST_PREFIX=threads/ -DQNT_SANITIZE=thread
+            options+=(-DCMAKE_BUILD_TYPE=Debug -DQNT_TEST_PREFIX=threads/ -DQNT_SANITIZE=thread
                 -DCMAKE_CXX_FLAGS_DEBUG="-O1 -g1")
             ;;
     esac
