@@ -1,6 +1,7 @@
 #include "cups/printer_names.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "log/log_record.h"
 #include "posix/shell_command.h"
@@ -8,6 +9,7 @@
 namespace qnt {
 namespace {
 
+constexpr std::size_t kLongestDescription = 32767;
 constexpr std::string_view kNeverInIds("\0\t\n\v\f\r =", 8);
 // Leaves 4 KiB for the rest of the command line that creates a queue.
 constexpr std::size_t kLongestQuotedName = kArgumentLimit - 4096;
@@ -20,6 +22,17 @@ bool isRefusedByCups(char byte) {
 
 bool continuesUtf8Character(char byte) {
     return (byte & 0xC0) == 0x80;
+}
+
+// Where the text is no UTF-8, truncates it to exactly the limit.
+std::string truncated(std::string text, std::size_t limit) {
+    if (text.size() <= limit)
+        return text;
+    std::size_t length = limit;
+    while (length > 0 && continuesUtf8Character(text[length]))
+        --length;
+    text.resize(length > 0 ? length : limit);
+    return text;
 }
 
 }  // namespace
@@ -50,13 +63,11 @@ std::string queueNameFor(std::string name) {
 
 std::string acceptedQueueName(std::string queueName) {
     std::replace_if(queueName.begin(), queueName.end(), isRefusedByCups, '_');
-    if (queueName.size() <= kLongestQueueName)
-        return queueName;
-    std::size_t length = kLongestQueueName;
-    while (length > 0 && continuesUtf8Character(queueName[length]))
-        --length;
-    queueName.resize(length > 0 ? length : kLongestQueueName);
-    return queueName;
+    return truncated(std::move(queueName), kLongestQueueName);
+}
+
+std::string acceptedDescription(std::string description) {
+    return truncated(std::move(description), kLongestDescription);
 }
 
 std::optional<std::string> quotedQueueName(const std::string& queueName) {

@@ -33,9 +33,13 @@ bool rejectUnusableName(const std::string& name);
 // The queue name of a printer: its name with each blank (0x20) replaced by "_".
 std::string queueNameFor(std::string name);
 
-// The form of a queue name that CUPS accepts: each byte that it refuses is replaced by "_", and
-// what is longer than kLongestQueueName is truncated at the end of a UTF-8 character.
+// The form of a queue name that CUPS accepts: each byte that it refuses is replaced by "_", and a
+// name longer than kLongestQueueName is truncated at the end of a UTF-8 character.
 std::string acceptedQueueName(std::string queueName);
+
+// The description, truncated at the end of a UTF-8 character if it is longer than an attribute of
+// IPP can be: 32,767 bytes (RFC 8010, value-length).
+std::string acceptedDescription(std::string description);
 
 // The queue name as one shell word. Logs and returns nothing if it contains a zero byte.
 std::optional<std::string> quotedQueueName(const std::string& queueName);

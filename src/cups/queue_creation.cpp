@@ -90,7 +90,7 @@ void addPrinter(std::string& name, const std::string& id) {
     if (createQueue(name, id, givenName))
         return;
     std::string accepted = acceptedQueueName(name);
-    if (accepted != name && createQueue(accepted, id, givenName))
+    if (accepted != name && createQueue(accepted, id, acceptedDescription(givenName)))
         name.swap(accepted);
 }
 
