@@ -48,6 +48,57 @@ TEST_F(ServiceTest, AHostPrinterBecomesAQueueThatFollowsItsHost) {
     EXPECT_THAT(host.exchanges(GetDefaultPrinter), SizeIs(1));
 }
 
+TEST_F(ServiceTest, APrinterHasOneQueueWhateverItsHostCallsIt) {
+    std::vector<std::string> names{"Bob's Printer",
+                                   R"(\\server\HP LaserJet)",
+                                   "Printer #2",
+                                   "Floor 2/West",
+                                   "Tab\there",
+                                   "B\u00fcro",
+                                   "\u30d7\u30ea\u30f3\u30bf",
+                                   std::string(150, 'l'),
+                                   "-h",
+                                   "all",
+                                   "a,b",
+                                   "'"};
+    names.emplace_back();
+    while (names.back().size() < 200)
+        names.back() += "\u00e4";
+    startService();
+    const auto deletions = [] {
+        return std::ranges::count_if(records(), [](const std::string& record) {
+            return record.starts_with("deletePrinter:");
+        });
+    };
+    std::size_t results = 0;
+    const auto sendList = [&] {
+        host.sendPrinterList();
+        ASSERT_TRUE(
+            host.waitUntil([&, next = ++results] { return host.results().size() >= next; }, 60s));
+    };
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        host.plug("TAG" + std::to_string(i), names[i]);
+        host.send(sim::addPrinter("TAG" + std::to_string(i)));
+        ++results;
+    }
+    for (const bool renamed : {false, true}) {
+        for (std::size_t i = 0; renamed && i < names.size(); ++i)
+            host.rename("TAG" + std::to_string(i), "New " + names[names.size() - 1 - i]);
+        sendList();
+        const auto before = deletions();
+        sendList();
+        EXPECT_EQ(deletions(), before) << "the same list again deletes nothing";
+        for (std::size_t i = 0; i < names.size(); ++i) {
+            const std::string id = "TAG" + std::to_string(i);
+            EXPECT_EQ(sim::commandOutput("lpstat -v | grep -ac 'serial=" + id + "$'"), "1\n") << id;
+        }
+        EXPECT_EQ(sim::commandOutput("lpstat -p | grep -ac 'enabled since'"),
+                  std::to_string(names.size()) + '\n');
+    }
+    std::this_thread::sleep_for(1200ms);  // more than one check for deleted queues
+    EXPECT_THAT(host.deletedPrinters(), IsEmpty());
+}
+
 TEST_F(ServiceTest, AQueueThatTheUserDeletesIsReportedOnceWhileTwoMoreExchangesWait) {
     addQueue("Old", "TAG1001");
     addQueue("Kept", "TAG1002");
