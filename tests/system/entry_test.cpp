@@ -79,7 +79,7 @@ TEST_F(EntryTest, ACupsThatAnswersAtTheFourthTryIsTaken) {
 
 TEST_F(EntryTest, AStopSignalDuringTheCupsWaitHasItsDefaultEffect) {
     standIn("lpstat", "touch $folder/asked; exit 1");
-    startService();
+    service.emplace(std::vector<std::string>{"env", "--ignore-signal=TERM", QNT_SERVICE});
     EXPECT_TRUE(eventually([&] { return fs::exists(folder / "asked"); }));
     EXPECT_EQ(stopService(1s), 128 + SIGTERM);
     EXPECT_THAT(records(), ElementsAre("starting . . ."));

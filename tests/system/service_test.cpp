@@ -207,6 +207,69 @@ TEST_F(ServiceTest, AToolThatHangsDoesNotHoldUpTheStop) {
     }
 }
 
+TEST_F(ServiceTest, AnAnsweredCommandIsCarriedOutAlthoughAWorkerHangsAtTheStop) {
+    host.plug("TAG1001", "Office Laser");
+    addQueue("Office_Laser", "TAG1001");
+    standIn("lpstat",
+            "rm -d $folder/hang 2>&- && echo $$ >$folder/hung && exec sleep 600\n"
+            "exec $real \"$@\"");
+    startService();
+    host.sendPrinterList();  // so that the next command fits
+    ASSERT_TRUE(hasResults(1));
+    fs::create_directory(folder / "hang");
+    ASSERT_TRUE(eventually([&] { return !contents(folder / "hung").empty(); }));
+    host.send(sim::deletePrinter("TAG1001"));
+    ASSERT_TRUE(host.waitUntil([&] { return host.waiting(sim::kRunLoopRequest) == 0; }));
+    EXPECT_EQ(stopService(), 0);
+    EXPECT_FALSE(hasQueue("Office_Laser", "TAG1001"));
+    EXPECT_FALSE(isAlive(std::stoi(contents(folder / "hung"))));
+}
+
+TEST_F(ServiceTest, AStepThatFailsDuringAStopIsAFailure) {
+    const std::pair<std::uint32_t, Fault> rows[] = {
+        {UserDeletedPrinters, {Fault::Kind::kStatus, 0xF0000001, {}}},
+        {GetPrintingCmd, {Fault::Kind::kMalformed, 0, {}}}};
+    standIn("lpstat",
+            "[ $1 = -v ] && echo >>$folder/listings\n"
+            "rmdir $folder/slow 2>&- && touch $folder/inside && sleep 1\n"
+            "exec $real \"$@\"");
+    for (const auto& [requestType, fault] : rows) {
+        addQueue("Old", "TAG1001");
+        startService();
+        ASSERT_TRUE(isIdle());
+        // Just after a worker's check the next listing is that of the run loop's step.
+        const auto listings = contents(folder / "listings").size();
+        ASSERT_TRUE(eventually([&] { return contents(folder / "listings").size() > listings; }));
+        std::this_thread::sleep_for(200ms);
+        sim::commandOutput("lpadmin -x Old");
+        fs::create_directory(folder / "slow");
+        host.fault(requestType, fault);
+        if (requestType == UserDeletedPrinters)
+            host.send(sim::waitOffline());
+        ASSERT_TRUE(eventually([&] { return fs::exists(folder / "inside"); }));
+        EXPECT_EQ(stopService(), 1) << requestType;
+        EXPECT_EQ(std::ranges::count(records(), "Error in state machine execution"), 1);
+        fs::remove(folder / "inside");
+        fs::resize_file(kLog, 0);
+    }
+}
+
+TEST_F(ServiceTest, RoomThatTheHostAsksForAndDoesNotFillCostsNoMemory) {
+    constexpr std::uint32_t kGiB = 1U << 30;
+    for (const std::uint32_t size : {kGiB, kGiB + 1, kGiB + 8192})
+        host.fault(GetPrintingCmd, {Fault::Kind::kAskFor, size, {}});
+    for (const std::uint32_t size : {kGiB, 80U, kGiB, 200U, kGiB / 2})
+        host.fault(GetDefaultPrinter, {Fault::Kind::kAskFor, size, {}});
+    startService();
+    ASSERT_TRUE(isIdle());
+    ASSERT_TRUE(host.waitUntil([&] { return host.exchanges(GetDefaultPrinter).size() == 6; }));
+    EXPECT_EQ(host.exchanges(GetPrintingCmd).back().outSize, kGiB + 8192);
+    EXPECT_EQ(host.exchanges(GetDefaultPrinter).back().outSize, kGiB / 2);
+    const std::string status = contents("/proc/" + std::to_string(service->pid()) + "/status");
+    const int peakKiB = std::stoi(status.substr(status.find("VmHWM:") + 6));
+    EXPECT_TRUE(QNT_SANITIZED || peakKiB < 64 * 1024) << peakKiB;
+}
+
 TEST_F(ServiceTest, WithoutItsSecondWorkerTheServiceFails) {
     startService({}, {{"LD_PRELOAD", QNT_LIMITS}, {"QNT_ONE_THREAD", ""}});
     EXPECT_EQ(serviceEnds(), 1);

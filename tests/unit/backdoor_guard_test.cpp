@@ -10,14 +10,23 @@ namespace {
 void someHandler(int) {}
 
 // No hypervisor of this kind runs under the tests, so the real instruction faults.
-TEST(BackdoorGuard, SurvivesTheFaultAndLeavesTheDispositionsAsTheyWere) {
+TEST(BackdoorGuard, SurvivesTheFaultAndRestoresDispositionsAndMask) {
     for (void (*const handler)(int) : {SIG_DFL, SIG_IGN, someHandler}) {
         std::signal(SIGILL, handler);
         std::signal(SIGSEGV, handler);
-        for (int times = 0; times < 2; ++times) {  // the mask is back as well
+        for (const bool blocked : {false, true}) {
+            sigset_t faults, before, after;
+            sigemptyset(&faults);
+            sigaddset(&faults, SIGILL);
+            sigaddset(&faults, SIGSEGV);
+            pthread_sigmask(blocked ? SIG_BLOCK : SIG_UNBLOCK, &faults, nullptr);
+            pthread_sigmask(SIG_BLOCK, nullptr, &before);
             KavelinkLink link;
             EXPECT_EQ(kavelinkOpen(&link, kLinkBackdoorOnly), kLinkNotAvailable);
             EXPECT_EQ(link.state, kLinkClosed);
+            pthread_sigmask(SIG_BLOCK, nullptr, &after);
+            for (const int signal : {SIGILL, SIGSEGV})
+                EXPECT_EQ(sigismember(&after, signal), sigismember(&before, signal));
         }
         EXPECT_EQ(std::signal(SIGILL, SIG_DFL), handler);
         EXPECT_EQ(std::signal(SIGSEGV, SIG_DFL), handler);
