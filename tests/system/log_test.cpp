@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -17,6 +18,8 @@
 #include "app/service.h"
 #include "log/log_file.h"
 #include "log/log_record.h"
+#include "log/log_time.h"
+#include "printing/workers.h"
 
 namespace {
 // The clock that the linker puts in the place of time() and gettimeofday(): seconds that pass at
@@ -224,6 +227,27 @@ TEST_F(Log, OpensOnceForThreadsThatBeginTogether) {
               Texts(kRounds * kThreads, "message"));
 }
 
+// The first thread waits in the opening of a FIFO that nobody reads, the second one for the first.
+TEST_F(Log, WaitsForAnotherThreadsOpeningWithoutProcessorTime) {
+    const fs::path fifo = folder / kLogFileName;
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    std::thread first(log, "first");
+    std::clock_t used = 0;
+    std::thread second([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        log("second");
+        timespec time{};
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+        used = time.tv_sec * 1000 + time.tv_nsec / 1'000'000;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(600));
+    const int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
+    first.join();
+    second.join();
+    close(reader);
+    EXPECT_LT(used, 50) << "milliseconds";
+}
+
 constexpr int kWriters = 4;
 constexpr int kRecordsEach = QNT_SANITIZED ? 25000 : 250000;
 
@@ -331,6 +355,33 @@ TEST_F(Log, TakesStopSignalsAtAnyInstruction) {
         EXPECT_LE("01-01 05:45:01.042 ", line);
     }
     EXPECT_GT(stops, kStops / 2);  // it is lost where no file is open
+}
+
+// Nothing has been logged since the change, but the worker has looked at the clock.
+TEST_F(Log, AStopRecordHasTheRightHourAfterAChangeOfDaylightSavingTime) {
+    constexpr std::time_t kChange = 1774746000;  // 2026-03-29 01:00 UTC
+    setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
+    tzset();
+    g_secondsPerLook = 0;
+    g_now = kChange - 1;
+    log("before");
+    g_now = kChange + 1;
+    CPrintingTool tool;
+    tool.m_running = true;
+    std::thread worker(deletedPrintersLoop, std::ref(tool));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    tool.m_running = false;
+    worker.join();
+    {
+        const SignalLogScope signalLogScope;
+        log("after");
+    }
+    setenv("TZ", "XST-5:45", 1);
+    tzset();
+    const Texts records = lines(folder / kLogFileName);
+    ASSERT_EQ(records.size(), 2U);
+    EXPECT_EQ(records[0].substr(0, 18), "03-29 01:59:59.042");
+    EXPECT_EQ(records[1].substr(0, 18), "03-29 03:00:01.042");
 }
 
 }  // namespace
