@@ -119,8 +119,8 @@ bool CPrintingTool::exchangeUnlessStopped() {
 // kWorkerGrace; then it is cancelled and releases the mutex while it unwinds.
 std::unique_lock<std::mutex> CPrintingTool::lockForStep() {
     using Clock = std::chrono::steady_clock;
-    std::unique_lock lock(m_mutex, std::try_to_lock);
-    for (std::optional<Clock::time_point> graceEnd; !lock.owns_lock(); lock.try_lock()) {
+    std::unique_lock lock(m_mutex, std::defer_lock);
+    for (std::optional<Clock::time_point> graceEnd; !lock.try_lock();) {
         if (!m_running && !graceEnd)
             graceEnd = Clock::now() + kWorkerGrace;
         else if (graceEnd && Clock::now() >= *graceEnd)

@@ -16,11 +16,9 @@ inline constexpr std::chrono::milliseconds kLockPollInterval{10};
 
 // Locks the mutex. The wait is a cancellation point.
 inline std::unique_lock<std::mutex> lockCancellably(std::mutex& mutex) {
-    std::unique_lock lock(mutex, std::try_to_lock);
-    while (!lock.owns_lock()) {
+    std::unique_lock lock(mutex, std::defer_lock);
+    while (!lock.try_lock())
         std::this_thread::sleep_for(kLockPollInterval);
-        lock.try_lock();
-    }
     return lock;
 }
 
