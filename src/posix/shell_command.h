@@ -26,7 +26,7 @@ namespace qnt {
 inline constexpr int kLineBufferSize = 1024;  // bytes, with the NUL terminator
 // execve(2) refuses an argument of this size or more, NUL terminator included (MAX_ARG_STRLEN). A
 // whole command line is one argument of the shell.
-inline constexpr std::size_t kArgumentLimit = 128 * 1024;
+inline constexpr std::size_t kArgumentLimit = 131'072;
 
 // A running shell. The destructor kills and reaps it if nobody has waited for it.
 class ShellChild {
