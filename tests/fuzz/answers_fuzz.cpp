@@ -1,0 +1,85 @@
+// Any bytes as the answers of the host, one after the other in the run loop's buffer: each two
+// bytes of length, then so many bytes. The sanitizers and a few invariants judge.
+
+#undef NDEBUG
+#include <algorithm>
+#include <cassert>
+#include <vector>
+
+#include "log/log_record.h"
+#include "protocol/item_stream.h"
+#include "protocol/printing_format.h"
+#include "protocol/printing_messages.h"
+
+using namespace qnt;
+
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+// The items of a stream, and of the streams in them, lie one after the other within the bytes.
+void walk(const std::uint8_t* bytes, std::size_t size, std::uint32_t base) {
+    ItemStream stream;
+    std::size_t end = base + kStreamHeaderSize;
+    for (auto result = stream.open(bytes, static_cast<std::uint32_t>(size), base);
+         result == kStreamOk; result = stream.next()) {
+        assert(stream.itemData() == bytes + end + kItemHeaderSize);
+        end += kItemHeaderSize + stream.itemLength();
+        assert(end <= size);
+        walk(stream.itemData(), stream.itemLength(), 0);
+    }
+}
+
+void parse(const ByteArray& buffer) {
+    const std::uint32_t length = answerPayloadLength(buffer);
+    assert(length <= buffer.size() - kPrintingCmdHeaderSize);
+    const Bytes payload(answerPayload(buffer), answerPayload(buffer) + length);
+    PrintingCmd command;
+    if (parsePrintingCmd(command, payload.data(), length))
+        assert(command.code != CmdPrinterList || !payload.empty());
+    std::string id = "unchanged";
+    if (!parseDefaultPrinterAnswer(id, payload.data(), length))
+        assert(id == "unchanged");
+}
+
+// Copies an answer into the buffer. A size asked for beyond 4 KiB becomes smaller, so that a run
+// stays short, but keeps its low bits.
+void deliver(ByteArray& buffer, const std::uint8_t* answer, std::size_t size) {
+    std::copy_n(answer, std::min(size, buffer.size()), buffer.data());
+    if (const std::uint32_t asked = answerRequiredSize(buffer); asked > 4096)
+        writeU32(buffer.data() + PrintingCmdHeader::kRequiredSize, 4096 + asked % 4096);
+}
+
+void handle(ByteArray& buffer) {
+    walk(buffer.data(), buffer.size(), kPrintingCmdHeaderSize);
+    const std::size_t before = buffer.size();
+    const std::uint32_t asked = answerRequiredSize(buffer);
+    const AnswerResult result = processAnswerFromHost(buffer);
+    assert(result == (asked == 0 ? AnswerCommand : AnswerNone));
+    assert(buffer.size() == std::max<std::size_t>(before, asked));
+    std::uint32_t requestSize = 0;
+    if (result == AnswerCommand) {
+        parse(buffer);
+        assert(fillPrintingCmdAnsRequest(buffer, CmdDone, 1, requestSize));
+    } else {
+        fillPrintingCmdRequest(buffer, answerSequence(buffer), requestSize);
+    }
+    assert(requestSize <= buffer.size());
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    logSetLevel(3);
+    logSetSink([](const char*, std::int32_t) { return 0; });
+    ByteArray buffer;
+    assert(buffer.resize(kPrintingCmdHeaderSize));
+    while (size >= 2) {
+        const std::size_t length = std::min<std::size_t>(data[0] + 256 * data[1], size - 2);
+        deliver(buffer, data + 2, length);
+        handle(buffer);
+        data += 2 + length;
+        size -= 2 + length;
+    }
+    return 0;
+}
