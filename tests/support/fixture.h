@@ -9,12 +9,11 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <thread>
 
 #include "sim/guest_namespace.h"
 #include "sim/simulated_host.h"
+#include "tests/support/bytes.h"
 #include "tests/support/private_cups.h"
 
 namespace qnt {
@@ -55,12 +54,6 @@ inline bool eventually(const std::function<bool()>& condition, Milliseconds time
     while (!condition() && std::chrono::steady_clock::now() < end)
         std::this_thread::sleep_for(5ms);
     return condition();
-}
-
-inline std::string contents(const fs::path& file) {
-    std::ostringstream text;
-    text << std::ifstream(file, std::ios::binary).rdbuf();
-    return text.str();
 }
 
 // A guest whose host is absent: no queue, no USB printer, an empty log.

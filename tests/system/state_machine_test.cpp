@@ -10,7 +10,6 @@
 #include "printing/printing_tool.h"
 #include "protocol/reconciliation.h"
 #include "tests/support/fixture.h"
-#include "tests/support/stream_bytes.h"
 
 static std::time_t g_now = 1'000'000;
 
