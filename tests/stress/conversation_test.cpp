@@ -118,7 +118,7 @@ protected:
         if (below(3) == 0)
             host.fault(UserDeletedPrinters, fault(command(), 50));
         std::ofstream(kLog, std::ios::trunc).flush();
-        startService({"-v"}, {{"LD_PRELOAD", QNT_HURRIED_SERVICE},
+        startService({"-v"}, {{"LD_PRELOAD", preloadable(QNT_HURRIED_SERVICE)},
                               {"ASAN_OPTIONS", std::getenv("ASAN_OPTIONS") + kSanitizer}});
         if (below(3) == 0)
             deleteQueues();

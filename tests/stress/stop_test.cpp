@@ -25,7 +25,7 @@ protected:
         addQueue("Old", "TAG8");
         addQueue("Kept", "TAG9");
         std::ofstream(kLog, std::ios::trunc).flush();
-        std::map<std::string, std::string> all = {{"LD_PRELOAD", QNT_HURRIED_SERVICE},
+        std::map<std::string, std::string> all = {{"LD_PRELOAD", preloadable(QNT_HURRIED_SERVICE)},
                                                   {"QNT_CHILD_LEFT", folder / "child left"}};
         all.insert(variables.begin(), variables.end());
         host.setDefault("TAG9");

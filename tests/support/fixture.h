@@ -86,6 +86,13 @@ protected:
         options.insert(options.begin(), QNT_SERVICE);
         service.emplace(options, variables, folder / "output");
     }
+    // A path of the library that LD_PRELOAD, which splits at blanks, takes for one.
+    std::string preloadable(const fs::path& library) const {
+        const fs::path link = folder / library.filename();
+        if (!fs::exists(link))
+            fs::create_symlink(library, link);
+        return link;
+    }
     // The exit code of a service that ends by itself, or after SIGTERM; -1 if it does not in time.
     int serviceEnds(Milliseconds time = 10s) { return service->wait(time).value_or(-1); }
     int stopService(Milliseconds time = 5s) {
