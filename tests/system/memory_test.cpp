@@ -81,6 +81,10 @@ unsigned sleep(unsigned) {
     void* block = fails() ? nullptr : std::malloc(size);
     return block != nullptr ? block : throw std::bad_alloc();
 }
+// Paired with our operator delete, as newer sanitizers check.
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    return fails() ? nullptr : std::malloc(size);
+}
 [[gnu::noinline]] void operator delete(void* block) noexcept {
     std::free(block);
 }
