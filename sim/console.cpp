@@ -6,6 +6,9 @@
 #include <sstream>
 #include <thread>
 
+#include "cups/printer_names.h"
+#include "cups/queue_creation.h"
+#include "cups/usb_discovery.h"
 #include "protocol/printing_format.h"
 
 namespace sim {
@@ -14,8 +17,9 @@ namespace {
 constexpr std::uint32_t kIdleSeconds = 30;
 constexpr std::uint32_t kMaxWaitSeconds = 3600;
 constexpr std::chrono::seconds kStopTime(20);
+constexpr unsigned kDeviceWaitSeconds = qnt::kUsbWaitTries * qnt::kUsbWaitPauseSeconds;
 
-// What a fault may be said of, behind the words of the fault itself.
+// The requests that a fault can replace the answer to.
 struct RequestName {
     const char* name;
     std::uint32_t requestType;
@@ -59,7 +63,7 @@ std::uint32_t number(const std::string& text) {
     std::uint32_t value = 0;
     const auto [stop, error] = std::from_chars(start, end, value, hexadecimal ? 16 : 10);
     if (error != std::errc() || stop != end)
-        throw ConsoleError("'" + text + "' is no number of 32 bits");
+        throw ConsoleError("'" + text + "' is not a 32-bit number");
     return value;
 }
 
@@ -68,7 +72,7 @@ std::chrono::seconds seconds(const Console::Words& words, std::size_t index) {
     return std::chrono::seconds(std::min(value, kMaxWaitSeconds));
 }
 
-// Splits at blanks; the last of `most` words takes the rest of the line.
+// Splits the line at blanks into at most `most` words; the last one is the rest of the line.
 Console::Words split(const std::string& line, std::size_t most) {
     Console::Words words;
     std::istringstream input(line);
@@ -81,11 +85,23 @@ Console::Words split(const std::string& line, std::size_t most) {
     return words;
 }
 
+// The service rejects other ids, so a command with one would stay pending for ever.
+void requireValid(const std::string& id) {
+    if (!qnt::isValidPrinterId(id))
+        throw ConsoleError("'" + id + "' can't be the id of a host printer: an id begins with '" +
+                           std::string(qnt::kHostIdStart) + "', contains no '=' and has at most " +
+                           std::to_string(qnt::kLongestId) + " bytes");
+}
+
+bool isPluggedIn(const std::string& id) {
+    return !qnt::getUsbProductBySerial(id).empty();
+}
+
 }  // namespace
 
 struct Console::Command {
     const char* name;
-    std::size_t fewest;  // words behind the name
+    std::size_t fewest;  // arguments
     std::size_t most;
     const char* arguments;
     const char* effect;
@@ -97,46 +113,46 @@ const std::vector<Console::Command>& Console::commands() {
     using Args = const Words&;
     static const std::vector<Command> table{
         {"plug", 2, 2, "ID NAME",
-         "share a printer: USB device, list, CmdPrinterList, CmdAddPrinter",
+         "share a printer: add its USB device, send CmdPrinterList and CmdAddPrinter",
          [](Self self, Args words) { self.plug(words); }},
-        {"unplug", 1, 1, "ID", "take its USB device away",
+        {"unplug", 1, 1, "ID", "remove its USB device",
          [](Self self, Args words) { self.unplug(words); }},
         {"rename", 2, 2, "ID NAME", "change its name and send CmdPrinterList",
          [](Self self, Args words) { self.rename(words); }},
         {"default", 1, 1, "ID", "make it the host's default printer",
          [](Self self, Args words) { self.setDefault(words); }},
-        {"list", 0, 0, "", "send CmdPrinterList",
-         [](Self self, Args) { self.m_host.sendPrinterList(); }},
+        {"list", 0, 0, "", "send CmdPrinterList", [](Self self, Args) { self.sendPrinterList(); }},
         {"add", 1, 1, "ID", "send CmdAddPrinter", [](Self self, Args words) { self.add(words); }},
-        {"delete", 1, 1, "ID", "take it out of the list and send CmdDeletePrinter",
+        {"delete", 1, 1, "ID", "remove it from the list and send CmdDeletePrinter",
          [](Self self, Args words) { self.remove(words); }},
         {"delete-offline", 0, 0, "", "send CmdDeleteOfflinePrinters",
-         [](Self self, Args) { self.m_host.send(deleteOffline()); }},
+         [](Self self, Args) { self.send(deleteOffline()); }},
         {"wait-offline", 0, 0, "", "send CmdWaitAllOffline",
-         [](Self self, Args) { self.m_host.send(waitOffline()); }},
-        {"command", 1, 1, "CODE", "send a command of any code, without items",
+         [](Self self, Args) { self.send(waitOffline()); }},
+        {"command", 1, 1, "CODE", "send a command with any code and no other items",
          [](Self self, Args words) { self.sendUnknown(words); }},
         {"fault", 1, 3, "cancel|status N|ask N|malformed|silence|errno N [REQUEST]",
-         "spoil the next request: command (if not said), default, deleted or link",
+         "fail the next request of a kind: command (default), default, deleted or link",
          [](Self self, Args words) { self.fault(words); }},
-        {"link", 1, 2, "accept|refuse|again [TIMES]", "treat the Open Kavelink link so from now on",
+        {"link", 1, 2, "accept|refuse|again [TIMES]",
+         "set how the host answers the Open Kavelink link",
          [](Self self, Args words) { self.link(words); }},
         {"show", 0, 0, "", "print the host's printers: ID, NAME, and 'default'",
          [](Self self, Args) { self.show(); }},
-        {"results", 0, 0, "", "print the results of commands so far",
+        {"results", 0, 0, "", "print the results that the service has reported",
          [](Self self, Args) { self.results(); }},
-        {"status", 0, 0, "", "print the status messages so far",
+        {"status", 0, 0, "", "print the status messages that the service has sent",
          [](Self self, Args) { self.status(); }},
-        {"wait-idle", 0, 1, "[SECONDS]", "wait until the service asks and no command is waiting",
+        {"wait-idle", 0, 1, "[SECONDS]",
+         "wait until no command is waiting and the service asks for one",
          [](Self self, Args words) { self.waitIdle(words); }},
-        {"wait", 1, 1, "SECONDS", "wait that long",
-         [](Self self, Args words) { self.wait(words); }},
+        {"wait", 1, 1, "SECONDS", "wait", [](Self self, Args words) { self.wait(words); }},
         {"echo", 0, 1, "[TEXT]", "print the text",
          [](Self self, Args words) { self.m_print(words.empty() ? "" : words[0]); }},
         {"stop", 0, 0, "", "send SIGTERM to the program of --run and print its exit code",
          [](Self self, Args) { self.stop(); }},
-        {"help", 0, 0, "", "print this", [](Self self, Args) { self.m_print(help()); }},
-        {"quit", 0, 0, "", "end; so does the end of the input",
+        {"help", 0, 0, "", "print this list", [](Self self, Args) { self.m_print(help()); }},
+        {"quit", 0, 0, "", "end, as at the end of the input",
          [](Self self, Args) { self.m_ended = true; }},
     };
     return table;
@@ -152,7 +168,7 @@ bool Console::execute(const std::string& line) {
         return true;
     const auto command = std::ranges::find(commands(), head[0], &Command::name);
     if (command == commands().end())
-        throw ConsoleError("unknown command '" + head[0] + "'; help lists them");
+        throw ConsoleError("unknown command '" + head[0] + "'; 'help' lists the commands");
     Words words = split(line, command->most + 1);
     words.erase(words.begin());
     if (command->most == 0 && head.size() > 1)
@@ -164,7 +180,7 @@ bool Console::execute(const std::string& line) {
 }
 
 std::string Console::help() {
-    std::string text = "Commands, one a line:\n";
+    std::string text = "Commands, one per line:\n";
     for (const Command& command : commands()) {
         const std::string arguments = command.arguments;
         text += std::string("  ") + command.name + (arguments.empty() ? "" : " ") + arguments +
@@ -180,14 +196,39 @@ void Console::requireKnown(const std::string& id) const {
         throw ConsoleError("the host has no printer '" + id + "'");
 }
 
+std::optional<int> Console::exitCode() const {
+    return m_program ? m_program->wait({}) : std::nullopt;
+}
+
+// A program that has ended never takes a command.
+void Console::requireRunning() const {
+    if (const std::optional<int> code = exitCode())
+        throw ConsoleError("the program has ended with exit code " + std::to_string(*code));
+}
+
+void Console::send(HostCommand command) {
+    requireRunning();
+    m_host.send(std::move(command));
+}
+
+void Console::sendPrinterList() {
+    send(printerList(m_host.printers()));
+}
+
 void Console::plug(const Words& words) {
+    requireValid(words[0]);
+    requireRunning();
     m_host.plug(words[0], words[1]);
-    m_host.sendPrinterList();
-    m_host.send(addPrinter(words[0]));
+    sendPrinterList();
+    send(addPrinter(words[0]));
 }
 
 void Console::add(const Words& words) {
-    m_host.send(addPrinter(words[0]));
+    requireValid(words[0]);
+    send(addPrinter(words[0]));
+    if (!isPluggedIn(words[0]))
+        m_print("'" + words[0] + "' is not plugged in; the service waits for it for up to " +
+                std::to_string(kDeviceWaitSeconds) + " seconds");
 }
 
 void Console::unplug(const Words& words) {
@@ -197,23 +238,26 @@ void Console::unplug(const Words& words) {
 
 void Console::rename(const Words& words) {
     requireKnown(words[0]);
+    requireRunning();
     m_host.rename(words[0], words[1]);
-    m_host.sendPrinterList();
+    sendPrinterList();
 }
 
 void Console::remove(const Words& words) {
     requireKnown(words[0]);
+    requireRunning();
     m_host.forget(words[0]);
-    m_host.send(deletePrinter(words[0]));
+    send(deletePrinter(words[0]));
 }
 
 void Console::setDefault(const Words& words) {
     requireKnown(words[0]);
+    requireRunning();
     m_host.setDefault(words[0]);
 }
 
 void Console::sendUnknown(const Words& words) {
-    m_host.send({number(words[0]), {}, {}});
+    send({number(words[0]), {}, {}});
 }
 
 void Console::fault(const Words& words) {
@@ -231,7 +275,7 @@ void Console::fault(const Words& words) {
 }
 
 void Console::link(const Words& words) {
-    const LinkMode mode = find(kLinkNames, words[0], "treatment").mode;
+    const LinkMode mode = find(kLinkNames, words[0], "link answer").mode;
     const std::uint32_t times = words.size() > 1 ? number(words[1]) : 1;
     m_host.setLinkMode(mode, static_cast<int>(std::min(times, 1'000'000u)));
 }
@@ -258,20 +302,25 @@ void Console::status() {
 
 void Console::waitIdle(const Words& words) {
     const auto time = seconds(words, 0);
-    const auto hasEnded = [&] { return m_program && m_program->wait({}).has_value(); };
-    bool ended = false;
-    const auto decided = [&] { return m_host.isIdle() || (ended = hasEnded()); };
-    if (!m_host.waitUntil(decided, time))
+    const auto isIdleOrEnded = [&] { return m_host.isIdle() || exitCode(); };
+    if (!m_host.waitUntil(isIdleOrEnded, time))
         throw ConsoleError("the service is not idle after " + std::to_string(time.count()) +
                            " seconds");
-    if (ended)
-        throw ConsoleError("the program has ended with exit code " +
-                           std::to_string(*m_program->wait({})));
+    requireRunning();
     m_print("idle");
 }
 
 void Console::wait(const Words& words) {
     std::this_thread::sleep_for(seconds(words, 0));
+}
+
+// What an add that the service carries out now is waiting for; empty if it is not waiting.
+std::string Console::awaitedDevice() const {
+    const std::optional<HostCommand> command = m_host.currentCommand();
+    if (!command || command->code != qnt::CmdAddPrinter || isPluggedIn(command->printerId))
+        return {};
+    return "; it waits for '" + command->printerId + "' to be plugged in, for " +
+           std::to_string(kDeviceWaitSeconds) + " seconds at most";
 }
 
 void Console::stop() {
@@ -281,7 +330,7 @@ void Console::stop() {
     const std::optional<int> code = m_program->wait(kStopTime);
     if (!code)
         throw ConsoleError("the program still runs after " + std::to_string(kStopTime.count()) +
-                           " seconds");
+                           " seconds" + awaitedDevice());
     m_print("exit code " + std::to_string(*code));
 }
 

@@ -1,4 +1,4 @@
-// The words in which someone at a terminal, or a script, is the host.
+// The commands of qnthost, which a user types or a script contains.
 
 #pragma once
 
@@ -15,13 +15,13 @@
 
 namespace sim {
 
-// A command that can't be carried out, in one sentence. Nothing has been changed.
+// Why a command can't be carried out, in one sentence. Except after a timeout, nothing has changed.
 class ConsoleError : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// Carries out one command a line on a played host and on the guest's program, if one runs. One
-// thread; the host and the program outlive it.
+// Carries out one command per line on a simulated host and on the guest's program, if one was
+// started. One thread only. The host and the program must outlive it.
 class Console {
 public:
     using Words = std::vector<std::string>;
@@ -29,10 +29,10 @@ public:
     Console(SimulatedHost& host, std::optional<Process>& program,
             std::function<void(const std::string&)> print);
 
-    // False when the line asks for the end. Throws ConsoleError.
+    // False after the command to quit. Throws ConsoleError.
     bool execute(const std::string& line);
 
-    // The commands with what they do, as text for a terminal.
+    // The list of all commands, as text for a terminal.
     static std::string help();
 
 private:
@@ -55,6 +55,11 @@ private:
     void stop();
     void wait(const Words& words);
     void requireKnown(const std::string& id) const;
+    void requireRunning() const;
+    void send(HostCommand command);
+    void sendPrinterList();
+    std::optional<int> exitCode() const;
+    std::string awaitedDevice() const;
 
     SimulatedHost& m_host;
     std::optional<Process>& m_program;

@@ -28,13 +28,13 @@ namespace {
 
 constexpr char kFileName[] = "qnt_kl";
 constexpr fuse_ino_t kFileInode = 2;
-constexpr double kForever = 1e9;  // seconds that the kernel may trust an attribute
-// The kernel lets writes run side by side only where they don't lengthen the file.
+constexpr double kForever = 1e9;  // seconds that the kernel may cache an attribute
+// The kernel lets writes run in parallel only if they don't extend the file.
 constexpr off_t kReportedSize = off_t{1} << 60;
 constexpr std::size_t kMaxBuffers = 16;
-constexpr std::size_t kMaxBufferSize = 64u << 20;  // bytes that are ever read from a sender
+constexpr std::size_t kMaxBufferSize = 64u << 20;  // larger buffers are not read
 
-// A record as it lies in the sender's memory.
+// A request record in the sender's memory.
 struct Record {
     pid_t thread = 0;
     std::uint64_t deviceFile = 0;
@@ -42,7 +42,7 @@ struct Record {
     qnt::DeviceRequestHeader header{};
     std::vector<qnt::BufferDescriptor> buffers;
 
-    // 0, or the errno that a record of this kind deserves.
+    // Returns 0, or the errno for an invalid record.
     int read() {
         if (!readMemory(thread, address, &header, sizeof header))
             return EFAULT;
@@ -63,7 +63,7 @@ struct Record {
 class Write : public Submission {
 public:
     Write(fuse_req_t request, Record record) : m_record(std::move(record)), m_request(request) {}
-    // A write that everyone has forgotten still has to return.
+    // An unanswered write must still return.
     ~Write() override { answer(EIO); }
 
     pid_t thread() const override { return m_record.thread; }
@@ -119,7 +119,7 @@ private:
 
     const Record m_record;
     mutable std::mutex m_mutex;
-    fuse_req_t m_request;  // under the mutex; null once it is answered
+    fuse_req_t m_request;  // guarded by the mutex; null once answered
 };
 
 struct stat attributesOf(fuse_ino_t inode) {
@@ -149,8 +149,8 @@ void getAttributes(fuse_req_t request, fuse_ino_t inode, fuse_file_info*) {
     fuse_reply_attr(request, &attributes, kForever);
 }
 
-// libfuse's own reply to an open knows only some of the flags. All three are needed: without one
-// of them the kernel lets a file's second write wait for the answer to the first.
+// Written out, as libfuse's reply to an open supports only some of the flags. All three are needed:
+// otherwise the kernel makes a file's second write wait for the answer to the first.
 void openFile(fuse_req_t request, fuse_ino_t, fuse_file_info*) {
     static std::atomic<std::uint64_t> deviceFiles{0};
     fuse_open_out reply{};
@@ -165,9 +165,9 @@ class DeviceFile::Session {
 public:
     explicit Session(Handlers handlers) : m_handlers(std::move(handlers)) {
         if (geteuid() != 0)
-            throw std::runtime_error("The request device needs root to be mounted.");
+            throw std::runtime_error("Mounting the request device needs root.");
         if (access("/dev/fuse", R_OK | W_OK) != 0)
-            throw std::runtime_error("The request device needs /dev/fuse, which can't be opened.");
+            throw std::runtime_error("/dev/fuse can't be opened; the request device needs it.");
         mountDevice();
         m_loop = std::thread([this] { serve(); });
     }
@@ -220,13 +220,13 @@ private:
         std::free(buffer.mem);
     }
 
-    // False when the session ends.
+    // False if the session is to end.
     bool awaitRequest() const {
         pollfd sources[] = {{fuse_session_fd(m_fuse), POLLIN, 0}, {m_end, POLLIN, 0}};
         return poll(sources, std::size(sources), -1) > 0 && sources[1].revents == 0;
     }
 
-    // False when the device has been unmounted by someone else.
+    // False if the device has been unmounted from outside.
     bool takeRequest(fuse_buf& buffer) {
         const int size = fuse_session_receive_buf(m_fuse, &buffer);
         if (size > 0)
@@ -259,7 +259,7 @@ private:
         m_handlers.submitted(write);
     }
 
-    // libfuse holds the request's lock here, so the answer has to wait until it has returned.
+    // libfuse holds the request's lock here, so the handler is called after this has returned.
     static void noteInterrupt(fuse_req_t request, void* session) {
         auto* self = static_cast<Session*>(session);
         for (const std::weak_ptr<Write>& write : self->m_writes) {
@@ -271,10 +271,10 @@ private:
 
     const Handlers m_handlers;
     fuse_session* m_fuse = nullptr;
-    int m_end = -1;  // readable when the loop is to end
+    int m_end = -1;  // eventfd, readable when the loop is to end
     std::thread m_loop;
 
-    // The loop's.
+    // Used by the loop's thread, and by the destructor after it has ended.
     std::vector<std::weak_ptr<Write>> m_writes;
     std::vector<std::shared_ptr<Write>> m_interrupted;
 };

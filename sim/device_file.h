@@ -1,5 +1,5 @@
-// The request device, played in user space: a FUSE file system over /proc/driver whose one file
-// takes the addresses of requests, as the guest's kernel driver does.
+// The request device, simulated in user space: a FUSE file system over /proc/driver with one file
+// that takes the addresses of requests, as the guest's kernel driver does.
 
 #pragma once
 
@@ -19,19 +19,19 @@ namespace sim {
 
 using Bytes = std::vector<std::uint8_t>;
 
-// One write to the device that has not returned yet. The sender's thread waits until one of the
-// three answers is given; only the first counts. Any thread; shared.
+// One write to the device that has not returned yet. The sender's thread waits for complete() or
+// refuse(); only the first call has an effect. Any thread may use it.
 class Submission {
 public:
     virtual ~Submission() = default;
 
     virtual pid_t thread() const = 0;              // the sender's kernel thread id
-    virtual std::uint64_t deviceFile() const = 0;  // tells the sender's open files apart
+    virtual std::uint64_t deviceFile() const = 0;  // identifies the sender's open file
     virtual const qnt::DeviceRequestHeader& header() const = 0;
     virtual const std::vector<qnt::BufferDescriptor>& buffers() const = 0;
-    // The bytes of a buffer as the sender shows them now; none when they can't be read.
+    // The current bytes of a buffer in the sender's memory; none if they can't be read.
     virtual std::optional<Bytes> readBuffer(std::size_t index) const = 0;
-    // Writes into a buffer of the sender's, never beyond its size.
+    // Writes into a buffer in the sender's memory, never beyond its size.
     virtual bool writeBuffer(std::size_t index, const Bytes& bytes) = 0;
 
     virtual void complete(std::uint32_t status) = 0;  // stores the status; the write returns 8
@@ -39,9 +39,9 @@ public:
 };
 using SubmissionPtr = std::shared_ptr<Submission>;
 
-// Mounts the device while it lives. `submitted` is called on the device's own thread for each
-// request and must not block; `interrupted` when the sender has got a signal while it waits (a
-// stop signal, or its cancellation) and can't go on before the submission is answered.
+// Mounts the device for the lifetime of the object. The handlers are called on the device's thread
+// and must not block: `submitted` for each request, `interrupted` when the waiting sender has got a
+// signal (a stop signal, or its cancellation); it can't continue before the submission is answered.
 class DeviceFile {
 public:
     struct Handlers {
@@ -49,9 +49,9 @@ public:
         std::function<void(SubmissionPtr)> interrupted;
     };
 
-    // Throws std::runtime_error with a sentence that says what is missing.
+    // Throws std::runtime_error with a sentence that names what is missing.
     explicit DeviceFile(Handlers handlers);
-    // Refuses what is still open with ENODEV and unmounts.
+    // Refuses unanswered submissions with ENODEV, then unmounts.
     ~DeviceFile();
     DeviceFile(const DeviceFile&) = delete;
     DeviceFile& operator=(const DeviceFile&) = delete;

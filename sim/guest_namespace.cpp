@@ -16,7 +16,7 @@ namespace fs = std::filesystem;
 
 constexpr char kBusFolder[] = "/sys/bus";
 constexpr char kLogFolder[] = "/var/log";
-// Outside the pattern "*-*", so that a device is seen only when it is whole.
+// Does not match the pattern "*-*", so that a device becomes visible only when it is complete.
 constexpr char kUnfinishedDevice[] = "unfinished";
 
 [[noreturn]] void fail(const std::string& sentence) {
@@ -48,7 +48,7 @@ void makeDevice(const std::string& name, const std::string& serial, const std::s
     fs::rename(unfinished, fs::path(kUsbDevicesFolder) / name);
 }
 
-// The path of a printer on the one bus, e.g. "1-3".
+// The first free device name on the bus, e.g. "1-3".
 std::string freeDeviceName() {
     int port = 1;
     while (fs::exists(fs::path(kUsbDevicesFolder) / ("1-" + std::to_string(port))))
@@ -64,13 +64,13 @@ fs::path interfaceOf(const fs::path& device) {
 
 void enterGuestNamespace(const std::string& logFolder) {
     if (unshare(CLONE_NEWNS) != 0)
-        fail("A mount namespace of our own needs root");
+        fail("Could not make a mount namespace, which needs root");
     if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
         fail("Could not make the mounts private");
-    furnishGuestNamespace(logFolder);
+    mountGuestFolders(logFolder);
 }
 
-void furnishGuestNamespace(const std::string& logFolder) {
+void mountGuestFolders(const std::string& logFolder) {
     fs::create_directories(logFolder);
     mountOver(logFolder.c_str(), kLogFolder, nullptr, MS_BIND);
     mountOver("qnt-usb", kBusFolder, "tmpfs", MS_NOSUID | MS_NODEV | MS_NOEXEC);

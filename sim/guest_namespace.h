@@ -1,5 +1,5 @@
-// The surroundings that a guest has and a developer's machine lacks, in a mount namespace that
-// nothing outside sees.
+// Simulated folders of a guest (/proc/driver, /sys/bus/usb, /var/log) in a mount namespace that is
+// not visible from outside.
 
 #pragma once
 
@@ -10,18 +10,18 @@ namespace sim {
 inline constexpr char kDriverFolder[] = "/proc/driver";
 inline constexpr char kUsbDevicesFolder[] = "/sys/bus/usb/devices";
 
-// Moves the calling process into a private mount namespace, puts an empty USB device tree with one
-// root hub over /sys/bus, and binds `logFolder` (created if missing) over /var/log. Once in a
-// process, as root; before threads start. Throws std::system_error with a sentence that says what
-// is missing.
+// Moves the calling process into a new mount namespace, mounts a USB device tree with one root hub
+// over /sys/bus, and binds `logFolder` (created if missing) over /var/log. Call it once in a
+// process, as root, before threads start. Throws std::system_error with a sentence that names what
+// failed.
 void enterGuestNamespace(const std::string& logFolder);
 
-// The same but for the namespace, for a process that was started in a private one.
-void furnishGuestNamespace(const std::string& logFolder);
+// Makes the same mounts in the mount namespace of the process, which must be a private one.
+void mountGuestFolders(const std::string& logFolder);
 
-// A virtual USB printer appears in the device tree, with an interface folder beside it, or
-// disappears. Serial and product are written as given, followed by a newline. Several devices may
-// have one serial; they disappear together. Throw std::system_error when the tree can't be changed.
+// Adds a virtual USB printer with an interface folder to the device tree, or removes all with this
+// serial. Serial and product are written as given, followed by a newline. Several devices may have
+// the same serial. Throw std::system_error if the tree can't be changed.
 void plugUsbPrinter(const std::string& serial, const std::string& product);
 void unplugUsbPrinter(const std::string& serial);
 

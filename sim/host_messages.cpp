@@ -49,7 +49,7 @@ Bytes answerWith(const Bytes& payload, std::uint32_t sequence) {
     return answer;
 }
 
-// Outside text on a line of ours: in quotes, with everything but printable ASCII and UTF-8 escaped.
+// The text in quotes; control characters, quotes and backslashes are escaped.
 std::string quotedText(std::string_view text) {
     std::string result = "'";
     for (const char byte : text) {
@@ -187,7 +187,7 @@ Bytes roomRequest(std::uint32_t requiredSize) {
     return answer;
 }
 
-// A stream whose one item claims more bytes than there are.
+// A stream with one item that is longer than the stream.
 Bytes malformedAnswer() {
     Bytes answer = encodeAnswer(addPrinter("TAG"), 0);
     qnt::writeU32(answer.data() + qnt::kPrintingCmdHeaderSize + qnt::kStreamHeaderSize, 0xFFFFFFF0);

@@ -1,4 +1,4 @@
-// The played host's side of the codec, and what it prints of an exchange.
+// The host's side of the codec, and exchanges as text.
 
 #pragma once
 
@@ -16,7 +16,7 @@ struct HostPrinter {
     std::string name;
 };
 
-// A command of the host, and a builder for each kind. `printers` goes out with CmdPrinterList.
+// A command of the host, and a builder for each kind. Only CmdPrinterList has `printers`.
 struct HostCommand {
     std::uint32_t code = 0;
     std::string printerId;
@@ -30,26 +30,26 @@ HostCommand waitOffline();
 
 // The answer bytes of a command: header and item stream, with requiredSize 0.
 Bytes encodeAnswer(const HostCommand& command, std::uint32_t sequence);
-// The answer bytes of the default printer's query.
+// The answer bytes of a GetDefaultPrinter request.
 Bytes encodeDefaultPrinter(const std::string& id, std::uint32_t sequence);
-// A request in words, e.g. "PrintingCmdAnswer seq=17 result=1".
+// A request as text, e.g. "PrintingCmdAnswer seq=17 result=1".
 std::string describeRequest(std::uint32_t code, const Bytes& request);
-// The answer to a request of the printing protocol in words, e.g. "CmdAddPrinter id=TAG1".
+// The answer to a printing request as text, e.g. "CmdAddPrinter id='TAG1' seq=17".
 std::string describeAnswer(const Bytes& answer);
-// Answers without a payload, and one whose payload can't be read.
+// An answer without a payload, one that asks for a larger buffer, and one with a malformed payload.
 Bytes emptyAnswer(std::uint32_t sequence);
 Bytes roomRequest(std::uint32_t requiredSize);
 Bytes malformedAnswer();
 
 // An exchange as one line: time of day, request, sizes, outcome, and how long it was held.
 std::string describeExchange(const Exchange& exchange);
-// The state word of a status message; empty when it has none.
+// The state text of a status message; empty if it has none.
 std::string statusState(const Bytes& message);
 
-// Shows the items of the stream at this offset, up to its end or the first that is malformed.
+// Calls `visit` for each item of the stream at offset `base`, up to its end or a malformed item.
 using ItemVisitor = std::function<void(std::uint32_t type, const Bytes& data)>;
 void forEachItem(const Bytes& message, std::uint32_t base, const ItemVisitor& visit);
 std::string asText(const Bytes& data);
-std::uint32_t asU32(const Bytes& data);  // 0 when there are fewer than 4 bytes
+std::uint32_t asU32(const Bytes& data);  // 0 if there are fewer than 4 bytes
 
 }  // namespace sim

@@ -12,7 +12,7 @@
 namespace sim {
 namespace {
 
-// Which buffer of a request holds what.
+// Indexes of the buffers in a request.
 constexpr std::size_t kLinkHeaderBuffer = 0;
 constexpr std::size_t kLinkMessageBuffer = 1;
 constexpr std::size_t kPrintingRequestBuffer = 0;

@@ -1,4 +1,4 @@
-// How the played host takes a request out of the sender's memory, and what it says to it.
+// Reading a request from the sender's memory, and the replies to it.
 
 #pragma once
 
@@ -12,7 +12,7 @@ namespace sim {
 
 inline constexpr std::uint32_t kStatusRefused = 0xF0000001;
 
-// One exchange as it came and as it was answered.
+// One exchange: the request and its answer.
 struct Exchange {
     std::chrono::system_clock::time_point when;
     pid_t thread = 0;
@@ -21,40 +21,41 @@ struct Exchange {
     std::uint32_t inSize = 0;
     std::uint32_t outSize = 0;
     Bytes request;                        // the inSize bytes
-    std::optional<std::uint32_t> status;  // none while it is held, and for a write that failed
+    std::optional<std::uint32_t> status;  // none while it is held, and if the write failed
     Bytes answer;                         // what was written into the answer buffer
-    int error = 0;                        // the errno of a write that failed
+    int error = 0;                        // the errno if the write failed
     std::optional<std::chrono::system_clock::time_point> answered;
 };
 
-// What happens to a request instead of its answer. For a link call, kAskFor announces an answer of
-// that size, kMalformed reports a failure in the call header, and kRaw replaces that header.
+// A reply in place of the proper answer. For a link call, kAskFor announces an answer of that size,
+// kMalformed reports a failure in the call header, and kRaw replaces that header. kSilence: none,
+// the request is held for ever.
 struct Fault {
     enum class Kind { kCancel, kStatus, kAskFor, kMalformed, kRaw, kSilence, kWriteError };
     Kind kind = Kind::kCancel;
     std::uint32_t value = 0;  // kStatus: the status; kAskFor: bytes; kWriteError: the errno
-    Bytes answer;             // kRaw: the answer's bytes as they are
+    Bytes answer;             // kRaw: all bytes of the answer
 };
 
-// What a request gets: a status and an answer, or else the errno of its write.
+// The reply to a request: a status and an answer, or the errno of the write.
 struct Reply {
     std::uint32_t status = 0;
     int error = 0;
     Bytes answer = {};
-    bool takesCommand = false;  // the command that waited longest reaches the service with it
+    bool takesCommand = false;  // the answer is the first waiting command
 };
 
-// Fills what is known of an exchange when it comes. The reply, when that is all there is to say:
-// the request can't be understood.
+// Fills in the request's part of the exchange. Returns a reply only if the request is malformed: a
+// refusal, or EFAULT if its memory can't be read.
 std::optional<Reply> readRequest(const Submission& submission, Exchange& exchange);
 
 Reply faultReply(const Exchange& exchange, const Fault& fault);
-// The answer, or how much room it needs.
+// The answer, or the buffer size that it needs if it does not fit.
 Reply fittedReply(const Exchange& exchange, const Bytes& answer);
 Reply linkReply(const Exchange& exchange);
 
-// A reply in two steps, with the exchange complete in between: deliver() writes the answer and
-// records it, finish() ends the sender's write.
+// Two steps, so that the exchange can be recorded between them: deliver() writes the answer into
+// the sender's memory and into the exchange, finish() ends the sender's write.
 void deliver(Submission& submission, Exchange& exchange, const Reply& reply);
 void finish(Submission& submission, const Exchange& exchange);
 

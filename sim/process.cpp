@@ -18,7 +18,7 @@ namespace {
 
 constexpr int kNotStarted = 127;
 
-// Pointers to texts that live elsewhere, as the system takes them.
+// A null-terminated array of pointers to the texts, for exec.
 std::vector<char*> pointersTo(const std::vector<std::string>& texts) {
     std::vector<char*> pointers;
     pointers.reserve(texts.size() + 1);
@@ -44,7 +44,7 @@ int openOutput(const std::string& path) {
     return path.empty() ? -1 : open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
 }
 
-// In the child: a process group of its own, no signal blocked, no input, output where it belongs.
+// Runs in the child: makes a new process group, unblocks all signals, redirects input and output.
 [[noreturn]] void runChild(char* const* command, char* const* environment, int input, int output) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     setpgid(0, 0);
@@ -87,7 +87,7 @@ Process::~Process() {
         collect();
 }
 
-// Until it is reaped, the process keeps its number, and so its group's, from being given away.
+// The group is killed first: its id can't be reused before the process is reaped.
 int Process::collect() const {
     kill(-m_pid, SIGKILL);
     int status = 0;

@@ -12,13 +12,13 @@
 
 namespace sim {
 
-// A process of ours, ended at the latest with its owner and with the thread that made it. What it
-// leaves behind in its process group ends with it.
+// A child process in its own process group. The whole group is killed when the process has ended,
+// at the latest by the destructor; the process is also killed when the thread that started it ends.
 class Process {
 public:
-    // Starts a program found on PATH, with variables set on top of the environment and no input.
-    // Standard output and error go to the end of `outputFile`, or where ours go when it is empty.
-    // One that can't be started ends with exit code 127.
+    // Starts a program found on PATH, with the environment plus `variables` and with standard input
+    // from /dev/null. Standard output and error are appended to `outputFile`, or inherited if it is
+    // empty. The exit code is 127 if the program can't be started.
     Process(const std::vector<std::string>& command,
             const std::map<std::string, std::string>& variables = {},
             const std::string& outputFile = {});
@@ -28,7 +28,7 @@ public:
 
     pid_t pid() const { return m_pid; }
     void signal(int number) const;
-    // The exit code, or 128 plus the signal that ended it; none when it still runs after the time.
+    // The exit code, or 128 plus the signal that ended it; none if it still runs after the time.
     std::optional<int> wait(std::chrono::milliseconds time);
 
 private:

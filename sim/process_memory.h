@@ -1,4 +1,4 @@
-// Memory of another thread's process, as the driver and the hypervisor see it.
+// Access to the memory of another process, as the driver and the hypervisor have it.
 
 #pragma once
 
@@ -9,7 +9,8 @@
 
 namespace sim {
 
-// False when not all of the bytes can be reached. The thread must not have ended.
+// Copy bytes from and to the process of the thread, which must not have ended. False if some of
+// them are not accessible.
 bool readMemory(pid_t thread, std::uint64_t address, void* bytes, std::size_t size);
 bool writeMemory(pid_t thread, std::uint64_t address, const void* bytes, std::size_t size);
 

@@ -1,5 +1,5 @@
-// A host for the service at a terminal: mounts the request device and the USB devices of a guest,
-// reads commands, and prints what is said over the device.
+// qnthost: simulates the host of a guest. Mounts the request device and the USB devices, reads
+// commands, and prints the exchanges.
 
 #include <getopt.h>
 #include <unistd.h>
@@ -21,29 +21,28 @@ namespace sim {
 namespace {
 
 constexpr int kUsageExitCode = 64;
-constexpr int kMissingExitCode = 69;                 // this machine can't play a host
+constexpr int kMissingExitCode = 69;                 // the machine lacks something
 constexpr std::chrono::seconds kProgramEndTime(10);  // after SIGTERM; then it is killed
 
 constexpr char kUsage[] =
     "usage: qnthost [OPTION...] [--run PROGRAM [ARGUMENT...]]\n"
     "\n"
-    "Plays the host's side for a guest's printing service, in a mount namespace that nothing\n"
-    "outside sees: the request device in /proc/driver, virtual USB printers in /sys/bus/usb,\n"
-    "and a folder over /var/log. Needs root and /dev/fuse. Reads commands, and prints each\n"
-    "exchange with the service once it is answered: time, request (bytes sent/room offered),\n"
-    "answer, how long it was held.\n"
+    "Simulates the host for a guest's printing service: the request device in /proc/driver,\n"
+    "virtual USB printers in /sys/bus/usb, and a folder over /var/log, in a mount namespace that\n"
+    "is not visible from outside. Needs root and /dev/fuse. Reads commands from standard input,\n"
+    "and prints each exchange with the service once it is answered: time, request (bytes sent/\n"
+    "bytes of room for the answer), answer, time for which the host held the request.\n"
     "\n"
-    "  --log FOLDER         what lies over /var/log; a new folder in /tmp, which is named, "
-    "otherwise\n"
-    "  --script FILE        read the commands there; the first that fails ends it with code 1\n"
-    "  --namespace-entered  stay in the mount namespace that unshare -m has made, so that what\n"
-    "                       else runs there meets the device, too\n"
+    "  --log FOLDER         mount this folder over /var/log (default: a new folder in /tmp)\n"
+    "  --script FILE        read the commands from a file; the first that fails ends qnthost\n"
+    "  --namespace-entered  use the current mount namespace, made by unshare -m, so that other\n"
+    "                       programs in it can use the device\n"
     "  --quiet              print no exchanges\n"
-    "  --run PROGRAM...     start this program as the guest's; ended by 'stop' or at the end\n"
-    "  --help               this text and the commands\n"
+    "  --run PROGRAM...     start this program in the guest; 'stop' and the end of qnthost end it\n"
+    "  --help               print this text and the commands\n"
     "\n"
-    "Prints 'ready' when the device is there. Exit codes: 0, 1 after a failed script, 64 after\n"
-    "wrong arguments, 69 where the machine lacks what is needed.\n"
+    "Prints 'ready' once the device is mounted. Exit codes: 0 at the end of the commands, 1 after\n"
+    "a failed script, 64 for wrong arguments, 69 if the machine lacks something.\n"
     "\n";
 
 struct Options {
@@ -96,7 +95,7 @@ Options readOptions(int argc, char** argv) {
     return options;
 }
 
-// Lines of several threads, each whole and at once where it belongs.
+// Prints and flushes one line; called on several threads.
 void printLine(const std::string& line) {
     static std::mutex mutex;
     const std::lock_guard lock(mutex);
@@ -108,17 +107,17 @@ void enterNamespace(const Options& options) {
     if (folder.empty()) {
         char name[] = "/tmp/qnthost-log-XXXXXX";
         if (mkdtemp(name) == nullptr)
-            throw std::runtime_error("No folder for the log could be made in /tmp.");
+            throw std::runtime_error("Could not make a folder for the log in /tmp.");
         folder = name;
         printLine("log folder " + folder);
     }
     if (options.namespaceEntered)
-        furnishGuestNamespace(folder);
+        mountGuestFolders(folder);
     else
         enterGuestNamespace(folder);
 }
 
-// The exit code.
+// Returns the exit code.
 int readCommands(Console& console, std::istream& input, const std::string& script) {
     int number = 0;
     for (std::string line; std::getline(input, line);) {
@@ -137,7 +136,7 @@ int readCommands(Console& console, std::istream& input, const std::string& scrip
     return 0;
 }
 
-int playHost(const Options& options) {
+int simulateHost(const Options& options) {
     std::ifstream script(options.script);
     if (!options.script.empty() && !script) {
         std::cerr << "qnthost: can't read " << options.script << std::endl;
@@ -166,11 +165,11 @@ int runHost(int argc, char** argv) {
         return 0;
     }
     if (options.wrong) {
-        std::cerr << "qnthost --help tells the usage" << std::endl;
+        std::cerr << "qnthost: wrong arguments; --help prints the usage" << std::endl;
         return kUsageExitCode;
     }
     try {
-        return playHost(options);
+        return simulateHost(options);
     } catch (const std::exception& error) {
         std::cerr << "qnthost: " << error.what() << std::endl;
         return kMissingExitCode;

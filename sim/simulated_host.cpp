@@ -9,8 +9,8 @@
 namespace sim {
 namespace {
 
-// How long waitUntil() goes without looking: its condition may depend on more than the exchanges.
-constexpr std::chrono::milliseconds kLookPause(50);
+// waitUntil() also polls: its condition may depend on more than the exchanges.
+constexpr std::chrono::milliseconds kPollInterval(50);
 
 bool isRunLoopType(std::uint32_t requestType) {
     return requestType == qnt::GetPrintingCmd || requestType == qnt::PrintingCmdAnswer ||
@@ -151,7 +151,12 @@ bool SimulatedHost::isIdle() const {
            });
 }
 
-// The condition asks the host for its records, so it is called without the mutex.
+std::optional<HostCommand> SimulatedHost::currentCommand() const {
+    const std::lock_guard lock(m_mutex);
+    return m_currentCommand;
+}
+
+// The condition may call the host, so it is called without the mutex.
 bool SimulatedHost::waitUntil(const std::function<bool()>& condition,
                               std::chrono::milliseconds time) const {
     const auto deadline = std::chrono::steady_clock::now() + time;
@@ -165,18 +170,18 @@ bool SimulatedHost::waitUntil(const std::function<bool()>& condition,
         if (now >= deadline)
             return false;
         lock.lock();
-        m_changed.wait_until(lock, std::min(deadline, now + kLookPause),
+        m_changed.wait_until(lock, std::min(deadline, now + kPollInterval),
                              [&] { return m_version != seen; });
     }
 }
 
-// Makes a change under the mutex, then answers whatever can be answered now.
+// Makes a change under the mutex, then answers every held request that can be answered now.
 template <typename Change>
 void SimulatedHost::change(Change apply) {
     {
         const std::lock_guard lock(m_mutex);
         apply();
-        settle();
+        answerHeld();
         ++m_version;
     }
     m_changed.notify_all();
@@ -186,6 +191,8 @@ void SimulatedHost::arrive(SubmissionPtr submission) {
     Exchange exchange;
     std::optional<Reply> reply = readRequest(*submission, exchange);
     change([&] {
+        if (isRunLoopType(exchange.requestType))
+            m_currentCommand.reset();
         m_exchanges.push_back(std::move(exchange));
         m_held.push_back({std::move(submission), m_exchanges.size() - 1, std::move(reply)});
     });
@@ -199,8 +206,7 @@ void SimulatedHost::cancel(const SubmissionPtr& submission) {
     });
 }
 
-// Answers the requests whose time has come, in the order of their arrival.
-void SimulatedHost::settle() {
+void SimulatedHost::answerHeld() {
     std::erase_if(m_held, [&](Held& held) {
         const std::optional<Reply> reply = replyTo(held);
         if (reply)
@@ -253,7 +259,7 @@ std::optional<Reply> SimulatedHost::defaultPrinterReply(const Exchange& exchange
     return fittedReply(exchange, encodeDefaultPrinter(*m_default, m_defaultSequence));
 }
 
-// The answer to PrintingCmdPending only ends the pending command: the service drops it and asks for
+// The service only drops a pending command at the answer to PrintingCmdPending and then asks for
 // the same command again.
 std::optional<Reply> SimulatedHost::commandReply(const Exchange& exchange) const {
     if (m_commands.empty())
@@ -276,12 +282,14 @@ Reply SimulatedHost::linkModeReply(const Exchange& exchange) {
     return linkReply(exchange);
 }
 
-// The sender goes on only when the exchange has been recorded and reported.
+// Records and reports the exchange before the sender continues.
 void SimulatedHost::carryOut(Held& held, const Reply& reply) {
     Exchange& exchange = m_exchanges[held.exchange];
     deliver(*held.submission, exchange, reply);
-    if (reply.takesCommand && exchange.error == 0)
+    if (reply.takesCommand && exchange.error == 0) {
+        m_currentCommand = std::move(m_commands.front().command);
         m_commands.pop_front();
+    }
     if (exchange.requestType == qnt::UserDeletedPrinters && exchange.status == qnt::kStatusDone)
         forgetReported(exchange.request);
     if (m_report)
@@ -301,7 +309,7 @@ HostPrinter* SimulatedHost::findPrinter(const std::string& id) {
     return found == m_printers.end() ? nullptr : &*found;
 }
 
-// The data of the items of this type, out of all requests of this type.
+// The data of all items of one type in all requests of one type.
 std::vector<Bytes> SimulatedHost::requestItems(std::uint32_t requestType,
                                                std::uint32_t itemType) const {
     std::vector<Bytes> found;

@@ -1,11 +1,11 @@
 // The host's side of the printing protocol and of the link.
 //
-// A played host answers each request as soon as it has something to say and holds it until then:
-// GetPrintingCmd until a command is waiting, GetDefaultPrinter until the default differs from the
-// one that the service has seen, PrintingCmdPending until a command is waiting (which the service
-// drops and asks for again, so it stays waiting). Answers that do not fit the offered buffer ask
-// for room. A held request whose sender gets a signal is cancelled. A printer whose queue is
-// reported as deleted leaves the host's list.
+// A simulated host holds each request until it has an answer for it: GetPrintingCmd and
+// PrintingCmdAnswer until a command is waiting, PrintingCmdPending likewise (the service drops that
+// command and asks for it again, so it stays waiting), GetDefaultPrinter until the default differs
+// from the one that the service has last received. If an answer does not fit into the buffer, the
+// host asks for a larger one. A held request is cancelled when its sender gets a signal. A printer
+// whose queue is reported as deleted is removed from the host's list.
 
 #pragma once
 
@@ -28,17 +28,17 @@
 
 namespace sim {
 
-enum class LinkMode { kAccept, kRefuse, kAskAgain };  // kAskAgain: the probe's next time only
+enum class LinkMode { kAccept, kRefuse, kAskAgain };  // kAskAgain: probes only
 
-// The type of link calls, and one that stands for whatever the run loop sends next.
+// In place of a request type: a link call; any request of the run loop.
 inline constexpr std::uint32_t kLinkCall = 0;
 inline constexpr std::uint32_t kRunLoopRequest = 0xFFFFFFFF;
 
 class SimulatedHost {
 public:
-    // Mounts the device; the process is in its host namespace. `report` receives a decoded line
-    // for each exchange before its sender goes on, from any thread; it must not call the host, and
-    // may be empty. Throws std::runtime_error like DeviceFile.
+    // Mounts the device in the guest namespace, which the process has entered. `report`, if not
+    // empty, gets one line of text for each exchange before its sender continues, on any thread; it
+    // must not call the host. Throws std::runtime_error like DeviceFile.
     explicit SimulatedHost(std::function<void(const std::string&)> report = {});
     ~SimulatedHost() = default;
     SimulatedHost(const SimulatedHost&) = delete;
@@ -46,39 +46,41 @@ public:
 
     // Any thread.
 
-    // The host's world. plug() adds to the host's list and plugs the USB device in; these send no
-    // command.
+    // Change the host's printers without sending a command. plug() adds the printer to the host's
+    // list and plugs in its USB device.
     void plug(const std::string& id, const std::string& name);
-    void unplug(const std::string& id);  // the USB device alone
-    void forget(const std::string& id);  // out of the host's list
+    void unplug(const std::string& id);  // removes the USB device only
+    void forget(const std::string& id);  // removes it from the host's list
     void rename(const std::string& id, const std::string& name);
     void setDefault(const std::string& id);
     std::vector<HostPrinter> printers() const;
     std::string defaultPrinter() const;
 
-    // Lets a command wait for the service.
+    // Queues a command for the service.
     void send(HostCommand command);
     void sendPrinterList() { send(printerList(printers())); }
-    // The next requests of this type meet these faults, in order; answers follow again after them.
-    // A request that is waiting for its answer counts as the next one.
+    // Queues a fault, which the next request of this type gets in place of its answer. A request
+    // that is held already counts as the next one.
     void fault(std::uint32_t requestType, Fault fault);
-    // Requests of this type are held until release(); their number that may wait is not limited.
+    // Holds all requests of this type until release().
     void hold(std::uint32_t requestType);
     void release(std::uint32_t requestType);
-    // From now on; `times` tells how often kAskAgain is said before the link accepts again.
+    // `times` applies to kAskAgain: the number of probes to repeat before the link accepts.
     void setLinkMode(LinkMode mode, int times = 1);
 
-    // What was recorded, in the order of arrival.
+    // The record of what was received, in the order of arrival.
     std::vector<Exchange> exchanges() const;
     std::vector<Exchange> exchanges(std::uint32_t requestType) const;
     std::vector<Bytes> statusMessages() const;         // complete status messages of the link
     std::vector<std::string> deletedPrinters() const;  // ids reported, in order
     std::vector<std::uint32_t> results() const;        // CmdResult values received, in order
-    // How many requests of this type are waiting for their answer now.
+    // The number of requests of this type that are held now.
     std::size_t waiting(std::uint32_t requestType) const;
-    // Whether no command is waiting and the run loop is asking for the next one.
+    // True if no command is waiting and the run loop asks for one.
     bool isIdle() const;
-    // Waits until the condition holds, looking after every exchange; false after the time.
+    // The command that the service has received but not yet reported on.
+    std::optional<HostCommand> currentCommand() const;
+    // Waits until the condition holds, which is checked at each exchange; false after the time.
     bool waitUntil(const std::function<bool()>& condition,
                    std::chrono::milliseconds time = std::chrono::seconds(20)) const;
 
@@ -98,7 +100,7 @@ private:
     void change(Change apply);
     void arrive(SubmissionPtr submission);
     void cancel(const SubmissionPtr& submission);
-    void settle();
+    void answerHeld();
     std::optional<Reply> replyTo(Held& held);
     std::optional<Fault> takeFault(std::uint32_t requestType);
     std::optional<Reply> printingReply(const Exchange& exchange) const;
@@ -114,11 +116,12 @@ private:
     mutable std::mutex m_mutex;
     mutable std::condition_variable m_changed;
 
-    // Under the mutex.
+    // Guarded by the mutex.
     std::uint64_t m_version = 0;  // grows with each change
     std::vector<Exchange> m_exchanges;
-    std::vector<Held> m_held;  // without an answer, in the order of their arrival
+    std::vector<Held> m_held;  // not yet answered, in the order of arrival
     std::deque<WaitingCommand> m_commands;
+    std::optional<HostCommand> m_currentCommand;
     std::vector<HostPrinter> m_printers;
     std::uint32_t m_listSequence = 0;
     std::optional<std::string> m_default;
@@ -126,7 +129,7 @@ private:
     std::map<std::uint32_t, std::deque<Fault>> m_faults;  // by request type
     std::set<std::uint32_t> m_holds;                      // request types
     LinkMode m_linkMode = LinkMode::kAccept;
-    int m_linkModeTimes = 0;  // of kAskAgain
+    int m_linkModeTimes = 0;  // kAskAgain: probes still to be repeated
 
     DeviceFile m_device;  // last: its thread uses all of the above
 };
