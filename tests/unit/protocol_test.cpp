@@ -154,7 +154,6 @@ TEST(Answers, AreReadAsDocumented) {
         return Bytes(answerPayload(buffer), answerPayload(buffer) + answerPayloadLength(buffer));
     };
     EXPECT_EQ(parsed(answered("add-printer")), "command 1, id TAG1");
-    EXPECT_EQ(parsed(answered("delete-offline")), "command 3");
     EXPECT_EQ(parsed(answered("printer-list")), "command 4, TAG1 is Lab");
     std::string id;
     const Bytes answer = answered("default-printer-answer");
