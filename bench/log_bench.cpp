@@ -1,5 +1,5 @@
-// One log record, beside the bare write of its finished bytes and beside spdlog, each to a file of
-// its own in the working directory, which is removed at the end.
+// One log record, compared with a bare write of the same bytes and with spdlog. Each writes to a
+// file of its own in the working directory.
 
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 #include <string>
 
 #include "log/log_file.h"
@@ -16,61 +17,35 @@
 
 namespace {
 
-constexpr char kQueue[] = "Office_Laser";
-constexpr char kId[] = "TAG1001";
-
-std::string g_finishedRecord;
-
-int keepRecord(const char* record, std::int32_t length) {
-    g_finishedRecord.assign(record, static_cast<std::size_t>(length));
-    return length;
-}
+constexpr char kLog[] = "record.log";
+constexpr char kQueue[] = "Office_Laser", kId[] = "TAG1001";
 
 void logDeletion() {
     qnt::logRecord("", qnt::kServiceTag, 0, "deletePrinter: name=%s id=%s", kQueue, kId);
 }
 
-// The bytes of one record, time and ids included.
-std::string finishedRecord() {
-    qnt::logSetSink(keepRecord);
-    logDeletion();
-    qnt::logSetSink(qnt::logFileWrite);
-    return g_finishedRecord;
+// The bytes of one record, newline included.
+std::string firstRecord() {
+    std::string record;
+    std::ifstream file(kLog);
+    std::getline(file, record);
+    return record + '\n';
 }
 
-// A folder beside the build, so that the file lies on a disk and not in memory.
-class LogFolder {
-public:
-    LogFolder() {
-        std::string name = (std::filesystem::current_path() / "log_bench-XXXXXX").string();
-        m_path = mkdtemp(name.data());
-    }
-    ~LogFolder() { std::filesystem::remove_all(m_path); }
-    LogFolder(const LogFolder&) = delete;
-    LogFolder& operator=(const LogFolder&) = delete;
-
-    std::string file() const { return m_path / qnt::kLogFileName; }
-    std::string path() const { return m_path; }
-
-private:
-    std::filesystem::path m_path;
-};
-
 void recordToFile(benchmark::State& state) {
-    const LogFolder folder;
-    qnt::logFileSetPlacement(folder.path().c_str(), qnt::kLogFileName);
+    std::filesystem::remove(kLog);
+    qnt::logFileSetPlacement(".", kLog);
     for (auto _ : state)
         logDeletion();
-    const auto expected = static_cast<std::uintmax_t>(state.iterations()) * finishedRecord().size();
-    if (std::filesystem::file_size(folder.file()) != expected)
+    const auto records = static_cast<std::uintmax_t>(state.iterations());
+    if (std::filesystem::file_size(kLog) != records * firstRecord().size())
         state.SkipWithError("records are missing in the file");
 }
 
 void bareWrite(benchmark::State& state) {
-    const LogFolder folder;
-    const std::string record = finishedRecord();
+    const std::string record = firstRecord();
     const qnt::UniqueFd file(
-        open(folder.file().c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, qnt::kLogFileMode));
+        open("write.log", O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0666));
     for (auto _ : state) {
         if (write(file.get(), record.data(), record.size()) == -1)
             state.SkipWithError("the write failed");
@@ -78,16 +53,15 @@ void bareWrite(benchmark::State& state) {
 }
 
 void spdlogToFile(benchmark::State& state) {
-    const LogFolder folder;
-    spdlog::logger logger(qnt::kServiceTag,
-                          std::make_shared<spdlog::sinks::basic_file_sink_mt>(folder.file()));
+    constexpr bool kTruncate = true;
+    spdlog::logger logger(qnt::kServiceTag, std::make_shared<spdlog::sinks::basic_file_sink_mt>(
+                                                "spdlog.log", kTruncate));
     logger.set_pattern("%m-%d %H:%M:%S.%e F /%n:%P:%t/ %v");
     logger.flush_on(spdlog::level::trace);
     for (auto _ : state)
         logger.info("deletePrinter: name={} id={}", kQueue, kId);
 }
 
-// The level in force keeps the record from being composed.
 void suppressedRecord(benchmark::State& state) {
     qnt::logSetLevel(2);
     for (auto _ : state) {

@@ -1,118 +1,142 @@
 #include "bench/measure.h"
 
+#include <sys/mount.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <exception>
 #include <filesystem>
-#include <functional>
-#include <map>
+#include <fstream>
 #include <optional>
 #include <stdexcept>
 
-#include "bench/submit_loop.h"
 #include "sim/guest_namespace.h"
+#include "tests/support/private_cups.h"
 
 namespace bench {
 namespace {
 
+namespace fs = std::filesystem;
+
+constexpr std::chrono::minutes kLongest(5);
+
 std::optional<sim::PrivateCups> g_cups;
 
-// The guest around a measurement, gone with its files at the end.
-class Guest {
-public:
-    Guest() {
-        sim::enterGuestNamespace(m_folder / "log");
-        std::filesystem::current_path(m_folder);
-        g_cups.emplace(m_folder / "cups");
-    }
-    ~Guest() {
-        g_cups.reset();
-        std::filesystem::current_path("/");
-        std::filesystem::remove_all(m_folder);
-    }
-    Guest(const Guest&) = delete;
-    Guest& operator=(const Guest&) = delete;
-
-private:
-    static std::filesystem::path makeFolder() {
-        std::string name = std::filesystem::temp_directory_path() / "qnt-bench-XXXXXX";
-        return mkdtemp(name.data());
-    }
-
-    const std::filesystem::path m_folder = makeFolder();
-};
-
 }  // namespace
+
+void printValue(const std::string& name, double value) {
+    std::printf("%s\t%.9g\n", name.c_str(), value);
+    std::fflush(stdout);
+}
+
+double secondsSince(Clock::time_point start, Clock::time_point end) {
+    return std::chrono::duration<double>(end - start).count();
+}
+
+double secondsOf(const Command& command) {
+    const auto start = Clock::now();
+    sim::Process process = startQuietly(command);
+    if (!process.wait(kLongest))
+        throw std::runtime_error(command.front() + " does not end.");
+    return secondsSince(start);
+}
+
+double secondsToStop(sim::Process& process) {
+    const auto start = Clock::now();
+    process.signal(SIGTERM);
+    if (!process.wait(kLongest))
+        throw std::runtime_error("A daemon does not stop.");
+    return secondsSince(start);
+}
+
+sim::Process startQuietly(const Command& command) {
+    return sim::Process(command, {}, "/dev/null");
+}
+
+void waitForIdle(const sim::SimulatedHost& host) {
+    if (!host.waitUntil([&] { return host.isIdle(); }))
+        throw std::runtime_error("The service asks for no command.");
+}
 
 pid_t cupsProcess() {
     return g_cups->pid();
 }
 
-void printValue(const std::string& figure, const std::string& scale, const std::string& side,
-                double value) {
-    std::printf("%s\t%s\t%s\t%.9g\n", figure.c_str(), scale.c_str(), side.c_str(), value);
-    std::fflush(stdout);
+std::vector<std::string> recordLines(const std::function<void()>& prepare,
+                                     const std::function<void()>& act) {
+    const fs::path shell = fs::canonical("/bin/sh");
+    const fs::path copy = fs::absolute("sh");
+    const fs::path record = fs::absolute("commands");
+    fs::copy_file(shell, copy, fs::copy_options::overwrite_existing);
+    std::ofstream("recorder") << "#!/bin/bash\nprintf '%s\\n' \"$2\" >>" << record
+                              << "\nexec -a sh " << copy << " \"$@\"\n";
+    fs::permissions("recorder", fs::perms::owner_all);
+    if (mount("recorder", shell.c_str(), nullptr, MS_BIND, nullptr) != 0)
+        throw std::runtime_error("The shell can't be replaced by one that records.");
+    std::vector<std::string> previous, lines;
+    do {
+        previous = lines;
+        prepare();
+        std::ofstream(record, std::ios::trunc).flush();
+        act();
+        lines.clear();
+        std::ifstream file(record);
+        for (std::string line; std::getline(file, line);)
+            lines.push_back(line);
+    } while (lines.empty() || lines != previous);
+    umount2(shell.c_str(), MNT_DETACH);
+    return lines;
 }
 
-sim::Process startService() {
-    return sim::Process({QNT_SERVICE}, {}, "/dev/null");
+Command scriptOf(const std::string& name, const std::vector<std::string>& lines) {
+    std::ofstream script(name);
+    for (const std::string& line : lines)
+        script << line << '\n';
+    return {"sh", name};
 }
 
-void addRawQueue(int number) {
-    const std::string text = std::to_string(number);
-    int status = 0;
-    sim::commandOutput("lpadmin -p Queue_" + text + " -E -v 'usb://HP/Color%20LaserJet%208500" +
-                           "?serial=TAG" + text + "' 2>&1",
-                       &status);
-    if (status != 0)
-        throw std::runtime_error("lpadmin can't make a queue.");
-}
-
-void deleteAllQueues() {
-    sim::commandOutput("for queue in $(lpstat -e 2>&1); do lpadmin -x $queue; done 2>&1");
-}
-
-double secondsBetween(std::chrono::system_clock::time_point from,
-                      std::chrono::system_clock::time_point to) {
-    return std::chrono::duration<double>(to - from).count();
-}
-
-double secondsOf(const std::vector<std::string>& command) {
-    constexpr std::chrono::minutes kLongest(5);
-    const auto start = std::chrono::system_clock::now();
-    sim::Process process(command, {}, "/dev/null");
-    if (!process.wait(kLongest))
-        throw std::runtime_error(command.front() + " does not end.");
-    return secondsBetween(start, std::chrono::system_clock::now());
+std::map<std::string, Command> otherDaemons() {
+    std::map<std::string, Command> daemons = {
+        {"earlyoom", {"earlyoom", "--dryrun", "-r", "3600"}},
+        // Listens to a socket in place of a virtio port.
+        {"qemu-ga", {"qemu-ga", "-m", "unix-listen", "-p", "qemu-ga.sock", "-t", "."}},
+    };
+    std::erase_if(daemons, [](const auto& daemon) {
+        return sim::commandOutput("command -v " + daemon.first).empty();
+    });
+    return daemons;
 }
 
 namespace {
 
-const std::map<std::string, std::function<void(int)>> kMeasurements = {
-    {"add", measureAdd},   {"rename", measureRename},       {"idle", measureIdle},
-    {"life", measureLife}, {"exchanges", measureExchanges},
-};
-
-int run(const std::vector<std::string>& arguments) {
-    if (arguments == std::vector<std::string>{kSubmitLoop})
-        return submitLoop();
-    if (arguments.size() != 2 || !kMeasurements.contains(arguments[0])) {
-        std::fprintf(stderr, "usage: measure add|rename|idle|life|exchanges ROUNDS\n");
-        return 64;
-    }
-    const Guest guest;
-    kMeasurements.at(arguments[0])(std::atoi(arguments[1].c_str()));
-    return 0;
+void runInGuest(void (*measure)(int), int rounds) {
+    std::string name = fs::temp_directory_path() / "qnt-bench-XXXXXX";
+    const fs::path folder = mkdtemp(name.data());
+    sim::enterGuestNamespace(folder / "log");
+    fs::current_path(folder);
+    g_cups.emplace(folder / "cups");
+    measure(rounds);
+    g_cups.reset();
+    fs::remove_all(folder);
 }
+
+const std::map<std::string, void (*)(int)> kMeasurements = {
+    {"add", measureAdd}, {"rename", measureRename}, {"idle", measureIdle}, {"life", measureLife}};
 
 }  // namespace
 }  // namespace bench
 
 int main(int argc, char** argv) {
+    const std::string figure = argc > 1 ? argv[1] : "";
     try {
-        return bench::run({argv + 1, argv + argc});
+        if (figure == "submit")
+            bench::submitForever();
+        else if (argc == 3 && bench::kMeasurements.contains(figure))
+            bench::runInGuest(bench::kMeasurements.at(figure), std::atoi(argv[2]));
+        else
+            throw std::runtime_error("usage: measure add|rename|idle|life ROUNDS");
+        return 0;
     } catch (const std::exception& failure) {
         std::fprintf(stderr, "measure: %s\n", failure.what());
         return 1;

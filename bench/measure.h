@@ -1,50 +1,47 @@
-// Measurements of the whole service beside what else would do the same work. Each measurement runs
-// the two in turn, round after round, and prints every value; what they mean together is
-// report.py's business.
+// Measurements of the whole service, compared with what else would do the same work. Each takes
+// the service and its counterpart in turn and prints every value, a number of rounds.
 
 #pragma once
 
 #include <chrono>
+#include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
+#include "sim/process.h"
 #include "sim/simulated_host.h"
-#include "tests/support/private_cups.h"
 
 namespace bench {
 
-// Prints a line of a value: what was measured, of which size or kind, on whose side.
-void printValue(const std::string& figure, const std::string& scale, const std::string& side,
-                double value);
+using Clock = std::chrono::system_clock;  // as in the host's record of its exchanges
+using Command = std::vector<std::string>;
 
-inline constexpr char kOurs[] = "qntspooler";
-inline constexpr char kScript[] = "sh";
+// Each finds a private CUPS without queues.
+void measureAdd(int rounds);     // seconds from command to result
+void measureRename(int rounds);  // the same for a list that renames twenty queues
+void measureIdle(int rounds);    // CPU seconds a second, and memory in KiB
+void measureLife(int rounds);    // seconds of start and stop, exchanges a second
 
-// The measurements. Each takes the number of its rounds; a single one is a trial, made small, that
-// only shows that the measurement works. Each finds a private CUPS without queues, and leaves it
-// so.
-void measureAdd(int rounds);        // seconds from command to result
-void measureRename(int rounds);     // the same for a list that renames twenty queues
-void measureIdle(int rounds);       // CPU seconds a second, and memory
-void measureLife(int rounds);       // seconds from start to request, from stop signal to exit
-void measureExchanges(int rounds);  // exchanges a second
+void submitForever();  // one request to the request device, until it fails
 
-// What several of them need.
+// What several of them need. Failures throw std::runtime_error.
+void printValue(const std::string& name, double value);
+double secondsSince(Clock::time_point start, Clock::time_point end = Clock::now());
+double secondsOf(const Command& command);           // from its start to its exit
+double secondsToStop(sim::Process& process);        // from SIGTERM to its exit
+sim::Process startQuietly(const Command& command);  // its output thrown away
+void waitForIdle(const sim::SimulatedHost& host);   // until the service asks for a command
+pid_t cupsProcess();                                // the private CUPS
 
-inline bool isTrial(int rounds) {
-    return rounds == 1;
-}
+// The command lines that the service gives the shell during `act`. Repeats `prepare` and `act`
+// until two runs agree, as the service's listing of the queues, once a second, may come between.
+std::vector<std::string> recordLines(const std::function<void()>& prepare,
+                                     const std::function<void()>& act);
+// Writes a script to a file in the working directory. Returns the command that runs it.
+Command scriptOf(const std::string& name, const std::vector<std::string>& lines);
 
-// The private CUPS.
-pid_t cupsProcess();
-// A started service, its log and output thrown away.
-sim::Process startService();
-// A queue of the kind that the service lists, without a driver.
-void addRawQueue(int number);
-void deleteAllQueues();
-double secondsBetween(std::chrono::system_clock::time_point from,
-                      std::chrono::system_clock::time_point to);
-// The time that a command takes from its start to its end.
-double secondsOf(const std::vector<std::string>& command);
+// Other daemons that idle in a guest, by name; those that are installed.
+std::map<std::string, Command> otherDaemons();
 
 }  // namespace bench

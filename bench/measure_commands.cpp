@@ -1,122 +1,84 @@
-// Commands of the host, beside the same command lines in one script.
+// Commands of the host, compared with a script of the same command lines.
 
-#include <filesystem>
 #include <stdexcept>
 
 #include "bench/measure.h"
-#include "bench/shell_recorder.h"
+#include "tests/support/private_cups.h"
 
 namespace bench {
 namespace {
 
 constexpr int kRenamed = 20;
 constexpr int kRenamedInTrial = 2;
-constexpr std::chrono::minutes kLongest(2);
+constexpr std::chrono::minutes kLongest(5);
 
-std::string folderHere() {
-    return std::filesystem::current_path();
-}
-
-// A service at work for a played host.
-class CommandedService {
-public:
-    CommandedService() : m_service(startService()) { waitForIdle(); }
-
-    sim::SimulatedHost& host() { return m_host; }
+struct CommandedService {
+    sim::SimulatedHost host;
+    sim::Process process = startQuietly({QNT_SERVICE});
 
     // Seconds from the command to the arrival of its result.
-    double carryOut(const sim::HostCommand& command) {
-        waitForIdle();
-        const std::size_t before = m_host.results().size();
-        const auto start = std::chrono::system_clock::now();
-        m_host.send(command);
-        m_host.waitUntil([&] { return m_host.results().size() > before; }, kLongest);
-        if (m_host.results().size() == before || m_host.results().back() != qnt::CmdDone)
-            throw std::runtime_error("A command was not carried out.");
-        return secondsBetween(start, m_host.exchanges(qnt::PrintingCmdAnswer).back().when);
+    double execute(const sim::HostCommand& command) {
+        waitForIdle(host);
+        const std::size_t before = host.results().size();
+        const auto start = Clock::now();
+        host.send(command);
+        if (!host.waitUntil([&] { return host.results().size() > before; }, kLongest))
+            throw std::runtime_error("A command takes too long.");
+        if (host.results().back() != qnt::CmdDone)
+            throw std::runtime_error("A command failed.");
+        return secondsSince(start, host.exchanges(qnt::PrintingCmdAnswer).back().when);
     }
-
-private:
-    void waitForIdle() {
-        if (!m_host.waitUntil([&] { return m_host.isIdle(); }))
-            throw std::runtime_error("The service asks for no command.");
-    }
-
-    sim::SimulatedHost m_host;
-    sim::Process m_service;
 };
 
-// Printers that have one name or another. The host would forget those whose queues the script
-// takes away, so its list is kept here.
-class RenamedPrinters {
-public:
-    RenamedPrinters(CommandedService& service, int count) : m_service(service) {
-        for (int i = 0; i < count; ++i)
-            m_printers.push_back({"TAG" + std::to_string(1000 + i), "Office " + std::to_string(i)});
-        for (const sim::HostPrinter& printer : m_printers) {
-            m_service.host().plug(printer.id, printer.name);
-            m_service.carryOut(sim::addPrinter(printer.id));
-        }
-    }
+std::size_t countQueues(const std::string& name) {
+    return std::stoul(sim::commandOutput("lpstat -e | grep -c '^" + name + "_'"));
+}
 
-    // All of the queues have the other name before.
-    double rename(const std::string& newName) {
-        for (std::size_t i = 0; i < m_printers.size(); ++i)
-            m_printers[i].name = newName + " " + std::to_string(i);
-        const std::size_t alike = queuesCalled(newName);
-        const double seconds = m_service.carryOut(sim::printerList(m_printers));
-        if (alike != 0 || queuesCalled(newName) != m_printers.size())
-            throw std::runtime_error("The queues were not all renamed.");
-        return seconds;
-    }
-
-private:
-    static std::size_t queuesCalled(const std::string& name) {
-        return std::stoul(sim::commandOutput("lpstat -e | grep -c '^" + name + "_'"));
-    }
-
-    CommandedService& m_service;
-    std::vector<sim::HostPrinter> m_printers;
-};
+// Gives the printers, and with them their queues, another name.
+double rename(CommandedService& service, std::vector<sim::HostPrinter>& printers,
+              const std::string& name) {
+    for (std::size_t i = 0; i < printers.size(); ++i)
+        printers[i].name = name + " " + std::to_string(i);
+    const std::size_t before = countQueues(name);
+    const double seconds = service.execute(sim::printerList(printers));
+    if (before != 0 || countQueues(name) != printers.size())
+        throw std::runtime_error("The queues were not all renamed.");
+    return seconds;
+}
 
 }  // namespace
 
 void measureAdd(int rounds) {
     CommandedService service;
-    service.host().plug("TAG1001", "Office Laser");
-    const auto add = [&] { return service.carryOut(sim::addPrinter("TAG1001")); };
-    const auto remove = [&] { service.carryOut(sim::deletePrinter("TAG1001")); };
-    add();  // finds the driver, once in the service's life
-    std::vector<std::string> script;
-    {
-        const ShellRecorder recorder(folderHere());
-        script = scriptOf("add.sh", recordLines(recorder, remove, add));
-    }
+    service.host.plug("TAG1001", "Office Laser");
+    const auto add = [&] { return service.execute(sim::addPrinter("TAG1001")); };
+    const auto remove = [&] { service.execute(sim::deletePrinter("TAG1001")); };
+    add();  // looks the driver up, once in the service's life
+    const Command script = scriptOf("add.sh", recordLines(remove, add));
     for (int round = 0; round < rounds; ++round) {
         remove();
-        printValue("add", "", kOurs, add());
+        printValue("add", add());
         remove();
-        printValue("add", "", kScript, secondsOf(script));
+        printValue("add/sh", secondsOf(script));
     }
-    remove();
 }
 
-// The service renames to and the script fro.
 void measureRename(int rounds) {
     CommandedService service;
-    RenamedPrinters printers(service, isTrial(rounds) ? kRenamedInTrial : kRenamed);
-    const auto to = [&] { return printers.rename("Floor"); };
-    const auto fro = [&] { return printers.rename("Office"); };
-    std::vector<std::string> script;
-    {
-        const ShellRecorder recorder(folderHere());
-        script = scriptOf("rename.sh", recordLines(recorder, to, fro));
+    std::vector<sim::HostPrinter> printers;
+    for (int i = 0; i < (rounds == 1 ? kRenamedInTrial : kRenamed); ++i) {
+        const std::string number = std::to_string(i);
+        printers.push_back({"TAG" + number, "Office " + number});
+        service.host.plug(printers.back().id, printers.back().name);
+        service.execute(sim::addPrinter(printers.back().id));
     }
+    const auto there = [&] { return rename(service, printers, "Floor"); };
+    const auto back = [&] { return rename(service, printers, "Office"); };
+    const Command script = scriptOf("back.sh", recordLines(there, back));
     for (int round = 0; round < rounds; ++round) {
-        printValue("rename", "", kOurs, to());
-        printValue("rename", "", kScript, secondsOf(script));
+        printValue("rename", there());
+        printValue("rename/sh", secondsOf(script));
     }
-    deleteAllQueues();
 }
 
 }  // namespace bench
