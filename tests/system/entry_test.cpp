@@ -140,11 +140,13 @@ TEST_F(EntryTest, ADeviceLostBehindTheLinkEndsItWithStopped) {
 
 TEST_F(EntryTest, ItWorksWithStandardFilesClosedAndStopSignalsBlocked) {
     sim::SimulatedHost host;
-    const std::string closed = "exec '" QNT_SERVICE "' <&- >&- 2>&-";
-    service.emplace(std::vector<std::string>{"env", "--block-signal=TERM", "sh", "-c", closed});
+    const std::string closed = "exec '" QNT_SERVICE "' -l 1 <&- >&- 2>&-";
+    service.emplace(std::vector<std::string>{"env", "--block-signal=INT", "sh", "-c", closed});
     ASSERT_TRUE(host.waitUntil([&] { return host.isIdle(); }));
-    EXPECT_EQ(stopService(), 0);
+    service->signal(SIGINT);
+    EXPECT_EQ(serviceEnds(), 0);
     EXPECT_EQ(host.statusMessages().size(), 2U);
+    EXPECT_THAT(records(), ElementsAre("starting . . .", "closed, rc = 0"));
 }
 
 TEST_F(EntryTest, ItsLifeIsRecordedAndItsFilesStayItsOwn) {

@@ -249,6 +249,8 @@ TEST_F(ServiceTest, AStepThatFailsDuringAStopIsAFailure) {
         ASSERT_TRUE(eventually([&] { return fs::exists(folder / "inside"); }));
         EXPECT_EQ(stopService(), 1) << requestType;
         EXPECT_EQ(std::ranges::count(records(), "Error in state machine execution"), 1);
+        EXPECT_EQ(std::ranges::count(records(), "SendRequest() failed f0000001"),
+                  requestType == UserDeletedPrinters);
         fs::remove(folder / "inside");
         fs::resize_file(kLog, 0);
     }
