@@ -32,10 +32,6 @@ QueuesById indexById(const QueueBindingList& listing) {
 
 QueueBindingList getUserDeletedPrinters(QueueBindingList& knownQueues) {
     QueueBindingList listing = takeListing();
-    return takeVanishedQueues(knownQueues, listing);
-}
-
-QueueBindingList takeVanishedQueues(QueueBindingList& knownQueues, QueueBindingList& listing) {
     const QueuesById listed = indexById(listing);
     QueueBindingList vanished;
     std::copy_if(knownQueues.begin(), knownQueues.end(), std::back_inserter(vanished),

@@ -18,10 +18,6 @@ namespace qnt {
 // listed, in their known order.
 QueueBindingList getUserDeletedPrinters(QueueBindingList& knownQueues);
 
-// getUserDeletedPrinters with a listing that the caller has taken, for the benchmark. Linear in the
-// number of queues. Swaps `knownQueues` and `listing`.
-QueueBindingList takeVanishedQueues(QueueBindingList& knownQueues, QueueBindingList& listing);
-
 // Removes the first entry with this id from the known queues, so that a deletion by the service is
 // not reported to the host.
 void forgetPrinter(QueueBindingList& knownQueues, const std::string& id);
