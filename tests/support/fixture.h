@@ -16,6 +16,16 @@
 #include "tests/support/bytes.h"
 #include "tests/support/private_cups.h"
 
+// Sleeps of this process return at once.
+inline std::vector<unsigned> g_sleeps;
+inline std::function<void()> g_afterSleep;
+extern "C" unsigned sleep(unsigned seconds) {
+    g_sleeps.push_back(seconds);
+    if (g_afterSleep)
+        g_afterSleep();
+    return 0;
+}
+
 namespace qnt {
 
 namespace fs = std::filesystem;
@@ -86,12 +96,14 @@ protected:
         options.insert(options.begin(), QNT_SERVICE);
         service.emplace(options, variables, folder / "output");
     }
-    // A path of the library that LD_PRELOAD, which splits at blanks, takes for one.
-    std::string preloadable(const fs::path& library) const {
-        const fs::path link = folder / library.filename();
+    // With support/preload.cpp. LD_PRELOAD splits at blanks, so it gets a path without them.
+    void startPreloaded(std::map<std::string, std::string> variables,
+                        const std::vector<std::string>& options = {}) {
+        const fs::path link = folder / "preload.so";
         if (!fs::exists(link))
-            fs::create_symlink(library, link);
-        return link;
+            fs::create_symlink(QNT_PRELOAD, link);
+        variables["LD_PRELOAD"] = link;
+        startService(options, variables);
     }
     // The exit code of a service that ends by itself, or after SIGTERM; -1 if it does not in time.
     int serviceEnds(Milliseconds time = 10s) { return service->wait(time).value_or(-1); }

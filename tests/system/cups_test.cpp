@@ -8,6 +8,7 @@
 #include "cups/queue_operations.h"
 #include "cups/usb_discovery.h"
 #include "log/log_record.h"
+#include "tests/support/captured_log.h"
 #include "tests/support/fixture.h"
 
 using testing::ContainsRegex;
@@ -16,42 +17,22 @@ using testing::HasSubstr;
 
 namespace qnt {
 
-static std::vector<unsigned> sleeps;
-static std::function<void()> afterSleep;
-
-// The wait for a USB device passes in played time.
-extern "C" unsigned sleep(unsigned seconds) {
-    sleeps.push_back(seconds);
-    if (afterSleep)
-        afterSleep();
-    return 0;
-}
-
 namespace {
 
-std::string said;  // the records: level mark, message and newline of each
-
-int keepRecord(const char* record, std::int32_t length) {
-    const std::string text(record, static_cast<std::size_t>(length));
-    const std::size_t tag = text.find("/qntspooler:");
-    said += text.substr(tag - 2, 2) + text.substr(text.find("/ ", tag) + 2);
-    return length;
-}
+const std::string& said = CapturedLog::text;
 
 class Cups : public GuestTest {
 protected:
     Cups() {
         setenv("LC_ALL", "C", 1);
         setenv("HOME", folder.c_str(), 1);
-        logSetSink(keepRecord);
         forget();
     }
-    ~Cups() override { afterSleep = nullptr; }
+    ~Cups() override { g_afterSleep = nullptr; }
 
     static void forget(std::int32_t level = 3) {
-        said.clear();
-        sleeps.clear();
-        logSetLevel(level);
+        const CapturedLog log(level);
+        g_sleeps.clear();
     }
     // Any bytes may be in a name or URI, as no shell sees them.
     static void makeQueue(const std::string& name, const std::string& uri, bool enabled = true) {
@@ -245,7 +226,7 @@ TEST_F(Cups, AddsAQueueWithTheFixedDriverAndOptions) {
         EXPECT_EQ(said, "F addPrinter: id=" + id + " name=" + given + '\n' +
                             addRecord(queue, id, description));
     }
-    EXPECT_TRUE(sleeps.empty());
+    EXPECT_TRUE(g_sleeps.empty());
     guest.cups->stop();  // which writes the queues down
     for (const auto& [given, id, queue, description] : rows)
         EXPECT_THAT(contents(guest.folder / "cups/printers.conf"),
@@ -263,7 +244,7 @@ TEST_F(Cups, WaitsForTheDeviceOfAPrinterWithoutANameAndReplacesItsQueues) {
     std::string name;
     addPrinter(name, "TAG1");
     EXPECT_EQ(name, "");
-    EXPECT_EQ(sleeps, std::vector<unsigned>(120, 1));
+    EXPECT_EQ(g_sleeps, std::vector<unsigned>(120, 1));
     addPrinter(name = "New", "");
     EXPECT_EQ(name, "");
     EXPECT_EQ(said,
@@ -271,12 +252,12 @@ TEST_F(Cups, WaitsForTheDeviceOfAPrinterWithoutANameAndReplacesItsQueues) {
               "F addPrinter: id= name=New\nF Cannot get name for printer with id=\n");
     EXPECT_EQ(queues(), "Office_Laser\nOld\nOther\n");
     forget();
-    afterSleep = [] {
-        if (sleeps.size() == 5)
+    g_afterSleep = [] {
+        if (g_sleeps.size() == 5)
             sim::plugUsbPrinter("TAG1", "Office Laser");
     };
     addPrinter(name, "TAG1");
-    EXPECT_EQ(sleeps, std::vector<unsigned>(5, 1));
+    EXPECT_EQ(g_sleeps, std::vector<unsigned>(5, 1));
     EXPECT_EQ(
         said,
         "F addPrinter: id=TAG1 name=\nF deletePrinter: name=Office_Laser id=TAG1\n"

@@ -19,10 +19,7 @@ using Fault = sim::Fault;
 class EntryTest : public GuestTest {
 protected:
     // Sleeps return at once and are noted in the file "sleeps".
-    void startInPlayedTime() {
-        startService(
-            {}, {{"LD_PRELOAD", preloadable(QNT_PLAYED_TIME)}, {"QNT_SLEEPS", folder / "sleeps"}});
-    }
+    void startWithoutSleeps() { startPreloaded({{"QNT_SLEEPS", folder / "sleeps"}}); }
 };
 
 TEST_F(EntryTest, OptionsAreReadFromLeftToRightUntilHelp) {
@@ -81,7 +78,7 @@ TEST_F(EntryTest, WithoutLpadminItEndsAtOnceWhateverTheUnknownOptions) {
 
 TEST_F(EntryTest, AfterSevenFailuresOfLpstatItEnds) {
     standIn("lpstat", "echo $# >>$folder/tries; exit 1");
-    startInPlayedTime();
+    startWithoutSleeps();
     EXPECT_EQ(serviceEnds(), 0);
     EXPECT_THAT(records(), ElementsAre("starting . . .", "cups is not responding",
                                        "CUPS not available. Will exit.", "closed, rc = 0"));
@@ -91,7 +88,7 @@ TEST_F(EntryTest, AfterSevenFailuresOfLpstatItEnds) {
 
 TEST_F(EntryTest, ACupsThatAnswersAtTheFourthTryIsTaken) {
     standIn("lpstat", "echo >>$folder/tries; [ $(wc -l <$folder/tries) -gt 3 ] && exec $real $*");
-    startInPlayedTime();
+    startWithoutSleeps();
     EXPECT_EQ(serviceEnds(), 1);
     EXPECT_EQ(contents(folder / "sleeps"), "10\n10\n10\n");
     EXPECT_EQ(records().at(1), "Could not open link to Open Kavelink: -5");

@@ -81,8 +81,7 @@ protected:
 
 TEST_F(Faults, AreOutlivedAllInOneLife) {
     standIn("lpadmin", "[ -e $folder/script ] && . $folder/script\nexec $real \"$@\"");
-    startService({},
-                 {{"LD_PRELOAD", preloadable(QNT_LIMITS)}, {"QNT_NO_PROCESS", folder / "none"}});
+    startPreloaded({{"QNT_NO_PROCESS", folder / "none"}});
     std::string id = "TAGa";
     for (const Break& each : kBreaks) {
         SCOPED_TRACE(each.what);

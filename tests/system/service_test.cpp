@@ -273,7 +273,7 @@ TEST_F(ServiceTest, RoomThatTheHostAsksForAndDoesNotFillCostsNoMemory) {
 }
 
 TEST_F(ServiceTest, WithoutItsSecondWorkerTheServiceFails) {
-    startService({}, {{"LD_PRELOAD", preloadable(QNT_LIMITS)}, {"QNT_ONE_THREAD", ""}});
+    startPreloaded({{"QNT_ONE_THREAD", ""}});
     EXPECT_EQ(serviceEnds(), 1);
     EXPECT_THAT(records(), ElementsAre("starting . . .", "Open Kavelink link was opened.",
                                        "Opened /proc/driver/qnt_kl",

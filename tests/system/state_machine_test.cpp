@@ -116,12 +116,10 @@ TEST_F(StateMachineTest, EachAnswerIsFollowedByItsRequest) {
 }
 
 TEST_F(StateMachineTest, AnAddStaysPendingUntilTheNextCommandWhichIsDropped) {
-    const std::string sleeps = folder / "sleeps";
-    setenv("QNT_SLEEPS", sleeps.c_str(), 1);
+    g_sleeps.clear();
     EXPECT_EQ(commands.pendingTimeLeft(), 0xFFFFFFFF);
     ASSERT_TRUE(commanded(sim::addPrinter("TAG1002")));
-    unsetenv("QNT_SLEEPS");
-    EXPECT_EQ(contents(sleeps).size(), 120 * std::string("1\n").size());
+    EXPECT_EQ(g_sleeps, std::vector(120, 1U));
     EXPECT_THAT(records(), Contains("Cannot get name for printer with id=TAG1002"));
     EXPECT_EQ(request(), sayPending());
     for (const auto& [passed, left] : {std::pair{0, 120U}, {119, 1U}, {1, 0U}, {1, 0U}}) {

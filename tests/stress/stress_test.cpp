@@ -1,0 +1,322 @@
+// Stress on the unmodified service: stops at any moment, mutated answers, and a soak test.
+//
+// QNT_ROUNDS or QNT_MINUTES sets how long, QNT_START which random moments and answers.
+
+#include <sys/prctl.h>
+#include <sys/wait.h>
+
+#include <random>
+
+#include "tests/support/fixture.h"
+
+namespace qnt {
+namespace {
+
+using sim::Fault;
+using Clock = std::chrono::steady_clock;
+
+unsigned long setting(const char* variable, unsigned long otherwise) {
+    const char* text = std::getenv(variable);
+    return text != nullptr ? std::stoul(text) : otherwise;
+}
+
+class Stress : public GuestTest {
+protected:
+    unsigned below(unsigned limit) { return static_cast<unsigned>(random() % limit); }
+
+    // QNT_MINUTES long, or so many rounds; until one fails.
+    void repeat(unsigned long rounds, const std::function<void()>& round) {
+        const unsigned long minutes = setting("QNT_MINUTES", 0);
+        const auto end = Clock::now() + minutes * 1min;
+        unsigned long done = 0;
+        while ((minutes != 0 ? Clock::now() < end : done < setting("QNT_ROUNDS", rounds)) &&
+               !HasFailure()) {
+            round();
+            ++done;
+        }
+        std::printf("%lu rounds\n", done);
+    }
+
+    // The service with sleeps that last a fiftieth.
+    void startHurried(std::map<std::string, std::string> variables) {
+        variables["QNT_HURRY"] = "";
+        std::ofstream(kLog, std::ios::trunc).flush();
+        startPreloaded(variables, {"-v"});
+    }
+
+    std::mt19937 random{static_cast<unsigned>(setting("QNT_START", 1))};
+};
+
+class Stops : public Stress {
+protected:
+    Stops() { prctl(PR_SET_CHILD_SUBREAPER, 1); }  // what the service leaves is found here
+
+    // Starts the service and everything that it does: an add, a rename, a deletion, a default, a
+    // report.
+    void work(sim::SimulatedHost& host, std::map<std::string, std::string> variables = {}) {
+        addQueue("Old", "TAG8");
+        addQueue("Kept", "TAG9");
+        host.setDefault("TAG9");
+        variables["QNT_CHILD_LEFT"] = folder / "child left";
+        startHurried(variables);
+        ASSERT_TRUE(eventually(
+            [&] { return !host.exchanges(GetPrintingCmd).empty() || serviceEnds(0ms) >= 0; }));
+        sim::Process({"lpadmin", "-x", "Old"}).wait(10s);
+        host.plug("TAG1", "Office " + std::to_string(below(3)));
+        host.sendPrinterList();
+        host.send(sim::addPrinter("TAG1"));
+        host.send(
+            sim::printerList({{"TAG1", "Lab"}, {"TAG9", "Kept " + std::to_string(below(3))}}));
+        host.setDefault("TAG1");
+        host.send(sim::deletePrinter("TAG9"));
+    }
+
+    void expectOrderlyEnd(const sim::SimulatedHost& host) {
+        EXPECT_EQ(serviceEnds(20s), 0) << contents(folder / "output");
+        const auto messages = host.statusMessages();
+        EXPECT_EQ(messages.empty() ? "" : sim::statusState(messages.back()), "stopped");
+        const std::string moved = kLog + std::string(".1");
+        EXPECT_TRUE((contents(moved) + contents(kLog)).ends_with("closed, rc = 0\n"));
+        EXPECT_EQ(contents(folder / "child left"), "");
+        const auto livingChildren = [] {  // of this process, except cupsd
+            return sim::commandOutput("ps -o stat=,args= --ppid " + std::to_string(getpid()) +
+                                      " | grep -v -e ^Z -e cupsd -e 'ps -o'");
+        };
+        EXPECT_TRUE(eventually([&] { return livingChildren().empty(); })) << livingChildren();
+        fs::remove(moved);
+    }
+};
+
+TEST_F(Stops, AtRandomMomentsAreOrderly) {
+    repeat(QNT_SANITIZED ? 10 : 25, [&] {
+        sim::SimulatedHost host;
+        work(host);
+        std::this_thread::sleep_for(std::chrono::microseconds(below(900'000)));
+        if (below(2) == 0)
+            fs::rename(kLog, kLog + std::string(".1"));
+        for (unsigned signals = below(4) == 0 ? 1000 : 1; signals > 0; --signals)
+            service->signal(below(2) == 0 ? SIGTERM : SIGINT);
+        expectOrderlyEnd(host);
+    });
+}
+
+#ifdef __SANITIZE_THREAD__
+TEST_F(Stops, AtEachCancellationPointOfTheWorkersAreOrderly) {
+    const std::pair<const char*, int> points[] = {
+        {" sleep", 6}, {" write", 4}, {" fgets", 9}, {" waitid", 9}, {" nanosleep", 2}};
+    for (const auto& [name, times] : points)
+        for (int number = 1; number <= times && !HasFailure(); ++number) {
+            SCOPED_TRACE(std::to_string(number) + name);
+            sim::SimulatedHost host;
+            work(host, {{"QNT_STOP_AT", std::to_string(number) + name}});
+            expectOrderlyEnd(host);
+        }
+}
+#elif QNT_SANITIZED
+
+// Mutated answers, lengths, statuses and sizes. The service may end its run with the record of a
+// failed step; it may not crash, hang, leak or change another's queue.
+class Conversation : public Stress {
+protected:
+    std::string text() {
+        const char* const known[] = {"TAG1", "TAG2", "OWN1", "Office Laser", "Front Desk", ""};
+        if (below(8) != 0)
+            return known[below(std::size(known))];
+        std::string bytes(below(50), ' ');
+        std::ranges::generate(bytes, [&] { return static_cast<char>(below(256)); });
+        return bytes;
+    }
+
+    Bytes command() {
+        sim::HostCommand command{1 + below(6), text(), {}};
+        for (unsigned entries = below(4); entries > 0; --entries)
+            command.printers.push_back({text(), text()});
+        return sim::encodeAnswer(command, below(100));
+    }
+
+    void mutate(Bytes& bytes) {
+        const std::uint32_t edges[] = {0, 12, 80, 0x7FFFFFFF, 0x80000000, 0xFFFFFFF0, ~0U};
+        const std::size_t at = below(static_cast<unsigned>(bytes.size()));
+        if (const unsigned kind = below(3); kind == 0)
+            bytes[at] ^= static_cast<std::uint8_t>(1 << below(8));
+        else if (kind == 1)
+            bytes.resize(1 + at + below(2) * below(300), static_cast<std::uint8_t>(below(256)));
+        else if (const std::size_t field = at / 4 * 4; field + 4 <= bytes.size())
+            writeU32(&bytes[field], edges[below(std::size(edges))] + below(3));
+    }
+
+    // What a request gets: its answer, of which so many of a hundred are mutated, or something
+    // else.
+    Fault fault(Bytes answer, unsigned mutated) {
+        const std::uint32_t sizes[] = {1, 19, 79, 80, 108, 500, 5000, 1 << 20, 1 << 27};
+        const std::uint32_t errors[] = {EINTR, EIO, ENODEV, EFAULT};
+        const unsigned kind = below(100);
+        if (kind < 3)
+            return {Fault::Kind::kCancel, 0, {}};
+        if (kind < 6)
+            return {Fault::Kind::kStatus, below(4) != 0 ? below(9) : below(~0U), {}};
+        if (kind < 9)
+            return {Fault::Kind::kWriteError, errors[below(std::size(errors))], {}};
+        if (kind < 30)
+            return {Fault::Kind::kAskFor, kind < 10 ? ~0U : sizes[below(std::size(sizes))], {}};
+        for (unsigned changes = kind < 30 + mutated ? 1 + below(4) : 0; changes > 0; --changes)
+            mutate(answer);
+        return {Fault::Kind::kRaw, 0, std::move(answer)};
+    }
+
+    static void deleteQueues() {
+        sim::commandOutput(
+            "lpstat -e | grep -av ^Foreign | xargs -r -d '\\n' -n 1 lpadmin -x 2>&-");
+    }
+
+    void conversation() {
+        sim::SimulatedHost host;
+        host.fault(sim::kRunLoopRequest, {Fault::Kind::kAskFor, 1000, {}});
+        for (int i = 0; i < 60; ++i)
+            host.fault(sim::kRunLoopRequest, fault(command(), 10));
+        for (int i = 0; i < 40; ++i)
+            host.fault(GetDefaultPrinter, fault(sim::encodeDefaultPrinter(text(), below(9)), 50));
+        if (below(3) == 0)
+            host.fault(UserDeletedPrinters, fault(command(), 50));
+        host.plug("TAG1", text());
+        startHurried({{"ASAN_OPTIONS", std::getenv("ASAN_OPTIONS") + kSanitizer}});
+        if (below(3) == 0)
+            deleteQueues();
+        const auto hasEnded = [&] { return serviceEnds(0ms) >= 0; };
+        EXPECT_TRUE(eventually(
+            [&] { return hasEnded() || (host.isIdle() && host.waiting(GetDefaultPrinter) != 0); },
+            60s));
+        const int expected = hasEnded() ? 1 : 0;
+        EXPECT_EQ(expected == 1 ? serviceEnds() : stopService(20s), expected)
+            << contents(folder / "output");
+        const std::string log = contents(kLog);
+        EXPECT_TRUE(log.ends_with("closed, rc = " + std::to_string(expected) + '\n'));
+        EXPECT_EQ(log.find("Error in state machine execution\n") != log.npos, expected == 1);
+        host.unplug("TAG1");
+        exchanges += host.exchanges().size();
+    }
+
+    const std::string kSanitizer =
+        ":exitcode=99:allocator_may_return_null=1:max_allocation_size_mb=200";
+    std::size_t exchanges = 0;
+};
+
+TEST_F(Conversation, OfMutatedAnswersIsSurvivedOrEndedInOrder) {
+    sim::commandOutput("lpadmin -p Foreign_usb -v 'usb://Other/Laser?serial=OWN1'");
+    sim::commandOutput("lpadmin -p Foreign_net -v ipp://127.0.0.1:9/print");
+    const std::string list = "lpstat -v | grep -a ^device.for.Foreign";
+    const std::string foreign = sim::commandOutput(list);
+    ASSERT_EQ(std::ranges::count(foreign, '\n'), 2);
+    repeat(6, [&] {
+        conversation();
+        EXPECT_EQ(sim::commandOutput(list), foreign);
+        deleteQueues();
+    });
+    std::printf("%zu exchanges\n", exchanges);
+}
+#else
+
+struct Usage {
+    long exchanges, kilobytes, descriptors, threads, zombies, logBytes;
+};
+
+// A busy conversation for QNT_MINUTES, a quarter of it without changes to CUPS.
+class Soak : public Stress {
+protected:
+    Soak() {
+        startService();
+        settle();
+    }
+
+    void settle() {
+        ASSERT_TRUE(host.waitUntil([&] { return host.isIdle(); }));
+    }
+
+    // What is open or has ended for a moment only, while a worker lists the queues, does not count.
+    Usage usage() const {
+        const std::string pid = std::to_string(service->pid());
+        long descriptors = 1000, zombies = 1000;
+        for (int look = 0; look < 20; ++look) {
+            const fs::directory_iterator open("/proc/" + pid + "/fd");
+            descriptors = std::min<long>(descriptors, std::distance(begin(open), end(open)));
+            zombies = std::min(zombies, std::stol(sim::commandOutput("ps -o stat= --ppid " + pid +
+                                                                     " | grep -c ^Z")));
+        }
+        const std::string status = contents("/proc/" + pid + "/status");
+        const auto field = [&](const std::string& name) {
+            return std::stol(status.substr(status.find(name) + name.size()));
+        };
+        return {exchanges,         field("RssAnon:"), descriptors,
+                field("Threads:"), zombies,           static_cast<long>(fs::file_size(kLog))};
+    }
+
+    // Takes the usage after each tenth of the time, the first of which is for warming up.
+    void soak(int quarters, const std::function<void(int round)>& converse) {
+        const auto time = std::max<Milliseconds>(setting("QNT_MINUTES", 0) * 1min, 12s);
+        std::vector<Usage> usages;
+        std::puts("exchanges kB anonymous  descriptors  threads  zombies  log bytes");
+        for (int round = 0; usages.size() < 10;) {
+            const auto end = Clock::now() + time * quarters / 40;
+            do
+                converse(round++);
+            while (Clock::now() < end && !HasFatalFailure());
+            const Usage now = usages.emplace_back(usage());
+            std::printf("%9ld %12ld %12ld %8ld %8ld %10ld\n", now.exchanges, now.kilobytes,
+                        now.descriptors, now.threads, now.zombies, now.logBytes);
+        }
+        const Usage &start = usages[0], &middle = usages[4], &end = usages[9];
+        EXPECT_LE(end.kilobytes - middle.kilobytes, 128);
+        EXPECT_EQ(end.descriptors, start.descriptors);
+        EXPECT_EQ(end.threads, 3);
+        EXPECT_EQ(end.zombies, 0);
+        const auto logGrowth = [](const Usage& from, const Usage& to) {
+            return 10'000. * static_cast<double>(to.logBytes - from.logBytes) /
+                   static_cast<double>(to.exchanges - from.exchanges);
+        };
+        EXPECT_LE(logGrowth(middle, end), logGrowth(start, middle) * 2);
+        std::printf("growth in the second half: %ld kB, %.0f bytes of log per 10,000 exchanges\n",
+                    end.kilobytes - middle.kilobytes, logGrowth(middle, end));
+        EXPECT_EQ(stopService(), 0);
+    }
+
+    std::atomic<long> exchanges = 0;
+    sim::SimulatedHost host{[this](const std::string&) { ++exchanges; }};
+};
+
+TEST_F(Soak, WithoutAChangeToCups) {
+    addQueue("Office", "TAG1");
+    host.setDefault("TAG1");
+    soak(1, [&](int round) {
+        for (std::uint32_t room = 80; room < 980; room += 10)
+            host.fault(sim::kRunLoopRequest, {Fault::Kind::kAskFor, room, {}});
+        host.fault(GetDefaultPrinter,
+                   {Fault::Kind::kAskFor, 80 + static_cast<unsigned>(round % 9), {}});
+        host.send({9, "", {}});
+        host.send(sim::printerList({{"TAG1", "Office"}, {"TAG8", "Front Desk"}}));
+        host.send(sim::deletePrinter("TAG7"));
+        settle();
+    });
+}
+
+TEST_F(Soak, WithChangesToCups) {
+    soak(3, [&](int round) {
+        const std::string id = "TAG" + std::to_string(round % 4);
+        host.plug(id, "Office " + std::to_string(round % 3));
+        host.send(sim::addPrinter(id));
+        host.setDefault(id);
+        settle();
+        host.rename(id, "Desk " + std::to_string(round % 3));
+        host.sendPrinterList();
+        settle();
+        if (round % 2 == 0)
+            sim::commandOutput("lpstat -e | tail -n 1 | xargs lpadmin -x");
+        host.send(sim::deletePrinter(id));
+        host.unplug(id);
+        host.send(sim::deleteOffline());
+        settle();
+    });
+}
+#endif
+
+}  // namespace
+}  // namespace qnt

@@ -1,0 +1,139 @@
+// Preloaded into the service; these variables of the environment choose what it does:
+//
+//   QNT_SLEEPS      sleep() returns at once and adds a line, its seconds, to this file
+//   QNT_HURRY       sleep()'s seconds last a fiftieth
+//   QNT_STOP_AT     e.g. "3 fgets": at the workers' third call of fgets() the process gets SIGTERM,
+//                   and the worker stays there until it is cancelled
+//   QNT_CHILD_LEFT  a child that is left when the service exits is noted in this file
+//   QNT_ONE_THREAD  pthread_create() fails from the second thread on
+//   QNT_NO_PROCESS  posix_spawn() fails while this file exists
+//
+// In a service with the address sanitizer, the sanitizer's own write(), fgets(), waitid() and
+// posix_spawn() are called instead.
+
+#include <dlfcn.h>
+#include <pthread.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+
+namespace {
+
+constexpr long kSlice = 1000;  // microseconds
+
+template <typename Function>
+Function* next(const char* name) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+bool isCancellable() {
+    int state = PTHREAD_CANCEL_DISABLE;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
+    pthread_setcancelstate(state, nullptr);
+    return state == PTHREAD_CANCEL_ENABLE;
+}
+
+// The thread sanitizer loses track of a thread that is cancelled inside a waiting call, so the
+// cancellation comes between two of them.
+void waitSlices(long slices) {
+    for (; slices > 0; --slices) {
+        int state = PTHREAD_CANCEL_DISABLE;
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
+        next<decltype(usleep)>("usleep")(kSlice);
+        pthread_setcancelstate(state, nullptr);
+        pthread_testcancel();
+    }
+}
+
+void cancellationPoint(const char* name) {
+    static const char* const stopAt = std::getenv("QNT_STOP_AT");
+    static std::atomic<int> calls = 0;
+    if (stopAt == nullptr || gettid() == getpid() || !isCancellable())
+        return;
+    char* wanted = nullptr;
+    const long number = std::strtol(stopAt, &wanted, 10);
+    if (std::strcmp(wanted + 1, name) != 0 || ++calls != number)
+        return;
+    kill(getpid(), SIGTERM);
+    for (;;)
+        waitSlices(1);
+}
+
+struct AtExit {
+    ~AtExit() {
+        const char* file = std::getenv("QNT_CHILD_LEFT");
+        if (file != nullptr && std::strcmp(program_invocation_short_name, "qntspooler") == 0 &&
+            waitpid(-1, nullptr, WNOHANG) != -1)
+            std::ofstream(file) << "a child is left\n";
+    }
+} atExit;
+
+}  // namespace
+
+extern "C" {
+
+unsigned sleep(unsigned seconds) {
+    cancellationPoint("sleep");
+    if (const char* file = std::getenv("QNT_SLEEPS"))
+        std::ofstream(file, std::ios::app) << seconds << std::endl;
+    else
+        waitSlices(seconds * (std::getenv("QNT_HURRY") != nullptr ? 20L : 1000L));
+    return 0;
+}
+
+// The wait for the tool's mutex.
+int nanosleep(const timespec* time, timespec*) {
+    cancellationPoint("nanosleep");
+    waitSlices(time->tv_sec * 1000 + time->tv_nsec / 1'000'000);
+    return 0;
+}
+
+ssize_t write(int descriptor, const void* bytes, size_t size) {
+    static const auto call = next<decltype(write)>("write");
+    cancellationPoint("write");
+    return call(descriptor, bytes, size);
+}
+
+char* fgets(char* line, int size, FILE* stream) {
+    static const auto call = next<decltype(fgets)>("fgets");
+    cancellationPoint("fgets");
+    return call(line, size, stream);
+}
+
+int waitid(idtype_t kind, id_t id, siginfo_t* info, int options) {
+    static const auto call = next<decltype(waitid)>("waitid");
+    cancellationPoint("waitid");
+    info->si_pid = 0;
+    int result = 0;
+    while ((result = call(kind, id, info, options | WNOHANG)) == 0 && info->si_pid == 0)
+        waitSlices(1);
+    return result;
+}
+
+int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*entry)(void*),
+                   void* argument) noexcept {
+    static const auto call = next<decltype(pthread_create)>("pthread_create");
+    static int threads = 0;
+    return ++threads > 1 && std::getenv("QNT_ONE_THREAD") != nullptr
+               ? EAGAIN
+               : call(thread, attributes, entry, argument);
+}
+
+int posix_spawn(pid_t* pid, const char* path, const posix_spawn_file_actions_t* actions,
+                const posix_spawnattr_t* attributes, char* const* words, char* const* variables) {
+    static const auto call = next<decltype(posix_spawn)>("posix_spawn");
+    const char* none = std::getenv("QNT_NO_PROCESS");
+    return none != nullptr && access(none, F_OK) == 0
+               ? EAGAIN
+               : call(pid, path, actions, attributes, words, variables);
+}
+}
