@@ -1,11 +1,11 @@
-# What the scripts share: getting what they need, or saying in one sentence what is missing.
-# Sourced by bash scripts right after their cd to the repository's root.
+# Functions that the scripts share: installing what they need, and building. Sourced by bash scripts
+# after they have changed to the root of the repository.
 
 # shellcheck shell=bash
-# shellcheck disable=SC2034 # the lists are for those who source this
+# shellcheck disable=SC2034 # used by the scripts
 readonly missing_exit_code=69 # EX_UNAVAILABLE of sysexits.h
 readonly started_in=${OLDPWD-$PWD}
-PATH=$PATH:/usr/sbin:/sbin # a root shell made by su may lack them, and lpadmin is there
+PATH=$PATH:/usr/sbin:/sbin # for lpadmin; a root shell started by su may lack them
 
 build_packages=(cmake g++ libfuse3-dev ninja-build pkg-config)
 cups_packages=(cups cups-client printer-driver-postscript-hp)
@@ -13,12 +13,13 @@ guest_packages=(fuse3 procps)
 test_packages=(clang clang-format clang-tidy dpkg-dev libbenchmark-dev libclang-rt-dev
     libgmock-dev libgtest-dev libspdlog-dev mandoc shellcheck systemd)
 
+# missing SENTENCE: ends the script because the machine lacks something.
 missing() {
     echo "$(basename "$0"): $1" >&2
     exit "$missing_exit_code"
 }
 
-# user_path PATH: prints the absolute path of what the script's user calls PATH.
+# user_path PATH: prints the absolute path of PATH, relative to where the script was started.
 user_path() {
     case $1 in
         /*) echo "$1" ;;
@@ -26,7 +27,7 @@ user_path() {
     esac
 }
 
-# Installs those of the Debian packages that are not there yet.
+# require_packages PACKAGE...: installs the Debian packages that are not installed yet.
 require_packages() {
     local absent=() package
     for package; do
@@ -43,22 +44,22 @@ require_packages() {
     rm -f /tmp/qnt-install.$$
 }
 
-# find_clang_tool TOOL: sets clang_tool to TOOL of the version that the project's format and checks
-# are defined by; other versions judge otherwise.
+# find_clang_tool TOOL: sets clang_tool to TOOL in the version that the project uses. Other versions
+# give other results.
 find_clang_tool() {
     local version=14
     for clang_tool in "$1-$version" "$1"; do
         ! "$clang_tool" --version 2>/dev/null | grep -q "version $version\." || return 0
     done
-    missing "not run, as it is for $1 $version"
+    missing "not run, as $1 $version is not installed"
 }
 
-# What a simulated guest needs of the kernel.
+# Ends the script if the kernel does not support a simulated guest.
 require_guest_kernel() {
     [ "$(id -u)" = 0 ] || missing "root is needed for a private mount namespace"
     unshare -m true 2>/dev/null || missing "the kernel refuses a private mount namespace"
-    [ -c /dev/fuse ] || missing "/dev/fuse is missing, so the request device can't be played"
-    [ -d /proc/driver ] || missing "/proc/driver is missing, so there is no place for the device"
+    [ -c /dev/fuse ] || missing "/dev/fuse is missing, so the request device can't be simulated"
+    [ -d /proc/driver ] || missing "/proc/driver is missing, so the device can't be mounted there"
 }
 
 # make_root RELEASE FOLDER [PACKAGE...]: makes a minimal Debian root, from the mirror and with the
