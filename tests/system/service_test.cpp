@@ -105,7 +105,9 @@ TEST_F(ServiceTest, AQueueThatTheUserDeletesIsReportedOnceWhileTwoMoreExchangesW
     startService();
     ASSERT_TRUE(isIdle());
     sim::commandOutput("lpadmin -x Old");
-    EXPECT_TRUE(host.waitUntil([&] { return host.waiting(UserDeletedPrinters) == 1; }, 2s));
+    EXPECT_TRUE(host.waitUntil([&] {
+        return host.waiting(UserDeletedPrinters) == 1 && host.waiting(GetDefaultPrinter) == 1;
+    }));
     std::set<pid_t> waiting;
     for (const sim::Exchange& exchange : host.exchanges()) {
         if (!exchange.status)
