@@ -1,7 +1,5 @@
 #include "tests/support/private_cups.h"
 
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 
 #include <array>
@@ -9,35 +7,10 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <stdexcept>
 
-#include "posix/unique_fd.h"
-
 namespace sim {
-namespace {
-
-constexpr std::chrono::seconds kCupsStartTime(20);
-constexpr std::chrono::seconds kCupsStopTime(10);
-constexpr std::chrono::milliseconds kCupsPollInterval(20);
-
-sockaddr_un socketAddress(const std::string& path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path)
-        throw std::runtime_error("The path of a socket is too long: " + path);
-    std::memcpy(address.sun_path, path.c_str(), path.size());
-    return address;
-}
-
-bool answersAt(const std::string& path) {
-    const sockaddr_un address = socketAddress(path);
-    const qnt::UniqueFd client(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    return connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-}
-
-}  // namespace
 
 PrivateCups::PrivateCups(const std::string& folder)
     : m_folder(std::filesystem::absolute(folder).string()) {
@@ -59,16 +32,15 @@ std::string PrivateCups::socketPath() const {
 void PrivateCups::start() {
     m_daemon.emplace(std::vector<std::string>{QNT_PRIVATE_CUPS, m_folder},
                      std::map<std::string, std::string>{}, m_folder + "/cupsd.out");
-    const auto deadline = std::chrono::steady_clock::now() + kCupsStartTime;
-    while (!answersAt(socketPath())) {
-        if (m_daemon->wait(kCupsPollInterval) || std::chrono::steady_clock::now() > deadline)
+    for (int tries = 0; commandOutput("lpstat -r 2>&1") != "scheduler is running\n"; ++tries) {
+        if (tries == 200 || m_daemon->wait(std::chrono::milliseconds(50)))
             throw std::runtime_error("cupsd does not start; see " + m_folder + "/cupsd.out");
     }
 }
 
 void PrivateCups::stop() {
     m_daemon->signal(SIGTERM);
-    if (!m_daemon->wait(kCupsStopTime))
+    if (!m_daemon->wait(std::chrono::seconds(10)))
         throw std::runtime_error("cupsd does not stop");
 }
 

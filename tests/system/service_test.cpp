@@ -6,7 +6,6 @@
 
 #include "protocol/little_endian.h"
 #include "tests/support/fixture.h"
-#include "tests/support/hypervisor.h"
 
 namespace qnt {
 namespace {
@@ -282,31 +281,6 @@ TEST_F(ServiceTest, WithoutItsSecondWorkerTheServiceFails) {
                                        "Failed to start thread 'SetDefaultPrinter'",
                                        "Open Kavelink link was closed.", "closed, rc = 1"));
     EXPECT_THAT(host.statusMessages(), ElementsAre(SizeIs(209), SizeIs(111)));
-}
-
-TEST_F(ServiceTest, WhereTheDeviceRefusesLinkCallsTheBackdoorTakesThem) {
-    host.setLinkMode(sim::LinkMode::kRefuse);
-    for (const bool isItsHypervisor : {false, true}) {
-        sim::Hypervisor hypervisor;
-        if (!isItsHypervisor)
-            hypervisor.probeAnswer.rax = 7;
-        hypervisor.probeAnswer.rcx = 100;  // so "initialized" takes three transfers, "stopped" two
-        hypervisor.transfers = {{0, 2}, {0, 2}, {0, 0}, {0, 2}, {0, 0}};
-        std::atomic<pid_t> process = 0;
-        const std::jthread stop([&] {
-            if (isItsHypervisor && isIdle())
-                kill(process, SIGTERM);
-        });
-        // The sanitizer's leak check can't work under a tracer.
-        const auto sanitizer = std::getenv("ASAN_OPTIONS") + std::string(":detect_leaks=0");
-        EXPECT_EQ(runUnder(hypervisor, {QNT_SERVICE}, {{"ASAN_OPTIONS", sanitizer}}, process),
-                  isItsHypervisor ? 0 : 1);
-        EXPECT_EQ(records().at(1), isItsHypervisor ? "Open Kavelink link was opened."
-                                                   : "Could not open link to Open Kavelink: -5");
-        EXPECT_EQ(hypervisor.input,
-                  isItsHypervisor ? documented("initialized") + documented("stopped") : Bytes());
-        fs::resize_file(kLog, 0);
-    }
 }
 
 }  // namespace

@@ -1,11 +1,17 @@
 #include <gtest/gtest.h>
+#include <ucontext.h>
 
+#include <array>
+#include <bit>
 #include <csignal>
 
 #include "hostlink/kavelink.h"
+#include "hostlink/rdpmc.h"
 
 namespace qnt {
 namespace {
+
+using Registers = std::array<std::uint64_t, 6>;
 
 void someHandler(int) {}
 
@@ -27,10 +33,28 @@ TEST(BackdoorGuard, SurvivesTheFaultAndRestoresDispositionsAndMask) {
             pthread_sigmask(SIG_BLOCK, nullptr, &after);
             for (const int signal : {SIGILL, SIGSEGV})
                 EXPECT_EQ(sigismember(&after, signal), sigismember(&before, signal));
+            pthread_sigmask(SIG_UNBLOCK, &faults, nullptr);
         }
         EXPECT_EQ(std::signal(SIGILL, SIG_DFL), handler);
         EXPECT_EQ(std::signal(SIGSEGV, SIG_DFL), handler);
     }
+}
+
+// The fault's handler is the hypervisor: it adds 10 to each register.
+TEST(Rdpmc, LoadsAndStoresAllSixRegisters) {
+    struct sigaction action {};
+    action.sa_flags = SA_SIGINFO;
+    action.sa_sigaction = [](int, siginfo_t*, void* context) {
+        auto& registers = static_cast<ucontext_t*>(context)->uc_mcontext.gregs;
+        for (const int name : {REG_RAX, REG_RBX, REG_RCX, REG_RDX, REG_RSI, REG_RDI})
+            registers[name] += 10;
+        registers[REG_RIP] += 2;
+    };
+    sigaction(SIGSEGV, &action, nullptr);
+    RdpmcRegisters registers{1, 2, 3, 4, 5, 6};
+    rdpmc(registers);
+    EXPECT_EQ(std::bit_cast<Registers>(registers), (Registers{11, 12, 13, 14, 15, 16}));
+    std::signal(SIGSEGV, SIG_DFL);
 }
 
 }  // namespace
