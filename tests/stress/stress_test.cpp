@@ -217,17 +217,12 @@ TEST_F(Conversation, OfMutatedAnswersIsSurvivedOrEndedInOrder) {
 }
 #else
 
-struct Usage {
-    long exchanges, kilobytes, descriptors, threads, zombies, logBytes;
-};
-
-// A busy conversation for QNT_MINUTES, a quarter of it without changes to CUPS.
+// A busy conversation: the service does not come to use more, and its log grows evenly.
 class Soak : public Stress {
 protected:
-    Soak() {
-        startService();
-        settle();
-    }
+    struct Usage {
+        long exchanges, kilobytes, descriptors, threads, zombies, logBytes;
+    };
 
     void settle() {
         ASSERT_TRUE(host.waitUntil([&] { return host.isIdle(); }));
@@ -236,47 +231,43 @@ protected:
     // What is open or has ended for a moment only, while a worker lists the queues, does not count.
     Usage usage() const {
         const std::string pid = std::to_string(service->pid());
-        long descriptors = 1000, zombies = 1000;
-        for (int look = 0; look < 20; ++look) {
-            const fs::directory_iterator open("/proc/" + pid + "/fd");
-            descriptors = std::min<long>(descriptors, std::distance(begin(open), end(open)));
-            zombies = std::min(zombies, std::stol(sim::commandOutput("ps -o stat= --ppid " + pid +
-                                                                     " | grep -c ^Z")));
-        }
+        const auto least = [](const std::string& count) {
+            long number = 1000;
+            for (int look = 0; look < 20; ++look)
+                number = std::min(number, std::stol(sim::commandOutput(count)));
+            return number;
+        };
         const std::string status = contents("/proc/" + pid + "/status");
         const auto field = [&](const std::string& name) {
             return std::stol(status.substr(status.find(name) + name.size()));
         };
-        return {exchanges,         field("RssAnon:"), descriptors,
-                field("Threads:"), zombies,           static_cast<long>(fs::file_size(kLog))};
+        const Usage now{exchanges,
+                        field("RssAnon:"),
+                        least("ls /proc/" + pid + "/fd | wc -l"),
+                        field("Threads:"),
+                        least("ps -o stat= --ppid " + pid + " | grep -c ^Z"),
+                        static_cast<long>(fs::file_size(kLog))};
+        std::printf("%ld exchanges: %ld kB, %ld descriptors, %ld zombies, %ld bytes of log\n",
+                    now.exchanges, now.kilobytes, now.descriptors, now.zombies, now.logBytes);
+        return now;
     }
 
-    // Takes the usage after each tenth of the time, the first of which is for warming up.
-    void soak(int quarters, const std::function<void(int round)>& converse) {
-        const auto time = std::max<Milliseconds>(setting("QNT_MINUTES", 0) * 1min, 12s);
+    // A fifth of the time for warming up, then two halves.
+    void soak(Milliseconds shortly, const std::function<void(int round)>& converse) {
+        const auto time = std::max<Milliseconds>(setting("QNT_MINUTES", 0) * 30s, shortly);
         std::vector<Usage> usages;
-        std::puts("exchanges kB anonymous  descriptors  threads  zombies  log bytes");
-        for (int round = 0; usages.size() < 10;) {
-            const auto end = Clock::now() + time * quarters / 40;
-            do
-                converse(round++);
-            while (Clock::now() < end && !HasFatalFailure());
-            const Usage now = usages.emplace_back(usage());
-            std::printf("%9ld %12ld %12ld %8ld %8ld %10ld\n", now.exchanges, now.kilobytes,
-                        now.descriptors, now.threads, now.zombies, now.logBytes);
+        for (int round = 0; const int fifths : {1, 2, 2}) {
+            for (const auto end = Clock::now() + time * fifths / 5; Clock::now() < end; ++round)
+                converse(round);
+            usages.push_back(usage());
         }
-        const Usage &start = usages[0], &middle = usages[4], &end = usages[9];
+        const auto& [start, middle, end] = std::tie(usages[0], usages[1], usages[2]);
         EXPECT_LE(end.kilobytes - middle.kilobytes, 128);
         EXPECT_EQ(end.descriptors, start.descriptors);
         EXPECT_EQ(end.threads, 3);
         EXPECT_EQ(end.zombies, 0);
-        const auto logGrowth = [](const Usage& from, const Usage& to) {
-            return 10'000. * static_cast<double>(to.logBytes - from.logBytes) /
-                   static_cast<double>(to.exchanges - from.exchanges);
-        };
-        EXPECT_LE(logGrowth(middle, end), logGrowth(start, middle) * 2);
-        std::printf("growth in the second half: %ld kB, %.0f bytes of log per 10,000 exchanges\n",
-                    end.kilobytes - middle.kilobytes, logGrowth(middle, end));
+        EXPECT_LE((end.logBytes - middle.logBytes) / (end.exchanges - middle.exchanges),
+                  (middle.logBytes - start.logBytes) / (middle.exchanges - start.exchanges) * 2);
         EXPECT_EQ(stopService(), 0);
     }
 
@@ -287,7 +278,8 @@ protected:
 TEST_F(Soak, WithoutAChangeToCups) {
     addQueue("Office", "TAG1");
     host.setDefault("TAG1");
-    soak(1, [&](int round) {
+    startService();
+    soak(3s, [&](int round) {
         for (std::uint32_t room = 80; room < 980; room += 10)
             host.fault(sim::kRunLoopRequest, {Fault::Kind::kAskFor, room, {}});
         host.fault(GetDefaultPrinter,
@@ -300,7 +292,8 @@ TEST_F(Soak, WithoutAChangeToCups) {
 }
 
 TEST_F(Soak, WithChangesToCups) {
-    soak(3, [&](int round) {
+    startService();
+    soak(9s, [&](int round) {
         const std::string id = "TAG" + std::to_string(round % 4);
         host.plug(id, "Office " + std::to_string(round % 3));
         host.send(sim::addPrinter(id));
