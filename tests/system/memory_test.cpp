@@ -2,13 +2,11 @@
 // the second one, and so on. The shell is real; host and CUPS are simulated.
 
 #include <gtest/gtest.h>
-#include <spawn.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -46,29 +44,19 @@ const char* __asan_default_options() {
     return "use_sigaltstack=0";
 }
 
-// The calls of the service and of libstdc++; the linker's --wrap leads here.
+// The calls of the service and of operator new; the linker's --wrap leads here.
 #define QNT_MAY_FAIL(type, name, failure, parameters, arguments) \
     type __real_##name parameters;                               \
     type __wrap_##name parameters {                              \
         return fails() ? failure : __real_##name arguments;      \
     }
+QNT_MAY_FAIL(void*, malloc, nullptr, (std::size_t size), (size))
 QNT_MAY_FAIL(void*, realloc, nullptr, (void* old, std::size_t size), (old, size))
 QNT_MAY_FAIL(void*, mmap, MAP_FAILED,
              (void* at, std::size_t size, int p, int flags, int fd, off_t o),
              (at, size, p, flags, fd, o))
 QNT_MAY_FAIL(void*, mremap, MAP_FAILED, (void* old, std::size_t from, std::size_t to, int flags),
              (old, from, to, flags))
-QNT_MAY_FAIL(std::FILE*, fdopen, nullptr, (int fd, const char* mode), (fd, mode))
-QNT_MAY_FAIL(int, posix_spawn, ENOMEM,
-             (pid_t * pid, const char* path, const posix_spawn_file_actions_t* actions,
-              const posix_spawnattr_t* attributes, char* const* words, char* const* variables),
-             (pid, path, actions, attributes, words, variables))
-QNT_MAY_FAIL(int, posix_spawn_file_actions_adddup2, ENOMEM,
-             (posix_spawn_file_actions_t * actions, int fd, int target), (actions, fd, target))
-QNT_MAY_FAIL(int, pthread_create, EAGAIN,
-             (pthread_t * thread, const pthread_attr_t* a, void* (*entry)(void*), void* argument),
-             (thread, a, entry, argument))
-
 unsigned sleep(unsigned) {
     if (g_runsUntilPause == nullptr)
         return static_cast<unsigned>(usleep(20'000));
@@ -78,12 +66,12 @@ unsigned sleep(unsigned) {
 }
 
 [[gnu::noinline]] void* operator new(std::size_t size) {
-    void* block = fails() ? nullptr : std::malloc(size);
+    void* block = std::malloc(size);
     return block != nullptr ? block : throw std::bad_alloc();
 }
 // Paired with our operator delete, as newer sanitizers check.
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    return fails() ? nullptr : std::malloc(size);
+    return std::malloc(size);
 }
 [[gnu::noinline]] void operator delete(void* block) noexcept {
     std::free(block);
@@ -224,8 +212,6 @@ TEST_F(Memory, AFailureInAnyThreadIsLoggedAndLosesNothing) {
                   tool.stop();
               }),
               (Logs{"", kStep, "F Not enough memory to init m_bufferCmd\n",
-                    "F Failed to start thread 'DeletedPrinrters'\n",
-                    "F Failed to start thread 'SetDefaultPrinter'\n",
                     kNoMemory + "setDefaultPrinter\n", kNoMemory + "executeStateMachine\n" + kStep,
                     kNoRoom + "processAnswerFromHost\n" + kStep}));
 }
