@@ -90,26 +90,6 @@ TEST_F(Cups, ListsTheQueuesOfHostPrintersAndNoOthers) {
     guest.cups->start();
 }
 
-TEST_F(Cups, MatchesAnIdToTheLetterOrRefusesIt) {
-    std::istringstream words(R"(TAGx TAG. TAG.* TAG* TAGxx TAG[x] TAG\. TAG\(x\) TAG'x' TAG"x" TAG/x
-                                TAG^x$ TAG#?@&;| TAG$(x) TAG)" +
-                             std::string(891, 'x'));
-    QueueBindingList bindings;
-    for (std::string id; words >> id;)
-        bindings.push_back({id, "Q" + std::to_string(bindings.size())});
-    makeQueues(bindings);
-    for (const auto& [id, name] : bindings)
-        EXPECT_EQ(listed(id), id + ' ' + name + '\n');
-    for (const std::string& id :
-         {std::string("TAG x"), std::string("TAG\nx"), std::string("TAG=x"), std::string("1001"),
-          std::string("TAGx\0", 5), "TAG" + std::string(892, 'x')}) {
-        EXPECT_EQ(listed(id), "refused") << id;
-        std::string name = "New";
-        addPrinter(name, id);
-        EXPECT_EQ(name, "");
-    }
-}
-
 TEST_F(Cups, FindsAUsbProductBySerial) {
     const auto device = [](const char* name, const char* serial, const char* product) {
         const fs::path path = fs::path(sim::kUsbDevicesFolder) / name;

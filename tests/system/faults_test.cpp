@@ -1,5 +1,5 @@
-// Broken surroundings, one after the other in a single life of the unmodified service: what it
-// records while something is broken, and that it is back at work by itself once that is mended.
+// Failing surroundings, one after the other in a single run of the unmodified service: what it logs
+// meanwhile, and that it works again by itself afterwards.
 
 #include <gmock/gmock.h>
 
@@ -10,48 +10,60 @@ namespace {
 
 using testing::Contains;
 
-// Shell commands break and mend; what is in the file "script" happens to lpadmin. While it is
-// broken the host sends an add, which fails with a record, waits until it is mended, or goes on.
-enum class Add { kFails, kWaits, kGoesOn };
-struct Break {
+// While something fails the host sends an add, which fails with a record, waits, or is carried out.
+enum class Add { kFails, kWaits, kIsDone };
+struct Failure {
     const char* what;
-    const char* breaks;
-    const char* mends;
-    Add add;
+    const char* lpadmin = "";  // happens to lpadmin; $CUPSD and $SERVICE are the processes
+    const char* begin = ":";   // shell commands in the test's folder
+    const char* end = ":";
+    Add add = Add::kFails;
     const char* record = "";
 };
 
-const Break kBreaks[] = {
-    {"cupsd dies in the middle of a command",
-     "echo \"\\$real \\\"\\$@\\\" & sleep .05; kill -9 $CUPSD; wait \\$!; exit\" >script",
-     "rm script", Add::kFails, "rc=256\n"},
-    {"cupsd is gone", "kill -9 $CUPSD", ":", Add::kFails, "rc=256\n"},
-    {"cupsd is frozen", "kill -STOP $CUPSD", "kill -CONT $CUPSD", Add::kWaits},
-    {"lpadmin fails", "echo exit 3 >script", "rm script", Add::kFails, "rc=768\n"},
-    {"lpadmin crashes", "echo 'kill -SEGV $$' >script", "rm script", Add::kFails, "rc=35584\n"},
-    {"lpadmin hangs", "echo sleep 3 >script", "rm script", Add::kWaits},
+const Failure kFailures[] = {
+    {.what = "cupsd dies in the middle of a command",
+     .lpadmin = R"($real "$@" & sleep .05; kill -9 $CUPSD; wait $!; exit)",
+     .record = "rc=256\n"},
+    {.what = "cupsd is gone", .begin = "kill -9 $CUPSD", .record = "rc=256\n"},
+    {.what = "cupsd is stopped",
+     .begin = "kill -STOP $CUPSD",
+     .end = "kill -CONT $CUPSD",
+     .add = Add::kWaits},
+    {.what = "lpadmin fails", .lpadmin = "exit 3", .record = "rc=768\n"},
+    {.what = "lpadmin crashes", .lpadmin = "kill -SEGV $$", .record = "rc=35584\n"},
+    {.what = "lpadmin hangs", .lpadmin = "sleep 3", .add = Add::kWaits},
 #if !QNT_SANITIZED  // there posix_spawn() is the sanitizer's
-    {"no process can be had", "touch none", "rm none", Add::kFails, "rc=32512\n"},
+    {.what = "no process can be started",
+     .begin = "touch none",
+     .end = "rm none",
+     .record = "rc=32512\n"},
 #endif
-    {"no descriptor is left", "prlimit -p $SERVICE -n3:99", "prlimit -p $SERVICE -n99:99",
-     Add::kWaits},
-    {"the log's disk is full",
-     "mount -t tmpfs -o size=16k log /var/log; ! yes >/var/log/filler && sleep 1.1",
-     "rm /var/log/filler", Add::kGoesOn},
-    {"the log's folder is locked",
-     "echo root:x:0:0::$PWD: >passwd; mount --bind passwd /etc/passwd;"
-     "mount -t tmpfs -o ro log /var/log; sleep 1.1",
-     ":", Add::kGoesOn, "addPrinter: id="},
+    {.what = "no descriptor is left",
+     .begin = "prlimit -p $SERVICE -n3:99",
+     .end = "prlimit -p $SERVICE -n99:99",
+     .add = Add::kWaits},
+    {.what = "the log's disk is full",
+     .begin = "mount -t tmpfs -o size=16k log /var/log; ! yes >/var/log/filler && sleep 1.1",
+     .end = "rm /var/log/filler",
+     .add = Add::kIsDone},
+    {.what = "the log's folder is read-only",
+     .begin = "echo root:x:0:0::$PWD: >passwd; mount --bind passwd /etc/passwd;"
+              "mount -t tmpfs -o ro log /var/log; sleep 1.1",
+     .add = Add::kIsDone,
+     .record = "addPrinter: id="},
 };
 
 class Faults : public ServiceTest {
 protected:
+    std::string variables() const {
+        return "CUPSD=" + std::to_string(guest.cups->pid()) +
+               " SERVICE=" + std::to_string(service->pid()) + "; ";
+    }
     void run(const std::string& command) {
-        const std::string variables = "cd " + folder.string() +
-                                      " && CUPSD=" + std::to_string(guest.cups->pid()) +
-                                      " SERVICE=" + std::to_string(service->pid()) + "; ";
         int status = 1;
-        sim::commandOutput(variables + command + " 2>&-", &status);
+        sim::commandOutput("cd " + folder.string() + "; " + variables() + command + " 2>&-",
+                           &status);
         EXPECT_EQ(status, 0) << command;
     }
     static void startCupsWhereItIsGone() {
@@ -70,7 +82,7 @@ protected:
         host.plug(id, "Desk " + id);
         host.send(sim::addPrinter(id));
     }
-    void expectAtWork(const std::string& id) {
+    void expectWorking(const std::string& id) {
         sendAdd(id);
         host.setDefault(id);
         expectDefault("Desk_" + id);
@@ -79,24 +91,26 @@ protected:
     }
 };
 
-TEST_F(Faults, AreOutlivedAllInOneLife) {
+TEST_F(Faults, AreSurvivedInOneRun) {
     standIn("lpadmin", "[ -e $folder/script ] && . $folder/script\nexec $real \"$@\"");
     startPreloaded({{"QNT_NO_PROCESS", folder / "none"}});
     std::string id = "TAGa";
-    for (const Break& each : kBreaks) {
+    for (const Failure& each : kFailures) {
         SCOPED_TRACE(each.what);
         fs::resize_file(kLog, 0);
-        run(each.breaks);
+        std::ofstream(folder / "script") << variables() << each.lpadmin << std::endl;
+        run(each.begin);
         sendAdd(id);
         EXPECT_TRUE(logs(each.record));
         if (each.add == Add::kWaits)
             std::this_thread::sleep_for(1500ms);
         EXPECT_EQ(each.add == Add::kWaits ? host.isIdle() : isIdle(), each.add != Add::kWaits);
-        run(each.mends);
+        fs::remove(folder / "script");
+        run(each.end);
         startCupsWhereItIsGone();
         EXPECT_TRUE(isIdle());
         EXPECT_EQ(hasQueue("Desk_" + id, id), each.add != Add::kFails);
-        expectAtWork(id + "x");
+        expectWorking(id + "x");
         ++id.back();
     }
     EXPECT_EQ(stopService(), 0);
@@ -115,7 +129,7 @@ TEST_F(Faults, ExchangesThatFailAreRepeatedEachSecond) {
     startService();
     ASSERT_TRUE(host.waitUntil([&] { return !host.exchanges(GetPrintingCmd).empty(); }));
     sim::commandOutput("lpadmin -x Old");
-    expectAtWork("TAG1");
+    expectWorking("TAG1");
     EXPECT_THAT(records(), Contains("SendRequest() failed 0").Times(7));
     EXPECT_THAT(host.exchanges(UserDeletedPrinters), testing::SizeIs(1));  // it is not repeated
     EXPECT_THAT(records(), Contains("SendRequest() was canceled").Times(testing::Ge(2)));
@@ -131,7 +145,7 @@ TEST_F(Faults, WithoutLpinfoTheFixedDriverIsTaken) {
     for (const char* tool : {"lpadmin", "lpstat", "sed", "fgrep", "grep", "head", "cut"})
         standIn(tool, "exec $real \"$@\"");
     startService({}, {{"PATH", folder / "bin"}});
-    expectAtWork("TAG1");
+    expectWorking("TAG1");
 }
 
 }  // namespace

@@ -19,8 +19,7 @@
 #include "sim/host_messages.h"
 #include "tests/support/captured_log.h"
 
-static int g_failing = -1;                             // the call that is to fail; -1: none
-static thread_local int t_callsLeft = -1;              // before it
+static thread_local int t_callsLeft = -1;              // before the one that fails; -1: none does
 static std::atomic<bool>* g_runsUntilPause = nullptr;  // cleared by the next sleep()
 
 // Nothing fails in this scope.
@@ -28,10 +27,6 @@ struct Unlimited {
     const int callsLeft = std::exchange(t_callsLeft, -1);
     ~Unlimited() { t_callsLeft = callsLeft; }
 };
-
-static void runOut() {
-    t_callsLeft = g_failing;
-}
 
 static bool fails() {
     return t_callsLeft >= 0 && t_callsLeft-- == 0;
@@ -99,121 +94,120 @@ bool answer(sim::Bytes bytes, std::uint8_t* buffer, std::uint32_t outSize) {
     return true;
 }
 
-// CUPS has one queue, of kId.
-struct Memory : testing::Test {
-    Memory() {
-        setenv("PATH", (folder + ":/usr/bin:/bin").c_str(), 1);
-        standIn("lpstat", "echo 'device for Office: usb://HP/Laser?serial=" + kId + "'");
-        standIn("lpadmin", "echo \"$1 $2\" >>" + folder + "/changes");
-        standIn("lpinfo", "echo driver HP");
-    }
-    ~Memory() override {
-        g_runsUntilPause = nullptr;
-        fs::remove_all(folder);
-    }
+void standIn(const fs::path& tool, const std::string& script) {
+    std::ofstream(tool) << "#!/bin/sh\n" << script << '\n';
+    fs::permissions(tool, fs::perms::all);
+}
 
-    void standIn(const std::string& tool, const std::string& script) const {
-        std::ofstream(folder + "/" + tool) << "#!/bin/sh\n" << script << '\n';
-        fs::permissions(folder + "/" + tool, fs::perms::all);
-    }
-    static auto openFiles() { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); }
-
-    // Runs without a failure, then with each call after runOut() failing in turn. Returns the logs.
-    // The leak sanitizer looks for lost memory at the end.
-    static std::set<std::string> failEach(const std::function<void(CPrintingTool&)>& run) {
-        std::set<std::string> logs;
-        bool failed = true;
-        for (g_failing = -1; failed; ++g_failing) {
-            SCOPED_TRACE(g_failing);
-            const CapturedLog log(0);
-            logSetSink([](const char* record, std::int32_t length) {
-                const Unlimited unlimited;
-                const bool ofFailure = strstr(record, "Not enough") != nullptr ||
-                                       strstr(record, "Error in") != nullptr ||
-                                       strstr(record, "Failed to start") != nullptr;
-                return ofFailure ? CapturedLog::keep(record, length) : length;
-            });
-            const auto filesBefore = openFiles();
-            CPrintingTool tool;
-            tool.m_running = true;
-            run(tool);
-            failed = t_callsLeft == -1;
-            t_callsLeft = -1;
-            EXPECT_TRUE(tool.m_mutex.try_lock());
-            EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child is left";
-            EXPECT_EQ(openFiles(), filesBefore);
-            logs.insert(log.text);
-        }
-        return logs;
-    }
-
-    std::string name = "/tmp/qnt-memory-XXXXXX";
-    const std::string folder = mkdtemp(name.data());
+// One of the three threads' loops: what happens before memory runs out, what in it, and after it.
+struct Role {
+    std::function<void(CPrintingTool&)> prepare, run, check;
+    std::set<std::string> logs;
 };
 
-using Logs = std::set<std::string>;
+// Runs without a failure, then with each call failing in turn. The leak sanitizer looks for lost
+// memory at the end.
+void failEach(const Role& role) {
+    const auto openFiles = [] {
+        return std::distance(fs::directory_iterator("/proc/self/fd"), {});
+    };
+    std::set<std::string> logs;
+    bool failed = true;
+    for (int failing = -1; failed; ++failing) {
+        SCOPED_TRACE(failing);
+        const CapturedLog log(0);
+        logSetSink([](const char* record, std::int32_t length) {
+            const Unlimited unlimited;
+            const bool ofFailure = strstr(record, "Not enough") || strstr(record, "Error in");
+            return ofFailure ? CapturedLog::keep(record, length) : length;
+        });
+        const auto filesBefore = openFiles();
+        CPrintingTool tool;
+        tool.m_running = true;
+        role.prepare(tool);
+        t_callsLeft = failing;
+        role.run(tool);
+        failed = t_callsLeft == -1;
+        t_callsLeft = -1;
+        role.check(tool);
+        EXPECT_TRUE(tool.m_mutex.try_lock());
+        EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child is left";
+        EXPECT_EQ(openFiles(), filesBefore);
+        logs.insert(log.text);
+    }
+    EXPECT_EQ(logs, role.logs);
+}
 
-TEST_F(Memory, AFailureInAnyThreadIsLoggedAndLosesNothing) {
-    g_host = [](std::uint8_t*, std::uint32_t) { return true; };
-    EXPECT_EQ(failEach([](CPrintingTool& tool) {
-                  tool.m_knownQueues = {{"TAG9", "Gone"}, {kId, "Office"}};
-                  g_runsUntilPause = &tool.m_running;
-                  runOut();
-                  deletedPrintersLoop(tool);
-              }),
-              (Logs{"", kNoMemory + "deletedPrintersLoop\n",
-                    kNoRoom + "fillUserDeletedPrintersRequest\n"}));
-
+TEST(Memory, AFailureInAnyThreadIsLoggedAndLosesNothing) {
+    std::string name = "/tmp/qnt-memory-XXXXXX";
+    const fs::path folder = mkdtemp(name.data()), changes = folder / "changes";
+    setenv("PATH", (folder.string() + ":/usr/bin:/bin").c_str(), 1);
+    standIn(folder / "lpstat", "echo 'device for Office: usb://HP/Laser?serial=" + kId + "'");
+    standIn(folder / "lpadmin", "echo \"$1 $2\" >>" + changes.string());
+    standIn(folder / "lpinfo", "echo driver HP");
+    // More than a page, so that the run loop has to make room for it.
+    const sim::Bytes list = sim::encodeAnswer(
+        {CmdPrinterList, "", {{kId, "Desk"}, {"TAG2", std::string(5000, 'x')}}}, 1);
     static std::atomic<bool> retries;
-    EXPECT_EQ(failEach([&](CPrintingTool& tool) {
+    std::int32_t result = 0;
+
+    failEach(
+        {[](CPrintingTool& tool) {
+             g_host = [](std::uint8_t*, std::uint32_t) { return true; };
+             tool.m_knownQueues = {{"TAG9", "Gone"}, {kId, "Office"}};
+             g_runsUntilPause = &tool.m_running;
+         },
+         deletedPrintersLoop,
+         [](CPrintingTool&) {},
+         {"", kNoMemory + "deletedPrintersLoop\n", kNoRoom + "fillUserDeletedPrintersRequest\n"}});
+    failEach({[](CPrintingTool& tool) {
+                  g_runsUntilPause = &retries;
                   g_host = [&](std::uint8_t* buffer, std::uint32_t outSize) {
                       tool.m_running = readU32(buffer + PrintingCmdHeader::kSequence) == 0;
                       return tool.m_running &&
                              answer(sim::encodeDefaultPrinter(kId, 1), buffer, outSize);
                   };
-                  g_runsUntilPause = &retries;
-                  runOut();
-                  defaultPrinterLoop(tool);
-                  const Unlimited unlimited;
+              },
+              defaultPrinterLoop,
+              [&](CPrintingTool& tool) {
                   EXPECT_EQ(tool.m_defaultPrinterId, kId);
                   EXPECT_TRUE(CapturedLog::text.empty() || tool.m_defaultPrinterPending ||
-                              fs::remove(folder + "/changes"));
-              }),
-              (Logs{"", kNoMemory + "defaultPrinterLoop\n"}));
-
-    // More than a page, so that the run loop has to make room for it.
-    const sim::Bytes list = sim::encodeAnswer(
-        {CmdPrinterList, "", {{kId, "Desk"}, {"TAG2", std::string(5000, 'x')}}}, 1);
-    g_runsUntilPause = nullptr;
-    EXPECT_EQ(failEach([&](CPrintingTool& tool) {
+                              fs::remove(changes));
+              },
+              {"", kNoMemory + "defaultPrinterLoop\n"}});
+    failEach({[&](CPrintingTool& tool) {
+                  g_runsUntilPause = nullptr;
                   g_host = [&](std::uint8_t* buffer, std::uint32_t outSize) {
-                      switch (readU32(buffer + PrintingCmdHeader::kRequestType)) {
-                          case GetPrintingCmd:
-                              tool.m_defaultPrinterId = kId;
-                              tool.m_defaultPrinterPending = true;
-                              return answer(list, buffer, outSize);
-                          case PrintingCmdAnswer:
-                              tool.m_running = false;
-                              return answer(sim::roomRequest(80), buffer, outSize);
-                          default:
-                              return false;
+                      const std::uint32_t type = readU32(buffer + PrintingCmdHeader::kRequestType);
+                      if (type == GetPrintingCmd) {
+                          tool.m_defaultPrinterId = kId;
+                          tool.m_defaultPrinterPending = true;
+                          return answer(list, buffer, outSize);
                       }
+                      if (type != PrintingCmdAnswer)
+                          return false;
+                      tool.m_running = false;
+                      return answer(sim::roomRequest(80), buffer, outSize);
                   };
+              },
+              [&](CPrintingTool& tool) {
                   try {
-                      runOut();
-                      const std::int32_t result = tool.run();
-                      const Unlimited unlimited;
-                      const bool goesOn = CapturedLog::text.empty() ||
-                                          CapturedLog::text == kNoMemory + "setDefaultPrinter\n";
-                      EXPECT_EQ(result, goesOn ? 0 : 1);
+                      result = tool.run();
                   } catch (const std::bad_alloc&) {  // the entry point reports it
+                      result = 1;
                   }
-                  const Unlimited unlimited;
+              },
+              [&](CPrintingTool& tool) {
+                  const std::string& log = CapturedLog::text;
+                  EXPECT_TRUE(result == 1 || log.empty() ||
+                              log == kNoMemory + "setDefaultPrinter\n");
+                  EXPECT_TRUE(result == 0 || log != kNoMemory + "setDefaultPrinter\n");
                   tool.stop();
-              }),
-              (Logs{"", kStep, "F Not enough memory to init m_bufferCmd\n",
-                    kNoMemory + "setDefaultPrinter\n", kNoMemory + "executeStateMachine\n" + kStep,
-                    kNoRoom + "processAnswerFromHost\n" + kStep}));
+              },
+              {"", kStep, "F Not enough memory to init m_bufferCmd\n",
+               kNoMemory + "setDefaultPrinter\n", kNoMemory + "executeStateMachine\n" + kStep,
+               kNoRoom + "processAnswerFromHost\n" + kStep}});
+    fs::remove_all(folder);
 }
 
 }  // namespace

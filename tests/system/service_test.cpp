@@ -47,52 +47,23 @@ TEST_F(ServiceTest, AHostPrinterBecomesAQueueThatFollowsItsHost) {
 }
 
 TEST_F(ServiceTest, APrinterHasOneQueueWhateverItsHostCallsIt) {
-    std::vector<std::string> names{"Bob's Printer",
-                                   R"(\\server\HP LaserJet)",
-                                   "Printer #2",
-                                   "Floor 2/West",
-                                   "Tab\there",
-                                   "B\u00fcro",
-                                   "\u30d7\u30ea\u30f3\u30bf",
-                                   std::string(150, 'l'),
-                                   "-h",
-                                   "all",
-                                   "a,b",
-                                   "'"};
-    names.emplace_back();
-    while (names.back().size() < 200)
-        names.back() += "\u00e4";
+    const std::vector<std::string> names{
+        "Bob's Printer", R"(\\server\HP LaserJet)", "Printer #2", std::string(150, 'l'), "-h", "'"};
     startService();
-    const auto deletions = [] {
-        return std::ranges::count_if(records(), [](const std::string& record) {
-            return record.starts_with("deletePrinter:");
-        });
-    };
-    std::size_t results = 0;
-    const auto sendList = [&] {
-        host.sendPrinterList();
-        ASSERT_TRUE(
-            host.waitUntil([&, next = ++results] { return host.results().size() >= next; }, 60s));
-    };
-    for (std::size_t i = 0; i < names.size(); ++i) {
-        host.plug("TAG" + std::to_string(i), names[i]);
-        host.send(sim::addPrinter("TAG" + std::to_string(i)));
-        ++results;
-    }
-    for (const bool renamed : {false, true}) {
-        for (std::size_t i = 0; renamed && i < names.size(); ++i)
-            host.rename("TAG" + std::to_string(i), "New " + names[names.size() - 1 - i]);
-        sendList();
-        const auto before = deletions();
-        sendList();
-        EXPECT_EQ(deletions(), before) << "the same list again deletes nothing";
-        for (std::size_t i = 0; i < names.size(); ++i) {
-            const std::string id = "TAG" + std::to_string(i);
-            EXPECT_EQ(sim::commandOutput("lpstat -v | grep -ac 'serial=" + id + "$'"), "1\n") << id;
-        }
-        EXPECT_EQ(sim::commandOutput("lpstat -p | grep -ac 'enabled since'"),
-                  std::to_string(names.size()) + '\n');
-    }
+    for (std::size_t i = 0; i < names.size(); ++i)
+        addPrinter("TAG" + std::to_string(i), names[i]);
+    ASSERT_TRUE(hasResults(2 * names.size()));
+    for (std::size_t i = 0; i < names.size(); ++i)
+        host.rename("TAG" + std::to_string(i), "New " + names[names.size() - 1 - i]);
+    host.sendPrinterList();
+    ASSERT_TRUE(hasResults(2 * names.size() + 1));
+    std::ofstream(kLog, std::ios::trunc).flush();
+    host.sendPrinterList();
+    ASSERT_TRUE(hasResults(2 * names.size() + 2));
+    EXPECT_EQ(contents(kLog).find("deletePrinter:"), std::string::npos) << "by the same list again";
+    for (std::size_t i = 0; i < names.size(); ++i)
+        EXPECT_EQ(sim::commandOutput("lpstat -v | grep -ac 'serial=TAG" + std::to_string(i) + "$'"),
+                  "1\n");
     std::this_thread::sleep_for(1200ms);  // more than one check for deleted queues
     EXPECT_THAT(host.deletedPrinters(), IsEmpty());
 }
