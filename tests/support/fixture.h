@@ -1,6 +1,6 @@
-// The words in which a test speaks of the whole system: a private real CUPS, a played host, the
-// unmodified service. Included by a test's one file, it puts the process into a host namespace and
-// starts CUPS before the first case. Every wait ends as soon as what it waits for is so.
+// Fixture for whole-system tests: a private real CUPS, a simulated host, the unmodified service.
+// Included by one file of a test, it puts the process into a guest's namespace and starts CUPS
+// before the first case. Waits return as soon as their condition holds.
 
 #pragma once
 
@@ -37,10 +37,10 @@ inline fs::path freshFolder() {
     return mkdtemp(name.data());
 }
 
-// What every case of a process shares.
+// Shared by all cases of a process.
 struct Guest : testing::Environment {
-    // The address sanitizer in the service minds LD_PRELOAD; and it must keep its marks off the
-    // stack, where the frames of a cancelled thread leave them behind for whatever runs there next.
+    // The address sanitizer refuses LD_PRELOAD otherwise. And its marks must not lie on the stack,
+    // where those of a cancelled thread's frames would stay for the next function.
     void SetUp() override {
         const std::string more = ":verify_asan_link_order=0:detect_stack_use_after_return=1";
         setenv("ASAN_OPTIONS", "", 0);
@@ -82,7 +82,7 @@ protected:
         fs::remove_all(folder);
     }
 
-    // Puts a shell script in a tool's place. "$real" is the tool itself, $folder the test's own.
+    // Replaces a tool by a shell script. $real is the tool itself, $folder that of the case.
     void standIn(const std::string& tool, const std::string& script) const {
         std::ofstream(folder / "bin" / tool)
             << "#!/bin/sh\nfolder=" << folder << " real=$(PATH=" << guest.path << " command -v "
@@ -112,7 +112,7 @@ protected:
         return serviceEnds(time);
     }
 
-    // The messages of the log, behind their time, mark, tag and ids.
+    // The messages of the log, without time, level, tag and ids.
     static std::vector<std::string> records() {
         std::ifstream log(kLog);
         std::vector<std::string> messages;
@@ -124,7 +124,7 @@ protected:
         return eventually([&] { return contents(kLog).find(text) != std::string::npos; });
     }
 
-    // Queues are known by their name and the host printer's id behind their device URI.
+    // A queue has a name, and a host printer's id at the end of its device URI.
     static void addQueue(const std::string& name, const std::string& id) {
         int status = 1;
         sim::commandOutput("lpadmin -p " + name + " -E -v '" + kUri + id + "'", &status);

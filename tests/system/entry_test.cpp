@@ -13,7 +13,6 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::MatchesRegex;
 using Fault = sim::Fault;
 
 class EntryTest : public GuestTest {
@@ -23,30 +22,22 @@ protected:
 };
 
 TEST_F(EntryTest, OptionsAreReadFromLeftToRightUntilHelp) {
-    const std::pair<const char*, char> rows[] = {{"-h", '2'},
-                                                 {"-h -v", '2'},
-                                                 {"-v -h", '3'},
-                                                 {"-l0 -h", '0'},
-                                                 {"-l 3 -h", '3'},
-                                                 {"-l 4 -h", '2'},
-                                                 {"-l -1 -h", '2'},
-                                                 {"-l abc -h", '0'},
-                                                 {"-l 2x -h", '2'},
-                                                 {"-l '' -h", '0'},
-                                                 {"-l 4294967297 -h", '1'},
-                                                 {"-v -l 1 -h", '1'},
-                                                 {"-l 1 -v -h", '3'},
-                                                 {"-x word -h", '2'}};
-    for (const auto& [options, level] : rows) {
-        int status = -1;
-        EXPECT_THAT(sim::commandOutput("'" QNT_SERVICE "' " + std::string(options), &status),
-                    "Quintaris Shared Printers Tool usage:\n " QNT_SERVICE
-                    " [options]\nOptions:\n -h   : This help\n"
-                    " -l   : Logging level [0, 3], default " +
-                        std::string(1, level) + "\n -v   : Verbose logging, set log level to 3\n")
-            << options;
-        EXPECT_EQ(status, 0);
-    }
+    const std::map<std::string, std::vector<std::string>> rows = {
+        {"0", {"-l0 -h", "-l abc -h", "-l '' -h"}},
+        {"1", {"-l 4294967297 -h", "-v -l 1 -h"}},
+        {"2", {"-h", "-h -v", "-l 4 -h", "-l -1 -h", "-l 2x -h", "-x word -h"}},
+        {"3", {"-v -h", "-l 3 -h", "-l 1 -v -h"}}};
+    for (const auto& [level, lines] : rows)
+        for (const std::string& options : lines) {
+            int status = -1;
+            EXPECT_EQ(sim::commandOutput("'" QNT_SERVICE "' " + options, &status),
+                      "Quintaris Shared Printers Tool usage:\n " QNT_SERVICE
+                      " [options]\nOptions:\n -h   : This help\n"
+                      " -l   : Logging level [0, 3], default " +
+                          level + "\n -v   : Verbose logging, set log level to 3\n")
+                << options;
+            EXPECT_EQ(status, 0);
+        }
     EXPECT_THAT(records(), IsEmpty());
 }
 
@@ -67,7 +58,7 @@ TEST_F(EntryTest, TheOptionsAreTheSameInHelpReadmeAndManPage) {
                             "\n\\.It Fl ([a-z])[^\n]*\n([^\n]*)"));
 }
 
-TEST_F(EntryTest, WithoutLpadminItEndsAtOnceWhateverTheUnknownOptions) {
+TEST_F(EntryTest, WithoutLpadminItEndsAlsoWithUnknownOptions) {
     startService({"-x", "-l"}, {{"PATH", folder / "bin"}});
     EXPECT_EQ(serviceEnds(5s), 0);
     EXPECT_THAT(records(), ElementsAre("starting . . .", "lpadmin not found in system",
@@ -118,7 +109,7 @@ TEST_F(EntryTest, WithoutALinkItFails) {
 }
 
 // The stop signal ends the wait for "initialized" and changes nothing else.
-TEST_F(EntryTest, ADeviceLostBehindTheLinkEndsItWithStopped) {
+TEST_F(EntryTest, ADeviceLostAfterTheLinkEndsItWithStopped) {
     sim::SimulatedHost host;
     host.fault(sim::kLinkCall, {Fault::Kind::kStatus, 0, {}});
     host.fault(sim::kLinkCall, {Fault::Kind::kSilence, 0, {}});
@@ -146,7 +137,7 @@ TEST_F(EntryTest, ItWorksWithStandardFilesClosedAndStopSignalsBlocked) {
     EXPECT_THAT(records(), ElementsAre("starting . . .", "closed, rc = 0"));
 }
 
-TEST_F(EntryTest, ItsLifeIsRecordedAndItsFilesStayItsOwn) {
+TEST_F(EntryTest, StartAndEndAreLoggedAndTheToolsInheritNoFiles) {
     standIn("lpstat", "ls -l /proc/$$/fd >>$folder/files; exec $real \"$@\"");
     sim::SimulatedHost host;
     startService({"-l", "2"});
@@ -154,17 +145,12 @@ TEST_F(EntryTest, ItsLifeIsRecordedAndItsFilesStayItsOwn) {
     ASSERT_TRUE(eventually([&] { return contents(folder / "files").find("-> pipe") != -1UL; }));
     EXPECT_EQ(stopService(), 0);
     // A worker whose request returns although it is cancelled writes the fifth record as well.
-    std::string pattern;
-    for (const std::string text :
-         {"F /qntspooler:%/ starting . . .", "I /qntspooler:%/ Open Kavelink link was opened.",
-          "I /QntCCBase:%/ Opened /proc/driver/qnt_kl", "I /qntspooler:%/ Closing . . .",
-          "I /qntspooler:%/ SendRequest.. was canceled",
-          "I /qntspooler:%/ Open Kavelink link was closed.", "F /qntspooler:%/ closed, rc = 0"})
-        pattern +=
-            "(..-.. ..:..:..\\.... " + text + "\n)" + (text.ends_with("canceled") ? "{1,2}" : "");
-    for (auto at = pattern.find('%'); at != std::string::npos; at = pattern.find('%'))
-        pattern.replace(at, 1, std::to_string(service->pid()) + ":[0-9a-f]+");
-    EXPECT_THAT(contents(kLog), MatchesRegex(pattern));
+    EXPECT_EQ(
+        sim::commandOutput("cut -c 20- " + std::string(kLog) + " | sed 's|:[0-9a-f:]*||' | uniq"),
+        "F /qntspooler/ starting . . .\nI /qntspooler/ Open Kavelink link was opened.\n"
+        "I /QntCCBase/ Opened /proc/driver/qnt_kl\nI /qntspooler/ Closing . . .\n"
+        "I /qntspooler/ SendRequest() was canceled\n"
+        "I /qntspooler/ Open Kavelink link was closed.\nF /qntspooler/ closed, rc = 0\n");
     const std::string files = contents(folder / "files");
     for (const char* own : {"qnt_kl", "quintaris.log"})
         EXPECT_EQ(files.find(own), std::string::npos) << files;

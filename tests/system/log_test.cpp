@@ -25,7 +25,7 @@
 
 namespace {
 // The clock that the linker puts in the place of time() and gettimeofday(): seconds that pass at
-// each look, or when a test says so.
+// each call, or when a test changes it.
 std::atomic<std::time_t> g_now{1};
 std::atomic<std::time_t> g_secondsPerLook{0};
 const int g_zoneSet = setenv("TZ", "XST-5:45", 1);

@@ -1,4 +1,4 @@
-// The whole system: the unmodified service between a played host and a real CUPS.
+// The whole system: the unmodified service between a simulated host and a real CUPS.
 
 #include <gmock/gmock.h>
 

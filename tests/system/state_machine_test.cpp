@@ -1,5 +1,5 @@
 // One exchange and one step at a time: the tool and its command manager in this process, against
-// the played host and the private CUPS. The expected bytes are composed here, field by field.
+// the simulated host and a private CUPS. The expected bytes are composed here, field by field.
 
 #include "protocol/state_machine.h"
 
