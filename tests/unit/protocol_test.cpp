@@ -91,6 +91,7 @@ TEST(ItemStream, StopsAtTheFirstFieldThatIsNotValid) {
             EXPECT_EQ(texts.size(), items) << offset << ' ' << value;
             EXPECT_EQ(ended, result) << offset << ' ' << value;
         }
+    EXPECT_EQ(walk(words({11, 0x1000, 0}) + Bytes(11, 0xFF), 0).second, kStreamTooShort);
     EXPECT_EQ(walk(Bytes(11), 0).second, kStreamBadHeader);
     EXPECT_EQ(walk(two, 1000).second, kStreamBadHeader);
 }
