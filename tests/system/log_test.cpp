@@ -229,7 +229,8 @@ TEST_F(Log, KeepsItsDescriptorsNumberAndSealsItWhileNoFileIsOpen) {
     };
     const auto before = openFiles();
     logFileSetPlacement((folder / "other").c_str(), kLogFileName);
-    EXPECT_EQ(fcntl(number, F_GETFL) & O_PATH, O_PATH);
+    const int flags = fcntl(number, F_GETFL);
+    EXPECT_TRUE(flags != -1 && (flags & O_PATH) != 0);
     EXPECT_EQ(write(number, "stray", 5), -1);
     fs::create_directory(folder / "other");
     log("opened again");

@@ -20,6 +20,7 @@
 #include "tests/support/captured_log.h"
 
 static thread_local int t_callsLeft = -1;              // before the one that fails; -1: none does
+static thread_local bool t_needsRecord = false;        // something failed that must be logged
 static std::atomic<bool>* g_runsUntilPause = nullptr;  // cleared by the next sleep()
 
 // Nothing fails in this scope.
@@ -47,11 +48,11 @@ const char* __asan_default_options() {
     }
 QNT_MAY_FAIL(void*, malloc, nullptr, (std::size_t size), (size))
 QNT_MAY_FAIL(void*, realloc, nullptr, (void* old, std::size_t size), (old, size))
-QNT_MAY_FAIL(void*, mmap, MAP_FAILED,
+QNT_MAY_FAIL(void*, mmap, (t_needsRecord = true, MAP_FAILED),
              (void* at, std::size_t size, int p, int flags, int fd, off_t o),
              (at, size, p, flags, fd, o))
-QNT_MAY_FAIL(void*, mremap, MAP_FAILED, (void* old, std::size_t from, std::size_t to, int flags),
-             (old, from, to, flags))
+QNT_MAY_FAIL(void*, mremap, (t_needsRecord = true, MAP_FAILED),
+             (void* old, std::size_t from, std::size_t to, int flags), (old, from, to, flags))
 unsigned sleep(unsigned) {
     if (g_runsUntilPause == nullptr)
         return static_cast<unsigned>(usleep(20'000));
@@ -62,6 +63,7 @@ unsigned sleep(unsigned) {
 
 [[gnu::noinline]] void* operator new(std::size_t size) {
     void* block = std::malloc(size);
+    t_needsRecord |= block == nullptr;
     return block != nullptr ? block : throw std::bad_alloc();
 }
 // Paired with our operator delete, as newer sanitizers check.
@@ -125,10 +127,12 @@ void failEach(const Role& role) {
         CPrintingTool tool;
         tool.m_running = true;
         role.prepare(tool);
+        t_needsRecord = false;
         t_callsLeft = failing;
         role.run(tool);
         failed = t_callsLeft == -1;
         t_callsLeft = -1;
+        EXPECT_TRUE(!t_needsRecord || !log.text.empty());
         role.check(tool);
         EXPECT_TRUE(tool.m_mutex.try_lock());
         EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child is left";
@@ -195,6 +199,7 @@ TEST(Memory, AFailureInAnyThreadIsLoggedAndLosesNothing) {
                       result = tool.run();
                   } catch (const std::bad_alloc&) {  // the entry point reports it
                       result = 1;
+                      t_needsRecord = false;
                   }
               },
               [&](CPrintingTool& tool) {
