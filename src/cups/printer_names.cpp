@@ -14,7 +14,8 @@ constexpr std::string_view kNeverInIds("\0\t\n\v\f\r =", 8);
 // Leaves 4 KiB for the rest of the command line that creates a queue.
 constexpr std::size_t kLongestQuotedName = kArgumentLimit - 4096;
 
-// validate_name() of lpadmin and cupsd, CUPS 2.4; documented in lpadmin(8) for -p.
+// What validate_name() of lpadmin refuses in CUPS 2.4. (After an "@" lpadmin leaves the check to
+// cupsd, which refuses less.)
 bool isRefusedByCups(char byte) {
     constexpr std::string_view kRefused = "/\\?'\"#\x7f";
     return (byte >= 0 && byte <= ' ') || kRefused.find(byte) != std::string_view::npos;
@@ -67,6 +68,9 @@ std::string acceptedQueueName(std::string queueName) {
 }
 
 std::string acceptedDescription(std::string description) {
+    std::replace_if(
+        description.begin(), description.end(),
+        [](char byte) { return byte == '\n' || byte == '\r'; }, ' ');
     return truncated(std::move(description), kLongestDescription);
 }
 

@@ -37,8 +37,10 @@ std::string queueNameFor(std::string name);
 // name longer than kLongestQueueName is truncated at the end of a UTF-8 character.
 std::string acceptedQueueName(std::string queueName);
 
-// The description, truncated at the end of a UTF-8 character if it is longer than an attribute of
-// IPP can be: 32,767 bytes (RFC 8010, value-length).
+// The form of a description that CUPS can store: each carriage return and newline, which would
+// begin another line of printers.conf, is replaced by a blank, and a description longer than an
+// attribute of IPP, 32,767 bytes (RFC 8010, value-length), is truncated at the end of a UTF-8
+// character.
 std::string acceptedDescription(std::string description);
 
 // The queue name as one shell word. Logs and returns nothing if it contains a zero byte.

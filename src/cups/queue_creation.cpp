@@ -97,10 +97,12 @@ void addPrinter(std::string& name, const std::string& id) {
 bool renamePrinter(const std::string& currentName, std::string& newName) {
     QNT_LOG(3, "renamePrinter: '%s'->'%s'", currentName.c_str(), newName.c_str());
     newName = queueNameFor(newName);
-    if (currentName == newName || currentName == acceptedQueueName(newName))
+    if (currentName == newName)
         return true;
     if (rejectUnusableName(newName))
         return false;
+    if (currentName == acceptedQueueName(newName))
+        return true;
     QueueBindingList queues;
     if (!getHostPrinterQueues(queues, kListHostQueues))
         return false;

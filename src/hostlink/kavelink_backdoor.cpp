@@ -39,24 +39,14 @@ private:
     struct sigaction m_previous {};
 };
 
-// Unblocks the faults' signals in the calling thread for a scope: a synchronous signal that is
-// blocked kills the process whatever its handler.
-class FaultsUnblocked {
-public:
-    FaultsUnblocked() {
-        sigset_t faults;
-        sigemptyset(&faults);
-        sigaddset(&faults, SIGILL);
-        sigaddset(&faults, SIGSEGV);
-        pthread_sigmask(SIG_UNBLOCK, &faults, &m_previous);
-    }
-    ~FaultsUnblocked() { pthread_sigmask(SIG_SETMASK, &m_previous, nullptr); }
-    FaultsUnblocked(const FaultsUnblocked&) = delete;
-    FaultsUnblocked& operator=(const FaultsUnblocked&) = delete;
-
-private:
-    sigset_t m_previous{};
-};
+// A synchronous signal that is blocked kills the process, whatever its handler.
+void unblockFaults() {
+    sigset_t faults;
+    sigemptyset(&faults);
+    sigaddset(&faults, SIGILL);
+    sigaddset(&faults, SIGSEGV);
+    pthread_sigmask(SIG_UNBLOCK, &faults, nullptr);
+}
 
 std::uint32_t low32(std::uint64_t value) {
     return static_cast<std::uint32_t>(value);
@@ -153,9 +143,13 @@ std::int32_t guardedBackdoorProbe(BackdoorInfo* info) {
     volatile std::int32_t result = kLinkNotAvailable;  // volatile: kept across the jump
     const FaultHandler illegalInstruction(SIGILL);
     const FaultHandler segmentationFault(SIGSEGV);
-    const FaultsUnblocked faultsUnblocked;
-    if (sigsetjmp(g_faultJump, 1) == 0)
+    sigset_t previousMask;
+    pthread_sigmask(SIG_BLOCK, nullptr, &previousMask);
+    if (sigsetjmp(g_faultJump, 1) == 0) {
+        unblockFaults();
         result = backdoorProbe(info);
+    }
+    pthread_sigmask(SIG_SETMASK, &previousMask, nullptr);
     return result;
 }
 

@@ -119,6 +119,7 @@ bool CPrintingTool::exchangeUnlessStopped() {
 // kWorkerGrace; then it is cancelled and releases the mutex while it unwinds.
 std::unique_lock<std::mutex> CPrintingTool::lockForStep() {
     using Clock = std::chrono::steady_clock;
+    yieldToWaiters(m_waitingWorkers);
     std::unique_lock lock(m_mutex, std::defer_lock);
     for (std::optional<Clock::time_point> graceEnd; !lock.try_lock();) {
         if (!m_running && !graceEnd)

@@ -41,6 +41,7 @@ public:
     pthread_t m_deletedPrintersThread = 0;  // run loop's thread; 0 when not started
     pthread_t m_defaultPrinterThread = 0;   // run loop's thread; 0 when not started
     std::mutex m_mutex;
+    std::atomic<int> m_waitingWorkers{0};  // workers that wait for the mutex
     std::string m_defaultPrinterId;  // written under the mutex; its only writer reads it unlocked
     bool m_defaultPrinterPending = false;  // under the mutex: the default has not been applied yet
 

@@ -36,7 +36,7 @@ public:
     explicit DefaultPrinterQuery(CPrintingTool& tool) : m_tool(tool) {}
 
     // Sends a query and handles its answer. False if a pause is needed before the next call: after
-    // a failed exchange, or when there was not enough memory.
+    // a failed exchange, or when there was not enough memory or no process for a listing.
     bool ask() {
         if (!m_answerUnhandled && !exchange())
             return false;
@@ -66,8 +66,8 @@ private:
         return resize(requiredSize);
     }
 
-    // Without enough memory the answer stays in the buffer and is handled by the next call, as a
-    // host that has nothing new may hold the next query for ever.
+    // An answer that could not be handled stays in the buffer for the next call, as a host that has
+    // nothing new may hold the next query for ever.
     bool handleAnswer() {
         m_answerUnhandled = true;
         try {
@@ -78,8 +78,8 @@ private:
                 QNT_LOG(0, "Set default printer: '%s'", m_receivedId.c_str());
                 m_unapplied = true;
             }
-            if (m_unapplied)
-                applyDefaultPrinter(m_tool, m_receivedId);
+            if (m_unapplied && !applyDefaultPrinter(m_tool, m_receivedId))
+                return false;
         } catch (const std::bad_alloc&) {
             logNoMemory("defaultPrinterLoop");
             return false;
@@ -110,7 +110,7 @@ void deletedPrintersLoop(CPrintingTool& tool) {
     while (tool.m_running) {
         QueueBindingList deleted;
         {
-            const std::unique_lock lock = lockCancellably(tool.m_mutex);
+            const std::unique_lock lock = lockCancellably(tool.m_mutex, tool.m_waitingWorkers);
             reportDeleted(tool, deleted);
         }
         refreshUtcOffset();
@@ -132,18 +132,16 @@ void defaultPrinterLoop(CPrintingTool& tool) {
     }
 }
 
-void applyDefaultPrinter(CPrintingTool& tool, const std::string& receivedId) {
-    const std::unique_lock lock = lockCancellably(tool.m_mutex);
+bool applyDefaultPrinter(CPrintingTool& tool, const std::string& receivedId) {
+    const std::unique_lock lock = lockCancellably(tool.m_mutex, tool.m_waitingWorkers);
     tool.m_defaultPrinterId = receivedId;
-    tool.m_defaultPrinterPending = true;
-    if (rejectInvalidId(receivedId))
-        return;
     QueueBindingList queues;
-    listPrinterQueues(queues, receivedId);
-    if (queues.empty())
-        return;
-    setDefaultPrinter(receivedId);
-    tool.m_defaultPrinterPending = false;
+    const bool listed = !rejectInvalidId(receivedId) && listPrinterQueues(queues, receivedId);
+    // Cleared first: a worker that is cancelled in lpadmin must not leave the call to the run loop.
+    tool.m_defaultPrinterPending = queues.empty();
+    if (!queues.empty())
+        setDefaultPrinter(receivedId);
+    return listed || !isValidPrinterId(receivedId);
 }
 
 }  // namespace qnt

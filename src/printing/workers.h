@@ -26,7 +26,8 @@ void* defaultPrinterEntry(void* tool);
 void defaultPrinterLoop(CPrintingTool& tool);
 
 // Stores the id as the host's default and makes its queue the CUPS default. If there is no such
-// queue yet, leaves that to the run loop. Takes the mutex. May throw std::bad_alloc.
-void applyDefaultPrinter(CPrintingTool& tool, const std::string& receivedId);
+// queue yet, leaves that to the run loop. False if the queues could not be listed: the caller must
+// repeat the call. Takes the mutex. May throw std::bad_alloc.
+bool applyDefaultPrinter(CPrintingTool& tool, const std::string& receivedId);
 
 }  // namespace qnt

@@ -160,5 +160,39 @@ TEST_F(Hostile, NamesThatNoArgumentCanHoldAreRefusedBeforeAQueueIsTouched) {
         EXPECT_THAT(said, testing::HasSubstr(record));
 }
 
+TEST_F(Hostile, TheAcceptedFormOfANameIsFixed) {
+    const std::string umlauts = [] {
+        std::string text = "u";
+        while (text.size() < 200)
+            text += "\u00fc";
+        return text;
+    }();
+    const std::pair<std::string, std::string> rows[] = {
+        {"Bob's Printer", "Bob_s_Printer"},
+        {R"(a/b\c?d'e"f#g)", "a_b_c_d_e_f_g"},
+        {std::string("\x01\t\n\x1f \x7f\x80!~", 9), "______\x80!~"},
+        {std::string(150, 'y'), std::string(127, 'y')},
+        {umlauts, umlauts.substr(0, 127)},
+        {"u" + umlauts, "u" + umlauts.substr(0, 125)},
+        {std::string(150, '\x80'), std::string(127, '\x80')},
+    };
+    for (const auto& [name, accepted] : rows)
+        EXPECT_EQ(acceptedQueueName(name), accepted);
+    EXPECT_EQ(acceptedDescription("a\r\nb'c\td"), "a  b'c\td");
+    EXPECT_EQ(acceptedDescription(std::string(32766, 'x') + "\u00fc"), std::string(32766, 'x'));
+}
+
+// The description is the full name, but no line of it becomes a line of CUPS's configuration.
+TEST_F(Hostile, ADescriptionChangesNoOtherQueue) {
+    std::string name = "Bob's x\n</Printer>\n<Printer\tEvil>\nDeviceURI ipp://evil.example/";
+    addPrinter(name, "TAG7");
+    guest.cups->stop();  // which writes the queues down
+    EXPECT_THAT(contents(guest.folder / "cups/printers.conf"),
+                testing::HasSubstr("\nInfo Bob's x </Printer> <Printer\tEvil> DeviceURI ipp://"));
+    guest.cups->start();
+    EXPECT_EQ(queueOf("TAG7"), name);
+    expectNothingElseTouched();
+}
+
 }  // namespace
 }  // namespace qnt

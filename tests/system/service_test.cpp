@@ -4,6 +4,7 @@
 
 #include <set>
 
+#include "printing/tool_lock.h"
 #include "protocol/little_endian.h"
 #include "tests/support/fixture.h"
 
@@ -181,20 +182,51 @@ TEST_F(ServiceTest, AToolThatHangsDoesNotHoldUpTheStop) {
 
 TEST_F(ServiceTest, AnAnsweredCommandIsCarriedOutAlthoughAWorkerHangsAtTheStop) {
     host.plug("TAG1001", "Office Laser");
-    addQueue("Office_Laser", "TAG1001");
-    standIn("lpstat",
-            "rm -d $folder/hang 2>&- && echo $$ >$folder/hung && exec sleep 600\n"
-            "exec $real \"$@\"");
-    startService();
-    host.sendPrinterList();  // so that the next command fits
-    ASSERT_TRUE(hasResults(1));
-    fs::create_directory(folder / "hang");
-    ASSERT_TRUE(eventually([&] { return !contents(folder / "hung").empty(); }));
-    host.send(sim::deletePrinter("TAG1001"));
-    ASSERT_TRUE(host.waitUntil([&] { return host.waiting(sim::kRunLoopRequest) == 0; }));
-    EXPECT_EQ(stopService(), 0);
-    EXPECT_FALSE(hasQueue("Office_Laser", "TAG1001"));
-    EXPECT_FALSE(isAlive(std::stoi(contents(folder / "hung"))));
+    // The worker's listing hangs, later its call of lpadmin; the run loop's listing does not.
+    const std::pair<const char*, const char*> rows[] = {{"lpstat", "rm -d $folder/hang 2>&-"},
+                                                        {"lpadmin", "[ $1 = -d ]"}};
+    for (const auto& [tool, condition] : rows) {
+        addQueue("Office_Laser", "TAG1001");
+        standIn(tool, std::string(condition) +
+                          " && echo $$ >$folder/hung && exec sleep 600\nexec $real \"$@\"");
+        startService();
+        host.sendPrinterList();  // so that the next command fits
+        ASSERT_TRUE(host.waitUntil([&] { return host.isIdle() && !host.results().empty(); }));
+        fs::create_directory(folder / "hang");
+        if (tool == std::string("lpadmin"))
+            host.setDefault("TAG1001");
+        ASSERT_TRUE(eventually([&] { return !contents(folder / "hung").empty(); }));
+        host.send(sim::deletePrinter("TAG1001"));
+        ASSERT_TRUE(host.waitUntil([&] { return host.waiting(sim::kRunLoopRequest) == 0; }));
+        EXPECT_EQ(stopService(), 0) << tool;
+        EXPECT_FALSE(hasQueue("Office_Laser", "TAG1001"));
+        EXPECT_FALSE(isAlive(std::stoi(contents(folder / "hung"))));
+        fs::remove_all(folder / "hung");
+        fs::remove_all(folder / "hang");
+        fs::remove(folder / "bin" / tool);
+    }
+}
+
+TEST(ToolLock, LetsAWaitingThreadGoBeforeOneThatLocksAgainAndAgain) {
+    constexpr int kRounds = 200;
+    std::mutex mutex;
+    std::atomic<int> waiting = 0, rounds = 0, roundsAtLock = kRounds;
+    std::unique_lock lock(mutex);
+    std::thread waiter([&] {
+        const auto held = lockCancellably(mutex, waiting);
+        roundsAtLock = rounds.load();
+    });
+    while (waiting == 0)
+        std::this_thread::yield();
+    for (; rounds < kRounds; ++rounds) {
+        std::this_thread::sleep_for(2ms);
+        lock.unlock();
+        yieldToWaiters(waiting);
+        lock.lock();
+    }
+    lock.unlock();
+    waiter.join();
+    EXPECT_LT(roundsAtLock, kRounds / 2);
 }
 
 TEST_F(ServiceTest, AStepThatFailsDuringAStopIsAFailure) {
