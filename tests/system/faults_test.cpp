@@ -23,7 +23,7 @@ struct Failure {
 
 const Failure kFailures[] = {
     {.what = "cupsd dies in the middle of a command",
-     .lpadmin = R"($real "$@" & sleep .05; kill -9 $CUPSD; wait $!; exit)",
+     .lpadmin = R"(kill -STOP $CUPSD; $real "$@" & sleep .1; kill -9 $CUPSD; wait $!; exit)",
      .record = "rc=256\n"},
     {.what = "cupsd is gone", .begin = "kill -9 $CUPSD", .record = "rc=256\n"},
     {.what = "cupsd is stopped",
