@@ -8,6 +8,7 @@
 #include "hostlink/request_device.h"
 #include "log/log_record.h"
 #include "printing/printing_tool.h"
+#include "protocol/item_stream.h"
 #include "protocol/reconciliation.h"
 #include "tests/support/fixture.h"
 
@@ -43,16 +44,13 @@ protected:
 
     using U32 = std::uint32_t;
     static Bytes header(U32 type, U32 sequence) { return words({1, type, sequence}) + Bytes(68); }
-    static Bytes askForCommand(U32 sequence) { return header(3, sequence); }
-    static Bytes sayPending() { return header(5, 0); }
+    static Bytes askForCommand(U32 sequence) { return header(GetPrintingCmd, sequence); }
+    static Bytes sayPending() { return header(PrintingCmdPending, 0); }
     static Bytes answerWith(U32 result, U32 sequence) {
-        return header(4, sequence) + words({16, 0x1000, 0, 4, 0x200E, 0, result});
+        return header(PrintingCmdAnswer, sequence) +
+               words({16, kStreamMagic, 0, 4, CmdResult, 0, result});
     }
-    static Bytes asksFor(U32 size) { return words({0, 0, 99, 0, size}) + Bytes(60); }
-    static Bytes carries(const std::vector<U32>& payload) {
-        return words({0, 0, 99, 28, 0}) + Bytes(60) + words(payload);
-    }
-    static Bytes bareCode(U32 code) { return carries({16, 0x1000, 0, 4, 0x200D, 0, code}); }
+    static Bytes bareCode(U32 code) { return encodeAnswer({code, "", {}}, 99); }
 
     bool exchange() {
         return SendRequest(tool.m_request, tool.m_bufferCmd.data(), tool.m_requestSize,
@@ -82,15 +80,15 @@ TEST_F(StateMachineTest, EachAnswerIsFollowedByItsRequest) {
         U32 offered;
         bool queueExists;
     } rows[] = {
-        {asksFor(300), askForCommand(0), 300, false},
-        {asksFor(100), askForCommand(0), 300, false},
-        {asksFor(300), askForCommand(0), 300, false},
+        {sim::roomRequest(300), askForCommand(0), 300, false},
+        {sim::roomRequest(100), askForCommand(0), 300, false},
+        {sim::roomRequest(300), askForCommand(0), 300, false},
         {list, answerWith(1, 17), 300, false},
         {encodeAnswer(sim::addPrinter("TAG1001"), 3), answerWith(1, 17), 300, true},
         {list, answerWith(1, 17), 300, true},  // blanks make no other name
         {bareCode(9), answerWith(2, 17), 300, true},
         {bareCode(5), sayPending(), 300, true},  // a printer is online
-        {asksFor(400), sayPending(), 400, true},
+        {sim::roomRequest(400), sayPending(), 400, true},
         {encodeAnswer(sim::printerList({}), 50), askForCommand(17), 400, true},  // dropped
         {encodeAnswer(sim::deletePrinter("TAG1001"), 3), answerWith(1, 17), 400, false},
         {bareCode(5), answerWith(1, 17), 400, false},
@@ -164,9 +162,8 @@ TEST_F(StateMachineTest, TheUsersDeletionsAreReportedBeforeTheCommandIsCarriedOu
 }
 
 TEST_F(StateMachineTest, AnUnusableAnswerEndsTheRun) {
-    for (const Bytes& answer : {bareCode(1), bareCode(2), bareCode(4), carries({0, 0x1000, 0}),
-                                carries({16, 0x1001, 0, 4, 0x200D, 0, 3})}) {
-        EXPECT_FALSE(answered(answer)) << testing::PrintToString(answer);
+    for (const Bytes& answer : {sim::malformedAnswer(), sim::emptyAnswer(1)}) {
+        EXPECT_FALSE(answered(answer));
         fillPrintingCmdRequest(tool.m_bufferCmd, 0, tool.m_requestSize);
     }
     for (const U32 pending : {0U, 1U, 5U}) {
