@@ -87,10 +87,16 @@ TEST_F(EntryTest, ACupsThatAnswersAtTheFourthTryIsTaken) {
 
 TEST_F(EntryTest, AStopSignalDuringTheCupsWaitHasItsDefaultEffect) {
     standIn("lpstat", "touch $folder/asked; exit 1");
-    service.emplace(std::vector<std::string>{"env", "--ignore-signal=TERM", QNT_SERVICE});
-    EXPECT_TRUE(eventually([&] { return fs::exists(folder / "asked"); }));
-    EXPECT_EQ(stopService(5s), 128 + SIGTERM);
-    EXPECT_THAT(records(), ElementsAre("starting . . ."));
+    for (const int signal : {SIGTERM, SIGINT}) {
+        const std::string ignore = "--ignore-signal=" + std::to_string(signal);
+        service.emplace(std::vector<std::string>{"env", ignore, QNT_SERVICE});
+        EXPECT_TRUE(eventually([&] { return fs::exists(folder / "asked"); }));
+        service->signal(signal);
+        EXPECT_EQ(serviceEnds(5s), 128 + signal);
+        EXPECT_THAT(records(), ElementsAre("starting . . ."));
+        fs::remove(folder / "asked");
+        fs::resize_file(kLog, 0);
+    }
 }
 
 TEST_F(EntryTest, WithoutALinkItFails) {
