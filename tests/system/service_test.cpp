@@ -48,12 +48,26 @@ TEST_F(ServiceTest, AHostPrinterBecomesAQueueThatFollowsItsHost) {
 }
 
 TEST_F(ServiceTest, APrinterHasOneQueueWhateverItsHostCallsIt) {
-    const std::vector<std::string> names{
-        "Bob's Printer", R"(\\server\HP LaserJet)", "Printer #2", std::string(150, 'l'), "-h", "'"};
+    std::vector<std::string> names{"Bob's Printer",
+                                   R"(\\server\HP LaserJet)",
+                                   "Printer #2",
+                                   "Floor 2/West",
+                                   "Tab\there",
+                                   "B\u00fcro",
+                                   "\u30d7\u30ea",
+                                   std::string(150, 'l'),
+                                   "-h",
+                                   "all",
+                                   "a,b",
+                                   "'"};
+    names.emplace_back();
+    while (names.back().size() < 200)
+        names.back() += "\u00e4";
     startService();
-    for (std::size_t i = 0; i < names.size(); ++i)
+    for (std::size_t i = 0; i < names.size(); ++i) {
         addPrinter("TAG" + std::to_string(i), names[i]);
-    ASSERT_TRUE(hasResults(2 * names.size()));
+        ASSERT_TRUE(hasResults(2 * (i + 1)));
+    }
     for (std::size_t i = 0; i < names.size(); ++i)
         host.rename("TAG" + std::to_string(i), "New " + names[names.size() - 1 - i]);
     host.sendPrinterList();
@@ -65,6 +79,8 @@ TEST_F(ServiceTest, APrinterHasOneQueueWhateverItsHostCallsIt) {
     for (std::size_t i = 0; i < names.size(); ++i)
         EXPECT_EQ(sim::commandOutput("lpstat -v | grep -ac 'serial=TAG" + std::to_string(i) + "$'"),
                   "1\n");
+    EXPECT_EQ(sim::commandOutput("lpstat -p | grep -ac 'enabled since'"),
+              std::to_string(names.size()) + '\n');
     std::this_thread::sleep_for(1200ms);  // more than one check for deleted queues
     EXPECT_THAT(host.deletedPrinters(), IsEmpty());
 }
