@@ -146,6 +146,15 @@ TEST(Backdoor, GivesUpAHostThatMovesNothingForAMinute) {
     EXPECT_EQ(kavelinkCall(&link, buffer.data(), 10, 20, nullptr), kLinkHostFailed);
     EXPECT_EQ(g_slept, HostLoopLimit::kTime);
     EXPECT_EQ(g_hypervisor.commands.back()[0], kBackdoorCancel);
+    // Twice most of a minute, with a byte in between.
+    std::vector<Transfer> slow(9000, Transfer{0, kMore});
+    slow[4500] = {1, kMore};
+    slow.push_back({0, kDone});
+    g_hypervisor = {slow};
+    g_slept = 0s;
+    link = {0, LinkKindBackdoor, 100};
+    EXPECT_EQ(kavelinkCall(&link, buffer.data(), 10, 20, nullptr), kLinkOk);
+    EXPECT_GT(g_slept, HostLoopLimit::kTime);
 }
 
 TEST(Backdoor, LoadsTheRegistersOfEachCommand) {
@@ -250,7 +259,7 @@ TEST(LinkDevice, IsProbedAndLeftForTheBackdoorWhereItRefuses) {
         std::uint32_t kind;
         std::size_t probes;
     } rows[] = {
-        {{{kStatusAgain}, {kStatusDone}}, kLinkDeviceThenBackdoor, kLinkOk, LinkKindDevice, 2},
+        {{{0xF0000025}, {kStatusDone}}, kLinkDeviceThenBackdoor, kLinkOk, LinkKindDevice, 2},
         {{{kStatusAgain}}, kLinkDeviceOnly, kLinkRefused, 0, kEndless},
         {{refused}, kLinkDeviceOnly, kLinkRefused, 0, 1},
         {{refused}, kLinkDeviceThenBackdoor, kLinkOk, LinkKindBackdoor, 1},
