@@ -39,7 +39,7 @@ TEST_F(ServiceTest, AHostPrinterBecomesAQueueThatFollowsItsHost) {
     EXPECT_THAT(host.exchanges(PrintingCmdPending), SizeIs(1));
     EXPECT_THAT(host.deletedPrinters(), IsEmpty());
     EXPECT_THAT(host.statusMessages(), ElementsAre(SizeIs(209), SizeIs(111)));
-    for (const std::size_t offset : {118, 122})  // the caller's values in the version record
+    for (const std::size_t offset : {118U, 122U})  // the caller's values in the version record
         EXPECT_EQ(readU32(&host.statusMessages()[0][offset]), 0U);
     // The first answer did not fit; the second request makes the room that it asked for.
     const auto asked = host.exchanges(GetPrintingCmd);
