@@ -48,15 +48,16 @@ private:
     void answer(const sim::SubmissionPtr& request) {
         const auto bytes = request->readBuffer(0);
         if (request->header().code == qnt::QntKlReqLinkCall) {
-            request->complete(qnt::kStatusDone);
-        } else if (bytes && qnt::readU32(bytes->data() + qnt::PrintingCmdHeader::kRequestType) ==
-                                qnt::GetPrintingCmd) {
+            request->complete(qnt::kRequestDone);
+        } else if (bytes &&
+                   qnt::readU32(bytes->data() + qnt::PrintingCmdHeader::kRequestTypeOffset) ==
+                       qnt::GetPrintingCmd) {
             ++m_count;
             sim::Bytes demand(qnt::kPrintingCmdHeaderSize);
-            qnt::writeU32(demand.data() + qnt::PrintingCmdHeader::kRequiredSize,
+            qnt::writeU32(demand.data() + qnt::PrintingCmdHeader::kRequiredSizeOffset,
                           qnt::kPrintingCmdHeaderSize);
             request->writeBuffer(1, demand);
-            request->complete(qnt::kStatusDone);
+            request->complete(qnt::kRequestDone);
         } else {
             m_held = request;  // for the default printer, until it is interrupted
         }
@@ -66,7 +67,7 @@ private:
     sim::SubmissionPtr m_held;
     sim::DeviceFile m_device{
         {[this](const sim::SubmissionPtr& request) { answer(request); },
-         [](const sim::SubmissionPtr& request) { request->complete(qnt::kStatusCanceled); }}};
+         [](const sim::SubmissionPtr& request) { request->complete(qnt::kRequestCanceled); }}};
 };
 
 void measureExchanges(const BusyHost& host) {
@@ -82,7 +83,7 @@ void measureExchanges(const BusyHost& host) {
 void submitForever() {
     const qnt::UniqueFd device(open(qnt::kRequestDevicePath, O_WRONLY | O_CLOEXEC));
     std::uint8_t request[qnt::kPrintingCmdHeaderSize] = {};
-    qnt::writeU32(request + qnt::PrintingCmdHeader::kRequestType, qnt::GetPrintingCmd);
+    qnt::writeU32(request + qnt::PrintingCmdHeader::kRequestTypeOffset, qnt::GetPrintingCmd);
     std::uint8_t answer[qnt::kPrintingCmdHeaderSize];
     qnt::DeviceRequest submission{};
     submission.header.code = qnt::QntKlReqPrinting;

@@ -44,7 +44,7 @@ Bytes encodeList(const std::vector<HostPrinter>& printers) {
 
 Bytes answerWith(const Bytes& payload, std::uint32_t sequence) {
     Bytes answer = emptyAnswer(sequence);
-    qnt::writeU32(answer.data() + qnt::PrintingCmdHeader::kPayloadLength, sizeOf(payload));
+    qnt::writeU32(answer.data() + qnt::PrintingCmdHeader::kPayloadLengthOffset, sizeOf(payload));
     answer.insert(answer.end(), payload.begin(), payload.end());
     return answer;
 }
@@ -150,9 +150,9 @@ std::string describeOutcome(const Exchange& exchange) {
         return "write fails with errno " + std::to_string(exchange.error);
     if (!exchange.status)
         return "held";
-    if (*exchange.status == qnt::kStatusCanceled)
+    if (*exchange.status == qnt::kRequestCanceled)
         return "cancelled";
-    if (*exchange.status != qnt::kStatusDone)
+    if (*exchange.status != qnt::kRequestDone)
         return number("status 0x%x", *exchange.status);
     return exchange.code == qnt::QntKlReqPrinting ? describeAnswer(exchange.answer) : "done";
 }
@@ -176,14 +176,14 @@ std::uint32_t asU32(const Bytes& data) {
 
 Bytes emptyAnswer(std::uint32_t sequence) {
     Bytes answer(qnt::kPrintingCmdHeaderSize);
-    qnt::writeU32(answer.data() + qnt::PrintingCmdHeader::kVersion, qnt::kPrintingVersion);
-    qnt::writeU32(answer.data() + qnt::PrintingCmdHeader::kSequence, sequence);
+    qnt::writeU32(answer.data() + qnt::PrintingCmdHeader::kVersionOffset, qnt::kPrintingVersion);
+    qnt::writeU32(answer.data() + qnt::PrintingCmdHeader::kSequenceOffset, sequence);
     return answer;
 }
 
 Bytes roomRequest(std::uint32_t requiredSize) {
     Bytes answer = emptyAnswer(0);
-    qnt::writeU32(answer.data() + qnt::PrintingCmdHeader::kRequiredSize, requiredSize);
+    qnt::writeU32(answer.data() + qnt::PrintingCmdHeader::kRequiredSizeOffset, requiredSize);
     return answer;
 }
 
@@ -242,8 +242,9 @@ std::string describeRequest(std::uint32_t code, const Bytes& request) {
     if (request.size() < qnt::kPrintingCmdHeaderSize)
         return "printing request of " + std::to_string(request.size()) + " bytes";
     const auto field = [&](std::uint32_t offset) { return qnt::readU32(request.data() + offset); };
-    return nameOf(kRequestNames, field(qnt::PrintingCmdHeader::kRequestType), "request type") +
-           " seq=" + std::to_string(field(qnt::PrintingCmdHeader::kSequence)) +
+    return nameOf(kRequestNames, field(qnt::PrintingCmdHeader::kRequestTypeOffset),
+                  "request type") +
+           " seq=" + std::to_string(field(qnt::PrintingCmdHeader::kSequenceOffset)) +
            describeItems(request);
 }
 
@@ -251,14 +252,15 @@ std::string describeAnswer(const Bytes& answer) {
     if (answer.size() < qnt::kPrintingCmdHeaderSize)
         return "answer of " + std::to_string(answer.size()) + " bytes";
     const auto field = [&](std::uint32_t offset) { return qnt::readU32(answer.data() + offset); };
-    if (const std::uint32_t size = field(qnt::PrintingCmdHeader::kRequiredSize); size != 0)
+    if (const std::uint32_t size = field(qnt::PrintingCmdHeader::kRequiredSizeOffset); size != 0)
         return "needs " + std::to_string(size) + " bytes";
-    if (field(qnt::PrintingCmdHeader::kPayloadLength) == 0)
+    if (field(qnt::PrintingCmdHeader::kPayloadLengthOffset) == 0)
         return "done";
     const std::string items = describeItems(answer);
-    return items.empty() ? "malformed"
-                         : items.substr(1) +
-                               " seq=" + std::to_string(field(qnt::PrintingCmdHeader::kSequence));
+    return items.empty()
+               ? "malformed"
+               : items.substr(1) +
+                     " seq=" + std::to_string(field(qnt::PrintingCmdHeader::kSequenceOffset));
 }
 
 std::string describeExchange(const Exchange& exchange) {

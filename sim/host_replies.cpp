@@ -18,7 +18,7 @@ constexpr std::size_t kLinkMessageBuffer = 1;
 constexpr std::size_t kPrintingRequestBuffer = 0;
 constexpr std::size_t kPrintingAnswerBuffer = 1;
 
-const Reply kRefusal{.status = kStatusRefused};
+const Reply kRefusal{.status = kRequestRefused};
 const Reply kUnreadable{.error = EFAULT};
 
 std::optional<Reply> readPrinting(const Submission& submission, Exchange& exchange) {
@@ -34,7 +34,7 @@ std::optional<Reply> readPrinting(const Submission& submission, Exchange& exchan
     if (exchange.request.size() < qnt::kPrintingCmdHeaderSize)
         return kRefusal;
     exchange.requestType =
-        qnt::readU32(exchange.request.data() + qnt::PrintingCmdHeader::kRequestType);
+        qnt::readU32(exchange.request.data() + qnt::PrintingCmdHeader::kRequestTypeOffset);
     return std::nullopt;
 }
 
@@ -100,7 +100,7 @@ Reply faultReply(const Exchange& exchange, const Fault& fault) {
         case Fault::Kind::kMalformed:
             return printing ? Reply{.answer = malformedAnswer()} : linkReplyWith(exchange, 0, -1);
         default:
-            return {.status = qnt::kStatusCanceled};
+            return {.status = qnt::kRequestCanceled};
     }
 }
 

@@ -10,7 +10,7 @@
 
 namespace sim {
 
-inline constexpr std::uint32_t kStatusRefused = 0xF0000001;
+inline constexpr std::uint32_t kRequestRefused = 0xF0000001;
 
 // One exchange: the request and its answer.
 struct Exchange {

@@ -18,7 +18,7 @@ bool isRunLoopType(std::uint32_t requestType) {
 }
 
 std::uint32_t sequenceOf(const Exchange& exchange) {
-    return qnt::readU32(exchange.request.data() + qnt::PrintingCmdHeader::kSequence);
+    return qnt::readU32(exchange.request.data() + qnt::PrintingCmdHeader::kSequenceOffset);
 }
 
 }  // namespace
@@ -117,7 +117,7 @@ std::vector<Bytes> SimulatedHost::statusMessages() const {
     std::vector<Bytes> messages;
     for (const Exchange& exchange : exchanges(kLinkCall)) {
         if (exchange.code == qnt::QntKlReqLinkCall && !exchange.request.empty() &&
-            exchange.status == qnt::kStatusDone)
+            exchange.status == qnt::kRequestDone)
             messages.push_back(exchange.request);
     }
     return messages;
@@ -202,7 +202,7 @@ void SimulatedHost::cancel(const SubmissionPtr& submission) {
     change([&] {
         const auto held = std::ranges::find(m_held, submission, &Held::submission);
         if (held != m_held.end())
-            held->reply = Reply{.status = qnt::kStatusCanceled};
+            held->reply = Reply{.status = qnt::kRequestCanceled};
     });
 }
 
@@ -249,7 +249,7 @@ std::optional<Reply> SimulatedHost::printingReply(const Exchange& exchange) cons
         case qnt::UserDeletedPrinters:
             return Reply{.answer = emptyAnswer(0)};
         default:
-            return Reply{.status = kStatusRefused};
+            return Reply{.status = kRequestRefused};
     }
 }
 
@@ -273,11 +273,11 @@ std::optional<Reply> SimulatedHost::commandReply(const Exchange& exchange) const
 
 Reply SimulatedHost::linkModeReply(const Exchange& exchange) {
     if (m_linkMode == LinkMode::kRefuse)
-        return {.status = kStatusRefused};
+        return {.status = kRequestRefused};
     const bool probe = exchange.request.empty();
     if (probe && m_linkMode == LinkMode::kAskAgain && m_linkModeTimes > 0) {
         --m_linkModeTimes;
-        return {.status = qnt::kStatusAgain};
+        return {.status = qnt::kRequestAgain};
     }
     return linkReply(exchange);
 }
@@ -290,7 +290,7 @@ void SimulatedHost::carryOut(Held& held, const Reply& reply) {
         m_currentCommand = std::move(m_commands.front().command);
         m_commands.pop_front();
     }
-    if (exchange.requestType == qnt::UserDeletedPrinters && exchange.status == qnt::kStatusDone)
+    if (exchange.requestType == qnt::UserDeletedPrinters && exchange.status == qnt::kRequestDone)
         forgetReported(exchange.request);
     if (m_report)
         m_report(describeExchange(exchange));

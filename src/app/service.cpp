@@ -55,7 +55,7 @@ void resetInheritedState() {
     setenv("LC_ALL", "C", 1);
 }
 
-bool doesCupsRespond() {
+bool waitForCups() {
     for (int tries = 1; runCommand("lpstat >/dev/null 2>&1") != 0; ++tries) {
         if (tries == kCupsTries)
             return false;
@@ -64,12 +64,12 @@ bool doesCupsRespond() {
     return true;
 }
 
-bool isCupsAvailable() {
+bool checkCups() {
     if (runCommand("type lpadmin >/dev/null 2>&1") != 0) {
         QNT_LOG(0, "lpadmin not found in system");
         return false;
     }
-    if (!doesCupsRespond()) {
+    if (!waitForCups()) {
         QNT_LOG(0, "cups is not responding");
         return false;
     }
@@ -118,7 +118,7 @@ int runTool() {
 }
 
 int startAndRun() {
-    if (!isCupsAvailable()) {
+    if (!checkCups()) {
         QNT_LOG(0, "CUPS not available. Will exit.");
         return 0;
     }

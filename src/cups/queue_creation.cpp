@@ -15,7 +15,7 @@ namespace qnt {
 namespace {
 
 constexpr char kFallbackPpdModel[] = "postscript-hp:0/ppd/hplip/HP/hp-color_laserjet_8500-ps.ppd";
-constexpr char kDeviceUri[] = "usb://HP/Color%20LaserJet%208500?serial=";
+constexpr char kDeviceUriPrefix[] = "usb://HP/Color%20LaserJet%208500?serial=";
 
 std::string ppdModel;
 
@@ -42,7 +42,7 @@ bool createQueue(const std::string& queueName, const std::string& id,
                  const std::string& description) {
     const std::string command =
         "lpadmin -p " + shellQuote(queueName).value() + " -u allow:all" + " -m " +
-        shellQuote(ppdModel).value() + " -v " + shellQuote(kDeviceUri + id).value() +
+        shellQuote(ppdModel).value() + " -v " + shellQuote(kDeviceUriPrefix + id).value() +
         " -o printer-error-policy=retry-job -E" + " -D " + shellQuote(description).value() +
         " -L 'Host OS'" + " -o printer-is-shared=false";
     QNT_LOG(3, "Adding printer: [%s]", command.c_str());
@@ -114,7 +114,7 @@ bool renamePrinter(const std::string& currentName, std::string& newName) {
     deletePrinter(currentName, queue->id);
     std::string createdName = newName;
     addPrinter(createdName, queue->id);
-    if (currentName == lastDefaultQueue())
+    if (currentName == lastDefaultQueueName())
         setDefaultPrinter(queue->id);
     return true;
 }

@@ -72,7 +72,7 @@ void setDefaultPrinter(const std::string& id) {
         QNT_LOG(0, "Failed to set default printer '%s'", id.c_str());
 }
 
-const std::string& lastDefaultQueue() {
+const std::string& lastDefaultQueueName() {
     return defaultPrinterName;
 }
 

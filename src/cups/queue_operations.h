@@ -19,7 +19,7 @@ void setDefaultPrinter(const std::string& id);
 
 // The queue that setDefaultPrinter last made the default, even if it has been deleted since; empty
 // at first.
-const std::string& lastDefaultQueue();
+const std::string& lastDefaultQueueName();
 
 // Deletes a queue by its name, after replacing blanks by "_". The id only appears in the records.
 void deletePrinter(const std::string& queueName, const std::string& id);

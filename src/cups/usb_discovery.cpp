@@ -10,7 +10,7 @@ namespace qnt {
 namespace {
 
 // Device and interface directories; root hubs have no "-" in their names.
-constexpr char kUsbDevices[] = "/sys/bus/usb/devices/*-*";
+constexpr char kUsbDevicePattern[] = "/sys/bus/usb/devices/*-*";
 
 class GlobResult {
 public:
@@ -44,7 +44,7 @@ std::string readFirstLine(const std::string& path) {
 }
 
 std::string getUsbProductBySerial(const std::string& id) {
-    for (const std::string path : GlobResult(kUsbDevices)) {
+    for (const std::string path : GlobResult(kUsbDevicePattern)) {
         if (readFirstLine(path + "/serial") != id)
             continue;
         std::string product = readFirstLine(path + "/product");

@@ -18,9 +18,9 @@ enum QntKlRequestCode : std::uint32_t {
 };
 
 // Values of DeviceRequestHeader::status; any other is a failure.
-inline constexpr std::uint32_t kStatusDone = 0;
-inline constexpr std::uint32_t kStatusCanceled = 0xF0000000;
-inline constexpr std::uint32_t kStatusAgain = 0xF0000025;  // submit the same request again
+inline constexpr std::uint32_t kRequestDone = 0;
+inline constexpr std::uint32_t kRequestCanceled = 0xF0000000;
+inline constexpr std::uint32_t kRequestAgain = 0xF0000025;  // submit the same request again
 
 inline constexpr std::uint32_t kBufferWritable = 1;  // bit 0 of BufferDescriptor::flags
 

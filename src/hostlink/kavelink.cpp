@@ -12,7 +12,7 @@ std::int32_t openOverDevice(KavelinkLink& link) {
     link.kind = LinkKindDevice;
     const std::int32_t result = linkDeviceOpen(link.handle);
     if (result == kLinkOk)
-        link.state = kLinkOpen;
+        link.state = kLinkStateOpen;
     return result;
 }
 
@@ -22,7 +22,7 @@ std::int32_t openOverBackdoor(KavelinkLink& link) {
     const std::int32_t result = guardedBackdoorProbe(&info);
     if (result == kLinkOk) {
         link.handle = info.maxTransfer;
-        link.state = kLinkOpen;
+        link.state = kLinkStateOpen;
     }
     return result;
 }
@@ -32,7 +32,7 @@ std::int32_t openOverBackdoor(KavelinkLink& link) {
 std::int32_t kavelinkOpen(KavelinkLink* link, std::int32_t mode) {
     if (link == nullptr)
         return kLinkBadArgument;
-    link->state = kLinkClosed;
+    link->state = kLinkStateClosed;
     switch (mode) {
         case kLinkDeviceOnly:
             return openOverDevice(*link);
@@ -54,7 +54,7 @@ std::int32_t kavelinkClose(KavelinkLink* link) {
         return kLinkBadArgument;
     if (link->kind == LinkKindDevice)
         linkDeviceClose(link->handle);
-    link->state = kLinkClosed;
+    link->state = kLinkStateClosed;
     return kLinkOk;
 }
 

@@ -24,8 +24,8 @@ enum LinkResult : std::int32_t {
     kLinkWriteInterrupted = static_cast<std::int32_t>(0x800703E3),
 };
 
-inline constexpr std::int32_t kLinkClosed = -11;  // KavelinkLink::state
-inline constexpr std::int32_t kLinkOpen = 0;      // open and idle
+inline constexpr std::int32_t kLinkStateClosed = -11;  // KavelinkLink::state
+inline constexpr std::int32_t kLinkStateOpen = 0;      // open and idle
 
 enum KavelinkKind : std::uint32_t {
     LinkKindBackdoor = 0x3F2E8A04,
@@ -39,14 +39,14 @@ enum KavelinkMode : std::int32_t {
 };
 
 struct KavelinkLink {
-    std::int32_t state = kLinkClosed;  // during and after an exchange: the exchange's status
-    std::uint32_t kind = 0;            // KavelinkKind, while open
-    std::uint64_t handle = 0;          // device: its descriptor; backdoor: maxTransfer; 0: none
+    std::int32_t state = kLinkStateClosed;  // during and after an exchange: the exchange's status
+    std::uint32_t kind = 0;                 // KavelinkKind, while open
+    std::uint64_t handle = 0;  // device: its descriptor; backdoor: maxTransfer; 0: none
 };
 
 // Opens the link and selects its transport. A missing device is final (kLinkNotAvailable): the
-// backdoor is tried only when the device refuses. The state is kLinkOpen on success, else
-// kLinkClosed.
+// backdoor is tried only when the device refuses. The state is kLinkStateOpen on success, else
+// kLinkStateClosed.
 std::int32_t kavelinkOpen(KavelinkLink* link, std::int32_t mode);
 
 // kLinkOk, or kLinkBadArgument for a null link.
@@ -62,7 +62,7 @@ std::int32_t kavelinkCall(KavelinkLink* link, void* buffer, std::uint32_t inputS
 // at once, later ones after a pause; a minute is longer than a host's service takes to start.
 class HostLoopLimit {
 public:
-    static constexpr std::chrono::seconds kTime{60};  // on the monotonic clock
+    static constexpr std::chrono::seconds kTimeLimit{60};  // on the monotonic clock
     static constexpr int kRepeatsAtOnce = 100;
     static constexpr std::chrono::milliseconds kPause{10};
 
@@ -70,7 +70,8 @@ public:
     bool mayRepeat();
 
 private:
-    const std::chrono::steady_clock::time_point m_end = std::chrono::steady_clock::now() + kTime;
+    const std::chrono::steady_clock::time_point m_end =
+        std::chrono::steady_clock::now() + kTimeLimit;
     int m_repeats = 0;
 };
 

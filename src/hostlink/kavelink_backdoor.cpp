@@ -217,7 +217,7 @@ std::int32_t backdoorCall(KavelinkLink& link, void* buffer, std::uint32_t inputS
     }
     if (answerLength != nullptr)
         *answerLength = progress.answerLength();
-    link.state = kLinkOpen;
+    link.state = kLinkStateOpen;
     return kLinkOk;
 }
 

@@ -17,8 +17,8 @@ std::int32_t probe(int fd) {
     do {
         if (submitRequestTo(fd, request) < 0)
             return errno == EINTR ? kLinkRefused : kLinkNotAvailable;
-    } while (request.status == kStatusAgain && limit.mayRepeat());
-    return request.status == kStatusDone ? kLinkOk : kLinkRefused;
+    } while (request.status == kRequestAgain && limit.mayRepeat());
+    return request.status == kRequestDone ? kLinkOk : kLinkRefused;
 }
 
 }  // namespace
@@ -57,7 +57,7 @@ std::int32_t linkDeviceCall(KavelinkLink& link, void* buffer, std::uint32_t inpu
         return kLinkNotOpen;
     if (submitRequestTo(static_cast<int>(link.handle), request.header) < 0)
         return errno == EINTR ? kLinkWriteInterrupted : kLinkWriteFailed;
-    if (request.header.status != kStatusDone)
+    if (request.header.status != kRequestDone)
         return kLinkRefused;
     link.state = header.hostStatus;
     if (header.hostStatus < 0)

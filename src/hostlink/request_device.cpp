@@ -63,9 +63,9 @@ bool SendRequest(DeviceRequest& request, void* buffer, std::uint32_t inSize,
     request.buffers[1] = describeBuffer(buffer, outSize, kBufferWritable);
     const ssize_t taken = submitRequest(request);
     const std::uint32_t status = request.header.status;
-    if (taken >= 0 && status == kStatusDone)
+    if (taken >= 0 && status == kRequestDone)
         return true;
-    if (status == kStatusCanceled)
+    if (status == kRequestCanceled)
         QNT_LOG(2, "SendRequest() was canceled");
     else
         QNT_LOG(0, "SendRequest() failed %x", status);

@@ -68,13 +68,13 @@ void setPlacement(const char* directory, const char* fileName) {
     closeFile();
 }
 
-const char* chosenPath() {
+const char* ensurePath() {
     if (g_directory[0] == '\0')
         setPlacement(kDefaultLogDirectory, kLogFileName);
     return g_path;
 }
 
-const char* userDir() {
+const char* ensureUserDir() {
     if (g_userDir[0] != '\0')
         return g_userDir;
     const passwd* user = getpwuid(geteuid());
@@ -103,11 +103,11 @@ bool openAndInstall(const char* path) {
 // Opens the path, or switches to the user directory, once per placement. Returns the log's
 // descriptor, or -1.
 int openOrFallBack() {
-    if (openAndInstall(chosenPath()))
+    if (openAndInstall(ensurePath()))
         return g_logFd;
     if (g_fallbackTaken)
         return -1;
-    setPlacement(userDir(), kLogFileName);
+    setPlacement(ensureUserDir(), kLogFileName);
     g_fallbackTaken = true;
     return openAndInstall(g_path) ? g_logFd : -1;
 }
@@ -139,12 +139,12 @@ void logFileSetPlacement(const char* directory, const char* fileName) {
 
 const char* logFilePath() {
     const std::lock_guard lock(g_placementMutex);
-    return chosenPath();
+    return ensurePath();
 }
 
 const char* logUserDir() {
     const std::lock_guard lock(g_placementMutex);
-    return userDir();
+    return ensureUserDir();
 }
 
 int logFileDescriptor() {

@@ -8,7 +8,7 @@ namespace qnt {
 namespace {
 
 // Read by a signal handler, so it must not be allocated lazily: an executable's TLS is static.
-thread_local volatile bool t_inSignalHandler = false;
+thread_local volatile bool t_inSignalLogScope = false;
 
 struct LocalSecond {
     bool known = false;
@@ -68,16 +68,16 @@ void refreshUtcOffset() {
     localTime(std::time(nullptr));
 }
 
-SignalLogScope::SignalLogScope() : m_outer(t_inSignalHandler) {
-    t_inSignalHandler = true;
+SignalLogScope::SignalLogScope() : m_outer(t_inSignalLogScope) {
+    t_inSignalLogScope = true;
 }
 
 SignalLogScope::~SignalLogScope() {
-    t_inSignalHandler = m_outer;
+    t_inSignalLogScope = m_outer;
 }
 
 bool SignalLogScope::active() {
-    return t_inSignalHandler;
+    return t_inSignalLogScope;
 }
 
 }  // namespace qnt

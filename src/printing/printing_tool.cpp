@@ -67,7 +67,7 @@ bool CPrintingTool::sendUserDeletedPrinters(const QueueBindingList& deleted) {
     DeviceRequest request{};
     const auto length = static_cast<std::uint32_t>(buffer.size());
     const bool sent = SendRequest(request, buffer.data(), length, length);
-    m_reportCanceledByStop = !sent && request.header.status == kStatusCanceled && !m_running;
+    m_reportCanceledByStop = !sent && request.header.status == kRequestCanceled && !m_running;
     return sent;
 }
 

@@ -38,7 +38,7 @@ public:
     // Sends a query and handles its answer. False if a pause is needed before the next call: after
     // a failed exchange, or when there was not enough memory or no process for a listing.
     bool ask() {
-        if (!m_answerUnhandled && !exchange())
+        if (!m_answerPending && !exchange())
             return false;
         const std::uint32_t requiredSize = answerRequiredSize(m_buffer);
         return requiredSize != 0 ? makeRoom(requiredSize) : handleAnswer();
@@ -69,22 +69,22 @@ private:
     // An answer that could not be handled stays in the buffer for the next call, as a host that has
     // nothing new may hold the next query for ever.
     bool handleAnswer() {
-        m_answerUnhandled = true;
+        m_answerPending = true;
         try {
             parseDefaultPrinterAnswer(m_receivedId, answerPayload(m_buffer),
                                       answerPayloadLength(m_buffer));
             // Only this thread writes the tool's id, so it may read it without the mutex.
             if (m_receivedId != m_tool.m_defaultPrinterId) {
                 QNT_LOG(0, "Set default printer: '%s'", m_receivedId.c_str());
-                m_unapplied = true;
+                m_applyPending = true;
             }
-            if (m_unapplied && !applyDefaultPrinter(m_tool, m_receivedId))
+            if (m_applyPending && !applyDefaultPrinter(m_tool, m_receivedId))
                 return false;
         } catch (const std::bad_alloc&) {
             logNoMemory("defaultPrinterLoop");
             return false;
         }
-        m_answerUnhandled = m_unapplied = false;
+        m_answerPending = m_applyPending = false;
         m_sequence = answerSequence(m_buffer);
         return true;
     }
@@ -92,8 +92,8 @@ private:
     CPrintingTool& m_tool;
     ByteArray m_buffer;
     std::string m_receivedId;
-    bool m_answerUnhandled = false;  // the buffer holds an answer that has not been handled yet
-    bool m_unapplied = false;        // applyDefaultPrinter has not yet returned for the received id
+    bool m_answerPending = false;  // the buffer holds an answer that has not been handled yet
+    bool m_applyPending = false;   // applyDefaultPrinter has not yet returned for the received id
     std::uint32_t m_sequence = 0;
     DeviceRequest m_request{};
 };

@@ -23,11 +23,11 @@ inline constexpr std::uint32_t kPrintingVersion = 1;
 inline constexpr std::uint32_t kPrintingCmdHeaderSize = 80;
 
 struct PrintingCmdHeader {
-    static constexpr std::uint32_t kVersion = 0;
-    static constexpr std::uint32_t kRequestType = 4;
-    static constexpr std::uint32_t kSequence = 8;
-    static constexpr std::uint32_t kPayloadLength = 12;
-    static constexpr std::uint32_t kRequiredSize = 16;
+    static constexpr std::uint32_t kVersionOffset = 0;
+    static constexpr std::uint32_t kRequestTypeOffset = 4;
+    static constexpr std::uint32_t kSequenceOffset = 8;
+    static constexpr std::uint32_t kPayloadLengthOffset = 12;
+    static constexpr std::uint32_t kRequiredSizeOffset = 16;
 };
 
 // The value of requestType. 0 and 2 are never sent.

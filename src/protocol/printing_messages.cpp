@@ -12,21 +12,20 @@
 namespace qnt {
 namespace {
 
-void writeQueryFields(std::uint8_t* buffer, std::uint32_t requestType, std::uint32_t sequence) {
-    writeU32(buffer + PrintingCmdHeader::kVersion, kPrintingVersion);
-    writeU32(buffer + PrintingCmdHeader::kRequestType, requestType);
-    writeU32(buffer + PrintingCmdHeader::kSequence, sequence);
+void writeCommonFields(std::uint8_t* buffer, std::uint32_t requestType, std::uint32_t sequence) {
+    writeU32(buffer + PrintingCmdHeader::kVersionOffset, kPrintingVersion);
+    writeU32(buffer + PrintingCmdHeader::kRequestTypeOffset, requestType);
+    writeU32(buffer + PrintingCmdHeader::kSequenceOffset, sequence);
 }
 
 void writeHeader(std::uint8_t* buffer, std::uint32_t requestType, std::uint32_t sequence) {
     std::memset(buffer, 0, kPrintingCmdHeaderSize);
-    writeQueryFields(buffer, requestType, sequence);
+    writeCommonFields(buffer, requestType, sequence);
 }
 
 void logSkipped(const ItemStream& stream) {
-    QNT_LOG_AS(kCommandManagerPrefix, kServiceTag, 2,
-               "Unsupported data skipped, type = %u, size = %u", stream.itemType(),
-               stream.itemLength());
+    QNT_LOG_AS(kProtocolLogPrefix, kServiceTag, 2, "Unsupported data skipped, type = %u, size = %u",
+               stream.itemType(), stream.itemLength());
 }
 
 // Calls `read` for each item of an opened stream until the stream ends, an item is malformed, or
@@ -130,7 +129,7 @@ void fillPrintingCmdPendingRequest(ByteArray& bufferCmd, std::uint32_t& requestS
 }
 
 void fillDefaultPrinterRequest(ByteArray& buffer, std::uint32_t sequence) {
-    writeQueryFields(buffer.data(), GetDefaultPrinter, sequence);
+    writeCommonFields(buffer.data(), GetDefaultPrinter, sequence);
 }
 
 bool fillPrintingCmdAnsRequest(ByteArray& bufferCmd, std::uint32_t result, std::uint32_t sequence,
@@ -144,7 +143,7 @@ bool fillPrintingCmdAnsRequest(ByteArray& bufferCmd, std::uint32_t result, std::
     writeHeader(stream.data(), PrintingCmdAnswer, sequence);
     const std::uint32_t length = stream.streamEnd();
     if (bufferCmd.size() < length && !bufferCmd.resize(length)) {
-        logNoMemory("fillPrintingCmdAnsRequest", kCommandManagerPrefix);
+        logNoMemory("fillPrintingCmdAnsRequest", kProtocolLogPrefix);
         return false;
     }
     std::memcpy(bufferCmd.data(), stream.data(), length);
@@ -163,7 +162,7 @@ bool fillUserDeletedPrintersRequest(ByteArray& destination, const QueueBindingLi
     writeHeader(stream.data(), UserDeletedPrinters, 0);
     const std::uint32_t length = stream.streamEnd();
     if (!destination.resize(length)) {
-        logNoMemory("fillUserDeletedPrintersRequest", kCommandManagerPrefix);
+        logNoMemory("fillUserDeletedPrintersRequest", kProtocolLogPrefix);
         return false;
     }
     std::memcpy(destination.data(), stream.data(), length);
@@ -178,22 +177,23 @@ AnswerResult processAnswerFromHost(ByteArray& bufferCmd) {
         return AnswerNone;
     if (bufferCmd.resize(requiredSize))
         return AnswerNone;
-    logNoMemory("processAnswerFromHost", kCommandManagerPrefix);
+    logNoMemory("processAnswerFromHost", kProtocolLogPrefix);
     return AnswerFailed;
 }
 
 std::uint32_t answerSequence(const ByteArray& buffer) {
-    return readU32(buffer.data() + PrintingCmdHeader::kSequence);
+    return readU32(buffer.data() + PrintingCmdHeader::kSequenceOffset);
 }
 
 std::uint32_t answerRequiredSize(const ByteArray& buffer) {
-    return readU32(buffer.data() + PrintingCmdHeader::kRequiredSize);
+    return readU32(buffer.data() + PrintingCmdHeader::kRequiredSizeOffset);
 }
 
 std::uint32_t answerPayloadLength(const ByteArray& buffer) {
     if (buffer.size() <= kPrintingCmdHeaderSize)
         return 0;
-    const std::uint32_t announced = readU32(buffer.data() + PrintingCmdHeader::kPayloadLength);
+    const std::uint32_t announced =
+        readU32(buffer.data() + PrintingCmdHeader::kPayloadLengthOffset);
     return static_cast<std::uint32_t>(
         std::min<std::size_t>(announced, buffer.size() - kPrintingCmdHeaderSize));
 }

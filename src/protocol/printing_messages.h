@@ -13,7 +13,7 @@
 
 namespace qnt {
 
-inline constexpr char kCommandManagerPrefix[] = "PRINTING_TOOL";
+inline constexpr char kProtocolLogPrefix[] = "PRINTING_TOOL";
 
 // A command from the host. `code` is valid only after a successful parse; `printers` is the host's
 // list, with the host's names in `queueName`.

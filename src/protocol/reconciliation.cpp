@@ -12,7 +12,7 @@
 namespace qnt {
 namespace {
 
-QueueBindingList takeListing() {
+QueueBindingList listHostQueues() {
     QueueBindingList listing;
     getHostPrinterQueues(listing, kListHostQueues);
     return listing;
@@ -31,7 +31,7 @@ QueuesById indexById(const QueueBindingList& listing) {
 }  // namespace
 
 QueueBindingList getUserDeletedPrinters(QueueBindingList& knownQueues) {
-    QueueBindingList listing = takeListing();
+    QueueBindingList listing = listHostQueues();
     const QueuesById listed = indexById(listing);
     QueueBindingList vanished;
     std::copy_if(knownQueues.begin(), knownQueues.end(), std::back_inserter(vanished),
@@ -48,26 +48,26 @@ void forgetPrinter(QueueBindingList& knownQueues, const std::string& id) {
 }
 
 bool hasQueueForId(const std::string& id) {
-    const QueueBindingList listing = takeListing();
+    const QueueBindingList listing = listHostQueues();
     return std::any_of(listing.begin(), listing.end(),
                        [&](const QueueBinding& queue) { return queue.id == id; });
 }
 
 void deleteOfflinePrinters() {
-    for (const QueueBinding& queue : takeListing()) {
+    for (const QueueBinding& queue : listHostQueues()) {
         if (!isPrinterOnline(queue.id))
             deletePrinter(queue.queueName, queue.id);
     }
 }
 
 bool areAllPrintersOffline() {
-    const QueueBindingList listing = takeListing();
+    const QueueBindingList listing = listHostQueues();
     return std::none_of(listing.begin(), listing.end(),
                         [](const QueueBinding& queue) { return isPrinterOnline(queue.id); });
 }
 
 void syncPrinterNames(const QueueBindingList& hostPrinters) {
-    const QueueBindingList listing = takeListing();
+    const QueueBindingList listing = listHostQueues();
     const QueuesById queues = indexById(listing);
     for (const QueueBinding& printer : hostPrinters) {
         const auto found = queues.find(printer.id);

@@ -5,11 +5,11 @@
 namespace qnt {
 namespace {
 
-void requestCommand(IPrintingTool& tool) {
+void fillCommandRequest(IPrintingTool& tool) {
     fillPrintingCmdRequest(tool.m_bufferCmd, tool.m_listSequence, tool.m_requestSize);
 }
 
-void requestWhilePending(IPrintingTool& tool) {
+void fillPendingRequest(IPrintingTool& tool) {
     fillPrintingCmdPendingRequest(tool.m_bufferCmd, tool.m_requestSize);
 }
 
@@ -25,7 +25,7 @@ bool carryOutCommand(IPrintingTool& tool, ICommandManager& commands) {
         tool.m_listSequence = answerSequence(tool.m_bufferCmd);
     const PrintingCmdResult result = commands.processPrintingCmd(command);
     if (result == CmdPending) {
-        requestWhilePending(tool);
+        fillPendingRequest(tool);
         return true;
     }
     return fillPrintingCmdAnsRequest(tool.m_bufferCmd, result, tool.m_listSequence,
@@ -41,11 +41,11 @@ bool executeStateMachine(IPrintingTool& tool, AnswerResult answer, ICommandManag
     if (answer == AnswerCommand && !pending)
         return carryOutCommand(tool, commands);
     if (answer == AnswerNone && pending) {
-        requestWhilePending(tool);
+        fillPendingRequest(tool);
         return true;
     }
     commands.m_pendingCmd = 0;
-    requestCommand(tool);
+    fillCommandRequest(tool);
     return true;
 }
 

@@ -47,7 +47,7 @@ void parse(const ByteArray& buffer) {
 void deliver(ByteArray& buffer, const std::uint8_t* answer, std::size_t size) {
     std::copy_n(answer, std::min(size, buffer.size()), buffer.data());
     if (const std::uint32_t asked = answerRequiredSize(buffer); asked > 4096)
-        writeU32(buffer.data() + PrintingCmdHeader::kRequiredSize, 4096 + asked % 4096);
+        writeU32(buffer.data() + PrintingCmdHeader::kRequiredSizeOffset, 4096 + asked % 4096);
 }
 
 void handle(ByteArray& buffer) {

@@ -139,11 +139,11 @@ TEST_F(Cups, MakesTheLastQueueOfAnIdTheDefault) {
     standIn("lpadmin", "exit 1");
     setDefaultPrinter("TAG2");
     EXPECT_THAT(said, EndsWith("\nF Failed to set default printer 'TAG2'\n"));
-    EXPECT_EQ(lastDefaultQueue(), "B");
+    EXPECT_EQ(lastDefaultQueueName(), "B");
     fs::remove(folder / "bin/lpadmin");
     setDefaultPrinter("");
     expectDefault("C");
-    EXPECT_EQ(lastDefaultQueue(), "C");
+    EXPECT_EQ(lastDefaultQueueName(), "C");
 }
 
 TEST_F(Cups, DeletesQueuesByNameAndById) {
@@ -181,7 +181,7 @@ TEST_F(Cups, RenamesTheQueueOfAHostPrinterAndKeepsTheDefault) {
     EXPECT_EQ(name, "Desk_Laser");
     EXPECT_EQ(queues(), "Desk_Laser\nGuests_Own\nOdd\n");
     expectDefault("Desk_Laser");
-    EXPECT_EQ(lastDefaultQueue(), "Desk_Laser");
+    EXPECT_EQ(lastDefaultQueueName(), "Desk_Laser");
 }
 
 TEST_F(Cups, AddsAQueueWithTheFixedDriverAndOptions) {

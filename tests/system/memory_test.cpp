@@ -181,40 +181,40 @@ TEST(Memory, AFailureInAnyThreadIsLoggedAndLosesNothing) {
                   EXPECT_TRUE(fs::remove(changes)) << "the default has not been applied";
               },
               {"", kNoMemory + "defaultPrinterLoop\n"}});
-    failEach({[&](CPrintingTool& tool) {
-                  g_runsUntilPause = nullptr;
-                  g_host = [&](std::uint8_t* buffer, std::uint32_t outSize) {
-                      const std::uint32_t type = readU32(buffer + PrintingCmdHeader::kRequestType);
-                      if (type == GetPrintingCmd) {
-                          EXPECT_FALSE(tool.m_defaultPrinterPending) << "not applied in its step";
-                          tool.m_defaultPrinterId = kId;
-                          tool.m_defaultPrinterPending = true;
-                          return answer(list, buffer, outSize);
-                      }
-                      if (type != PrintingCmdAnswer)
-                          return false;
-                      tool.m_running = false;
-                      return answer(sim::roomRequest(80), buffer, outSize);
-                  };
-              },
-              [&](CPrintingTool& tool) {
-                  try {
-                      result = tool.run();
-                  } catch (const std::bad_alloc&) {  // the entry point reports it
-                      result = 1;
-                      t_needsRecord = false;
-                  }
-              },
-              [&](CPrintingTool& tool) {
-                  const std::string& log = CapturedLog::text;
-                  EXPECT_TRUE(result == 1 || log.empty() ||
-                              log == kNoMemory + "setDefaultPrinter\n");
-                  EXPECT_TRUE(result == 0 || log != kNoMemory + "setDefaultPrinter\n");
-                  tool.stop();
-              },
-              {"", kStep, "F Not enough memory to init m_bufferCmd\n",
-               kNoMemory + "setDefaultPrinter\n", kNoMemory + "executeStateMachine\n" + kStep,
-               kNoRoom + "processAnswerFromHost\n" + kStep}});
+    failEach(
+        {[&](CPrintingTool& tool) {
+             g_runsUntilPause = nullptr;
+             g_host = [&](std::uint8_t* buffer, std::uint32_t outSize) {
+                 const std::uint32_t type = readU32(buffer + PrintingCmdHeader::kRequestTypeOffset);
+                 if (type == GetPrintingCmd) {
+                     EXPECT_FALSE(tool.m_defaultPrinterPending) << "not applied in its step";
+                     tool.m_defaultPrinterId = kId;
+                     tool.m_defaultPrinterPending = true;
+                     return answer(list, buffer, outSize);
+                 }
+                 if (type != PrintingCmdAnswer)
+                     return false;
+                 tool.m_running = false;
+                 return answer(sim::roomRequest(80), buffer, outSize);
+             };
+         },
+         [&](CPrintingTool& tool) {
+             try {
+                 result = tool.run();
+             } catch (const std::bad_alloc&) {  // the entry point reports it
+                 result = 1;
+                 t_needsRecord = false;
+             }
+         },
+         [&](CPrintingTool& tool) {
+             const std::string& log = CapturedLog::text;
+             EXPECT_TRUE(result == 1 || log.empty() || log == kNoMemory + "setDefaultPrinter\n");
+             EXPECT_TRUE(result == 0 || log != kNoMemory + "setDefaultPrinter\n");
+             tool.stop();
+         },
+         {"", kStep, "F Not enough memory to init m_bufferCmd\n", kNoMemory + "setDefaultPrinter\n",
+          kNoMemory + "executeStateMachine\n" + kStep,
+          kNoRoom + "processAnswerFromHost\n" + kStep}});
     fs::remove_all(folder);
 }
 

@@ -31,7 +31,7 @@ TEST(BackdoorGuard, SurvivesTheFaultAndRestoresDispositionsAndMask) {
                 raise(SIGSEGV);  // pending when the probe unblocks it
             KavelinkLink link;
             EXPECT_EQ(kavelinkOpen(&link, kLinkBackdoorOnly), kLinkNotAvailable);
-            EXPECT_EQ(link.state, kLinkClosed);
+            EXPECT_EQ(link.state, kLinkStateClosed);
             pthread_sigmask(SIG_BLOCK, nullptr, &after);
             for (const int signal : {SIGILL, SIGSEGV})
                 EXPECT_EQ(sigismember(&after, signal), sigismember(&before, signal));

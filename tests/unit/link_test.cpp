@@ -123,7 +123,7 @@ TEST(Backdoor, MovesACallWithinItsBufferOrFailsIt) {
         std::uint32_t length = 99;
         EXPECT_EQ(kavelinkCall(&link, buffer.data(), row.input, row.output, &length), row.result);
         const bool succeeds = row.result == kLinkOk;
-        EXPECT_EQ(link.state, succeeds ? kLinkOpen : row.transfers.back().status);
+        EXPECT_EQ(link.state, succeeds ? kLinkStateOpen : row.transfers.back().status);
         EXPECT_EQ(length, succeeds ? std::min(g_hypervisor.written, row.output) : 0);
         EXPECT_TRUE(!succeeds || g_hypervisor.input == input);
         for (std::uint32_t i = 0; i < length; ++i)
@@ -144,7 +144,7 @@ TEST(Backdoor, GivesUpAHostThatMovesNothingForAMinute) {
     Bytes buffer(20);
     KavelinkLink link{0, LinkKindBackdoor, 100};
     EXPECT_EQ(kavelinkCall(&link, buffer.data(), 10, 20, nullptr), kLinkHostFailed);
-    EXPECT_EQ(g_slept, HostLoopLimit::kTime);
+    EXPECT_EQ(g_slept, HostLoopLimit::kTimeLimit);
     EXPECT_EQ(g_hypervisor.commands.back()[0], kBackdoorCancel);
     // Twice most of a minute, with a byte in between.
     std::vector<Transfer> slow(9000, Transfer{0, kMore});
@@ -154,7 +154,7 @@ TEST(Backdoor, GivesUpAHostThatMovesNothingForAMinute) {
     g_slept = 0s;
     link = {0, LinkKindBackdoor, 100};
     EXPECT_EQ(kavelinkCall(&link, buffer.data(), 10, 20, nullptr), kLinkOk);
-    EXPECT_GT(g_slept, HostLoopLimit::kTime);
+    EXPECT_GT(g_slept, HostLoopLimit::kTimeLimit);
 }
 
 TEST(Backdoor, LoadsTheRegistersOfEachCommand) {
@@ -185,7 +185,7 @@ TEST(Backdoor, OpensWithItsOwnAnswerOnly) {
             each |= kGarbage;
         KavelinkLink link;
         EXPECT_EQ(kavelinkOpen(&link, kLinkBackdoorOnly), result);
-        EXPECT_EQ(link.state, result == kLinkOk ? kLinkOpen : kLinkClosed);
+        EXPECT_EQ(link.state, result == kLinkOk ? kLinkStateOpen : kLinkStateClosed);
         EXPECT_EQ(link.handle, 0U);
     }
 }
@@ -251,7 +251,7 @@ struct Device {
 
 TEST(LinkDevice, IsProbedAndLeftForTheBackdoorWhereItRefuses) {
     constexpr std::size_t kEndless =
-        1 + HostLoopLimit::kRepeatsAtOnce + HostLoopLimit::kTime / HostLoopLimit::kPause;
+        1 + HostLoopLimit::kRepeatsAtOnce + HostLoopLimit::kTimeLimit / HostLoopLimit::kPause;
     const Reply refused{5};
     const struct {
         std::vector<Reply> replies;
@@ -259,8 +259,8 @@ TEST(LinkDevice, IsProbedAndLeftForTheBackdoorWhereItRefuses) {
         std::uint32_t kind;
         std::size_t probes;
     } rows[] = {
-        {{{0xF0000025}, {kStatusDone}}, kLinkDeviceThenBackdoor, kLinkOk, LinkKindDevice, 2},
-        {{{kStatusAgain}}, kLinkDeviceOnly, kLinkRefused, 0, kEndless},
+        {{{0xF0000025}, {kRequestDone}}, kLinkDeviceThenBackdoor, kLinkOk, LinkKindDevice, 2},
+        {{{kRequestAgain}}, kLinkDeviceOnly, kLinkRefused, 0, kEndless},
         {{refused}, kLinkDeviceOnly, kLinkRefused, 0, 1},
         {{refused}, kLinkDeviceThenBackdoor, kLinkOk, LinkKindBackdoor, 1},
         {{{0, EINTR}}, kLinkDeviceThenBackdoor, kLinkOk, LinkKindBackdoor, 1},
@@ -276,7 +276,7 @@ TEST(LinkDevice, IsProbedAndLeftForTheBackdoorWhereItRefuses) {
         const auto before = openFiles();
         KavelinkLink link;
         EXPECT_EQ(kavelinkOpen(&link, mode), result);
-        EXPECT_EQ(link.state, result == kLinkOk ? kLinkOpen : kLinkClosed);
+        EXPECT_EQ(link.state, result == kLinkOk ? kLinkStateOpen : kLinkStateClosed);
         EXPECT_TRUE(result != kLinkOk || link.kind == kind);
         EXPECT_EQ(device.taken, probes);
         kavelinkClose(&link);
@@ -286,7 +286,7 @@ TEST(LinkDevice, IsProbedAndLeftForTheBackdoorWhereItRefuses) {
 
 TEST(LinkDevice, CarriesACallInOneRequest) {
     const auto answer = [](std::uint32_t length, std::uint32_t announced, std::int32_t status) {
-        return Reply{kStatusDone, 0,
+        return Reply{kRequestDone, 0,
                      words({32, 0, 5, length, announced, static_cast<std::uint32_t>(status)})};
     };
     const std::tuple<Reply, std::int32_t, std::int32_t, std::uint32_t> rows[] = {
@@ -294,12 +294,12 @@ TEST(LinkDevice, CarriesACallInOneRequest) {
         {answer(9, 5, 0), kLinkOk, 0, 5},
         {answer(3, 6, 1), kLinkAnswerTooLarge, 1, 0},
         {answer(3, 0, -3), kLinkHostFailed, -3, 0},
-        {{kStatusAgain}, kLinkRefused, kLinkNotOpen, 0},
+        {{kRequestAgain}, kLinkRefused, kLinkNotOpen, 0},
         {{0, EINTR}, kLinkWriteInterrupted, kLinkNotOpen, 0},
         {{0, EIO}, kLinkWriteFailed, kLinkNotOpen, 0},
     };
     for (const auto& [reply, result, state, answerLength] : rows) {
-        Device device{{{kStatusDone}, reply}};
+        Device device{{{kRequestDone}, reply}};
         KavelinkLink link;
         EXPECT_EQ(kavelinkOpen(&link, kLinkDeviceOnly), kLinkOk);
         Bytes buffer(5);
@@ -317,7 +317,7 @@ constexpr char kId[] = "quintaris.PrintingTool.guest.lin";
 constexpr char kName[] = "Quintaris Shared Printers Tool";
 
 TEST(StatusMessage, GoesOverTheDeviceAsDocumented) {
-    Device device{{{kStatusDone}}};
+    Device device{{{kRequestDone}}};
     KavelinkLink link;
     EXPECT_EQ(kavelinkOpen(&link, kLinkDeviceOnly), kLinkOk);
     EXPECT_EQ(device.record, documented("link-probe"));
@@ -356,11 +356,11 @@ TEST(StatusMessage, CarriesEveryFieldOfItsCallerOrFails) {
 
 TEST(SendRequest, SubmitsTheDocumentedRecordAndLogsAFailure) {
     const std::tuple<Reply, std::int32_t, bool, std::string> rows[] = {
-        {{kStatusDone}, 3, true, ""},
+        {{kRequestDone}, 3, true, ""},
         {{5}, 0, false, "F SendRequest() failed 5\n"},
         {{0, EIO}, 0, false, "F SendRequest() failed 0\n"},
-        {{kStatusCanceled}, 1, false, ""},
-        {{kStatusCanceled}, 2, false, "I SendRequest() was canceled\n"},
+        {{kRequestCanceled}, 1, false, ""},
+        {{kRequestCanceled}, 2, false, "I SendRequest() was canceled\n"},
     };
     for (const auto& [reply, level, succeeds, records] : rows) {
         Device device{{reply}};

@@ -167,7 +167,7 @@ TEST(Answers, HaveNoPayloadBeyondTheirBuffer) {
     for (const auto& [size, announced, length] :
          {std::tuple{80U, 1U, 0U}, {100U, 20U, 20U}, {100U, 21U, 20U}, {100U, ~0U, 20U}}) {
         Buffer buffer(size);
-        writeU32(buffer.data() + PrintingCmdHeader::kPayloadLength, announced);
+        writeU32(buffer.data() + PrintingCmdHeader::kPayloadLengthOffset, announced);
         EXPECT_EQ(answerPayloadLength(buffer), length) << size << ' ' << announced;
     }
 }
