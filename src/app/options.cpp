@@ -36,8 +36,8 @@ void printUsage(const char* program) {
 
 OptionsResult readOptions(int argc, char** argv) {
     logSetLevel(kDefaultLogLevel);
-    for (int option = getopt(argc, argv, "l:hv"); option != -1;
-         option = getopt(argc, argv, "l:hv")) {
+    int option = 0;
+    while ((option = getopt(argc, argv, "l:hv")) != -1) {
         switch (option) {
             case 'l':
                 setLevelFrom(optarg);

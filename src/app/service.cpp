@@ -52,7 +52,7 @@ void resetInheritedState() {
     for (const int signal : {SIGTERM, SIGINT, SIGCHLD})
         std::signal(signal, SIG_DFL);
     unblockStopSignals();
-    setenv("LC_ALL", "C", 1);
+    setenv("LC_ALL", "C", 1);  // without memory for it, LANG=C of the commands still holds
 }
 
 bool waitForCups() {

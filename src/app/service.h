@@ -9,7 +9,8 @@ namespace qnt {
 // Once in a process, on the main thread.
 int runService(int argc, char** argv);
 
-// Handles SIGTERM and SIGINT: asks the run loop and the workers to end. Async-signal-safe.
+// Handles SIGTERM and SIGINT: asks the run loop and the workers to end. Takes no lock and allocates
+// nothing, in its record as well (see SignalLogScope).
 void stopSignalHandler(int signal);
 
 }  // namespace qnt

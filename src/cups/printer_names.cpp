@@ -11,7 +11,10 @@ namespace {
 
 constexpr std::size_t kLongestDescription = 32767;
 constexpr std::string_view kNeverInIds("\0\t\n\v\f\r =", 8);
-// Leaves 4 KiB for the rest of the command line that creates a queue.
+// Leaves 4 KiB for the rest of a command line with one such name. The command that creates a queue
+// has the name twice, as queue name and as description. If they are too long for it together, its
+// first run fails ("sh" does not start, rc=32512), and the accepted forms, which are short, are
+// used.
 constexpr std::size_t kLongestQuotedName = kArgumentLimit - 4096;
 
 // What validate_name() of lpadmin refuses in CUPS 2.4. (After an "@" lpadmin leaves the check to
@@ -25,14 +28,15 @@ bool continuesUtf8Character(char byte) {
     return (byte & 0xC0) == 0x80;
 }
 
-// Where the text is no UTF-8, truncates it to exactly the limit.
+// Truncates the text before the character that crosses the limit; to exactly the limit where the
+// text is no UTF-8, whose characters have at most 4 bytes (RFC 3629).
 std::string truncated(std::string text, std::size_t limit) {
     if (text.size() <= limit)
         return text;
     std::size_t length = limit;
-    while (length > 0 && continuesUtf8Character(text[length]))
+    while (limit - length < 3 && continuesUtf8Character(text[length]))
         --length;
-    text.resize(length > 0 ? length : limit);
+    text.resize(continuesUtf8Character(text[length]) ? limit : length);
     return text;
 }
 
@@ -52,9 +56,12 @@ bool rejectInvalidId(const std::string& id) {
 
 bool rejectUnusableName(const std::string& name) {
     const auto quoted = quotedQueueName(name);
-    if (quoted && quoted->size() > kLongestQuotedName)
-        QNT_LOG(0, "Refused printer name of %zu bytes: too long for a command", name.size());
-    return !quoted || quoted->size() > kLongestQuotedName;
+    if (!quoted)
+        return true;
+    if (quoted->size() <= kLongestQuotedName)
+        return false;
+    QNT_LOG(0, "Refused printer name of %zu bytes: too long for a command", name.size());
+    return true;
 }
 
 std::string queueNameFor(std::string name) {

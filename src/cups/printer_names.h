@@ -7,15 +7,17 @@
 #include <string>
 #include <string_view>
 
+#include "posix/shell_command.h"
+
 namespace qnt {
 
 // Ids of host printers begin with this.
 inline constexpr std::string_view kHostIdStart = "TAG";
 
-// What fits into a line of the listing besides a queue name, a blank and the newline. (CUPS
-// truncates a device URI at the same length as the listing a line.)
+// An id fits into a line of the listing with a queue name, a blank and the newline. (CUPS truncates
+// a device URI at the length at which the listing breaks a line.)
 inline constexpr std::size_t kLongestQueueName = 127;  // bytes
-inline constexpr std::size_t kLongestId = 1023 - kLongestQueueName - 2;
+inline constexpr std::size_t kLongestId = kLineBufferSize - 1 - kLongestQueueName - 2;
 
 // True if an id survives the way through a device URI and the listing of the queues: it begins with
 // kHostIdStart (otherwise it could be a local USB printer's), contains no white space, "=" or zero

@@ -17,8 +17,8 @@ inline constexpr unsigned kUsbWaitPauseSeconds = 1;
 // fails and CUPS may have refused the name, as acceptedQueueName returns it.
 //
 // On return the name is the queue name that was used, or empty if there was none. An id or a name
-// that no command can contain and an empty id are refused before any queue is touched. Use
-// isPrinterOnline to see whether the queue exists.
+// that no command can contain and an empty id are refused before any queue is touched. Whether
+// the queue exists afterwards is not returned: list the queues, or call isPrinterOnline.
 void addPrinter(std::string& name, const std::string& id);
 
 // Deletes a queue, creates it again under another name, whose blanks are replaced in place, and

@@ -10,8 +10,8 @@
 namespace qnt {
 
 // A CUPS queue and the host printer that it belongs to. `id` is the host's identifier of the
-// printer, the USB serial number of its virtual device and the text after the last "=" of the
-// queue's device URI. Ids and names are compared byte for byte.
+// printer: the USB serial number of its virtual device, and the text after the last "=" of the
+// queue's device URI that is followed by "TAG". Ids and names are compared byte for byte.
 struct QueueBinding {
     std::string id;
     std::string queueName;

@@ -24,8 +24,7 @@ std::optional<std::string> filterCommand(const std::string& queueName) {
     const auto pattern = sedPattern(queueName);
     if (!pattern)
         return std::nullopt;
-    const auto program = shellQuote("/^printer " + *pattern + " /p");
-    return program ? std::optional("LANG=C lpstat -p | sed -n " + *program) : std::nullopt;
+    return "LANG=C lpstat -p | sed -n " + shellQuote("/^printer " + *pattern + " /p").value();
 }
 
 std::optional<std::string> queueStateCommand(const std::string& queueName) {

@@ -1,9 +1,9 @@
 // Operations on the queues of host printers, by printer id.
 //
-// Each operation takes a new listing where it needs one, runs one CUPS command line and waits for
-// it; none retries. The queue of an id is the last one that lpstat lists for it. The caller holds
-// the tool's mutex, which also guards the name of the default queue. Failures are logged. The
-// operations may throw std::bad_alloc.
+// The operations on an id list its queues first; the last one that lpstat lists counts as the
+// printer's queue. Each change is one CUPS command line, which the operation waits for and does not
+// retry. The caller holds the tool's mutex, which also guards the name of the default queue.
+// Failures are logged. The operations may throw std::bad_alloc.
 
 #pragma once
 

@@ -17,16 +17,16 @@ enum QntKlRequestCode : std::uint32_t {
     QntKlReqPrinting = 0x8900,  // one exchange of the printing protocol
 };
 
-// Values of DeviceRequestHeader::status; any other is a failure.
+// Values of DeviceRequestHeader::status after a submission; any other is a failure.
 inline constexpr std::uint32_t kRequestDone = 0;
 inline constexpr std::uint32_t kRequestCanceled = 0xF0000000;
-inline constexpr std::uint32_t kRequestAgain = 0xF0000025;  // submit the same request again
+inline constexpr std::uint32_t kRequestAgain = 0xF0000025;  // a link's probe: submit it again
 
 inline constexpr std::uint32_t kBufferWritable = 1;  // bit 0 of BufferDescriptor::flags
 
 struct DeviceRequestHeader {
     std::uint32_t code;
-    std::uint32_t status;       // 0 from the sender, the result from the host
+    std::uint32_t status;       // 0 at the first submission; then the result from the host
     std::uint16_t inlineSize;   // bytes of inline data after the header, a multiple of 8
     std::uint16_t bufferCount;  // descriptors after the inline data
     std::uint32_t reserved;

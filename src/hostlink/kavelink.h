@@ -17,7 +17,7 @@ enum LinkResult : std::int32_t {
     kLinkNotAvailable = -5,  // no device, or no backdoor
     kLinkRefused = -6,       // the host refused the probe or the request; wrong backdoor version
     kLinkAnswerTooLarge = -7,
-    kLinkHostFailed = -8,  // the host reported a negative status
+    kLinkHostFailed = -8,  // negative host status, too many bytes, or transfers that move nothing
     kLinkUnknownKind = -9,
     kLinkNotOpen = -10,
     kLinkWriteFailed = static_cast<std::int32_t>(0x80004005),

@@ -43,7 +43,9 @@ struct BackdoorExchange {
     std::int32_t hostStatus = kNoHostStatus;
 };
 
-// Guest memory that is passed to the host in one transfer.
+// Guest memory that is passed to the host in one transfer. What the host may write into can overlap
+// input that has not been sent yet: a host that answers before it has the whole input overwrites
+// it.
 struct TransferArea {
     std::uint8_t* start = nullptr;
     std::uint32_t chunk = 0;         // bytes that the host reads from it

@@ -35,8 +35,7 @@ std::int32_t linkDeviceOpen(std::uint64_t& handle) {
 }
 
 void linkDeviceClose(std::uint64_t& handle) {
-    if (handle != 0)
-        const UniqueFd closed(static_cast<int>(handle));
+    const UniqueFd closed(handle != 0 ? static_cast<int>(handle) : -1);
     handle = 0;
 }
 

@@ -21,7 +21,7 @@ bool openRequestDevice() {
         QNT_LOG_AS("", kDeviceTag, 0, "Error: Can't open %s", kRequestDevicePath);
         return false;
     }
-    fcntl(requestDeviceFd, F_SETFD, FD_CLOEXEC);
+    fcntl(requestDeviceFd, F_SETFD, FD_CLOEXEC);  // no other thread starts a process in between
     QNT_LOG_AS("", kDeviceTag, 2, "Opened %s", kRequestDevicePath);
     return true;
 }

@@ -2,8 +2,11 @@
 //
 // A request is submitted by writing its record's address. The write returns when the host has
 // answered; status and answer are then final. Until then the record and its buffers must stay in
-// place. Any number of threads may submit at the same time, each with its own record and buffers. A
-// submission is a cancellation point.
+// place. Any number of threads may submit at the same time, each with its own record and buffers.
+//
+// A submission is a cancellation point. This relies on the driver: when the write of a cancelled
+// thread returns, neither the driver nor the host uses the record or its buffers any more, which
+// the unwinding thread then frees.
 
 #pragma once
 
@@ -16,9 +19,9 @@
 namespace qnt {
 
 // The service's one descriptor for the printing traffic. The entry point opens it before other
-// threads exist and leaves it open until the process exits. Both operations log their outcome.
-// openRequestDevice: true if the device is open. closeRequestDevice: true if an open device was
-// closed without error.
+// threads exist and leaves it open until the process exits. openRequestDevice: true if the device
+// is open. closeRequestDevice: true if an open device was closed without error; false, without a
+// record, if none was open. Everything else is logged.
 bool openRequestDevice();
 bool closeRequestDevice();
 bool isRequestDeviceOpen();

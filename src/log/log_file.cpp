@@ -31,7 +31,7 @@ std::mutex g_placementMutex;
 // Guarded by g_placementMutex.
 int g_logFd = -1;  // the log's descriptor number, chosen when a file is first opened
 bool g_fallbackTaken = false;
-Path g_directory = "";
+Path g_directory = "";  // empty: the next record starts again with the default placement
 Path g_path = "";
 Path g_userDir = "";
 
@@ -100,8 +100,9 @@ bool openAndInstall(const char* path) {
     return true;
 }
 
-// Opens the path, or switches to the user directory, once per placement. Returns the log's
-// descriptor, or -1.
+// Opens the path, or switches to the user directory, once per placement. Without a user directory
+// the path is quintaris.log under the root directory, and each later record tries the default
+// placement again. Returns the log's descriptor, or -1.
 int openOrFallBack() {
     if (openAndInstall(ensurePath()))
         return g_logFd;

@@ -36,7 +36,8 @@ int logFileDescriptor();
 void logFileSetPlacement(const char* directory, const char* fileName);
 
 // Returns the log file's path, by default quintaris.log in /var/log. The log owns the text, which
-// changes with the placement.
+// another thread that falls back to the user directory or sets the placement overwrites: to be
+// called while no other thread does.
 const char* logFilePath();
 
 // Opens a file for appending and sets its mode to 0666, whatever the umask or an earlier mode.
@@ -44,7 +45,7 @@ const char* logFilePath();
 int logFileOpen(const char* path);
 
 // Returns the directory .quintaris in the effective user's home directory, created if missing;
-// empty on failure. The log owns the text.
+// empty on failure. The log owns the text, which does not change once it is not empty. Any thread.
 const char* logUserDir();
 
 }  // namespace qnt

@@ -2,13 +2,14 @@
 
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <cstring>
 
 namespace qnt {
 namespace {
 
 // Read by a signal handler, so it must not be allocated lazily: an executable's TLS is static.
-thread_local volatile bool t_inSignalLogScope = false;
+thread_local volatile std::sig_atomic_t t_inSignalLogScope = 0;
 
 struct LocalSecond {
     bool known = false;
@@ -69,7 +70,7 @@ void refreshUtcOffset() {
 }
 
 SignalLogScope::SignalLogScope() : m_outer(t_inSignalLogScope) {
-    t_inSignalLogScope = true;
+    t_inSignalLogScope = 1;
 }
 
 SignalLogScope::~SignalLogScope() {
@@ -77,7 +78,7 @@ SignalLogScope::~SignalLogScope() {
 }
 
 bool SignalLogScope::active() {
-    return t_inSignalLogScope;
+    return t_inSignalLogScope != 0;
 }
 
 }  // namespace qnt

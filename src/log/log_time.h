@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <csignal>
 #include <cstddef>
 #include <ctime>
 
@@ -34,7 +35,7 @@ public:
     static bool active();
 
 private:
-    const bool m_outer;
+    const std::sig_atomic_t m_outer;
 };
 
 }  // namespace qnt

@@ -16,8 +16,9 @@ namespace {
 constexpr int kNotStarted = 127 << 8;  // the wait status of exit code 127
 constexpr std::string_view kSedSpecials = R"(\[.*^$/)";
 
-// How the shell starts: new session, empty signal mask, default disposition for signals that the
-// service handles or that it may have inherited as ignored.
+// How the shell starts (the initialisations and settings can't fail in glibc): new session, empty
+// signal mask, default disposition for signals that the service handles or that it may have
+// inherited as ignored.
 class SpawnSetup {
 public:
     SpawnSetup() {

@@ -1,8 +1,9 @@
 // system(3) and popen(3) for a service whose threads can be cancelled at any time:
 //
 // - A cancelled thread leaves no process behind. Each command runs in a session of its own, whose
-//   process group is killed and reaped while the thread unwinds. (glibc's pclose would wait for a
-//   command that hangs.) A tool that would ask for a password fails, as it has no terminal.
+//   process group is killed while the thread unwinds; the shell is reaped, and init reaps the rest.
+//   (glibc's pclose would wait for a command that hangs.) A tool that would ask for a password
+//   fails, as it has no terminal.
 // - SIGINT keeps its handler. (system(3) ignores SIGINT in the whole process while a command runs,
 //   so a stop request would be lost.)
 // - The command starts with an empty signal mask, although the workers block the stop signals. It

@@ -116,7 +116,7 @@ bool CPrintingTool::exchangeUnlessStopped() {
 }
 
 // A worker that holds the mutex may be stuck in a tool or a report. After a stop request it gets
-// kWorkerGrace; then it is cancelled and releases the mutex while it unwinds.
+// kWorkerGrace; then both workers are cancelled, and the holder unlocks the mutex while it unwinds.
 std::unique_lock<std::mutex> CPrintingTool::lockForStep() {
     using Clock = std::chrono::steady_clock;
     yieldToWaiters(m_waitingWorkers);

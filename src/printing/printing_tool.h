@@ -1,10 +1,10 @@
 // The run loop, its two workers and the state that they share.
 //
 // Three threads use the tool: the run loop's, which is the main thread, and the workers
-// 'DeletedPrinrters' and 'SetDefaultPrinter'. m_mutex is held around every step of the state
-// machine, every comparison and report of the known queues and every change of the default printer,
-// so only one thread at a time changes CUPS. Exchanges with the host are made without it, except
-// the report of deleted queues.
+// 'DeletedPrinrters' and 'SetDefaultPrinter'. Once the workers run, m_mutex is held around every
+// step of the state machine, every comparison and report of the known queues and every change of
+// the default printer, so only one thread at a time changes CUPS. Exchanges with the host are made
+// without it, except the report of deleted queues.
 
 #pragma once
 
@@ -23,14 +23,15 @@
 namespace qnt {
 
 inline constexpr unsigned kRetryDelaySeconds = 1;  // after a failed exchange, or out of memory
-// How long after a stop request the run loop waits for a worker that holds the mutex, before it
-// cancels the workers.
+// How long the run loop waits for a worker that holds the mutex, from its first failed attempt
+// after a stop request. Then it cancels both workers, as it does not know which of them holds it.
 inline constexpr std::chrono::seconds kWorkerGrace{1};
 
 class CPrintingTool : public IPrintingTool {
 public:
     // Exchanges requests and answers with the host until a stop request (0) or a failure (1).
-    // Starts the workers, which stop() ends. Main thread; the request device is open.
+    // Starts the workers, which stop() ends. Main thread; the request device is open. Throws
+    // std::bad_alloc only before it starts the workers, from the first listing.
     std::int32_t run() override;
     // Cancels the workers and waits for them to end. Main thread, after run().
     std::int32_t stop() override;
@@ -42,7 +43,9 @@ public:
     pthread_t m_defaultPrinterThread = 0;   // run loop's thread; 0 when not started
     std::mutex m_mutex;
     std::atomic<int> m_waitingWorkers{0};  // workers that wait for the mutex
-    std::string m_defaultPrinterId;  // written under the mutex; its only writer reads it unlocked
+    // Cleared by run(), then written by the 'SetDefaultPrinter' worker under the mutex; the worker
+    // itself reads it without the mutex.
+    std::string m_defaultPrinterId;
     bool m_defaultPrinterPending = false;  // under the mutex: the default has not been applied yet
 
 private:

@@ -19,11 +19,9 @@
 namespace qnt {
 namespace {
 
-void reportDeleted(IPrintingTool& tool, QueueBindingList& deleted) {
+void reportDeleted(IPrintingTool& tool) {
     try {
-        deleted = getUserDeletedPrinters(tool.m_knownQueues);
-        if (!deleted.empty())
-            tool.sendUserDeletedPrinters(deleted);
+        tool.sendUserDeletedPrinters(getUserDeletedPrinters(tool.m_knownQueues));
     } catch (const std::bad_alloc&) {
         logNoMemory("deletedPrintersLoop");
     }
@@ -108,10 +106,9 @@ void* deletedPrintersEntry(void* tool) {
 
 void deletedPrintersLoop(CPrintingTool& tool) {
     while (tool.m_running) {
-        QueueBindingList deleted;
         {
             const std::unique_lock lock = lockCancellably(tool.m_mutex, tool.m_waitingWorkers);
-            reportDeleted(tool, deleted);
+            reportDeleted(tool);
         }
         refreshUtcOffset();
         sleep(kDeletedCheckPauseSeconds);

@@ -56,8 +56,9 @@ public:
     std::int32_t appendText(std::uint32_t type, std::string_view text);
 
     // Reading. open() succeeds if the header and the first item are valid, so a stream without
-    // items does not open. next() moves to the following item. Any result but kStreamOk ends the
-    // reading: callers treat the end of the stream and a malformed item alike.
+    // items does not open. next() moves to the following item and may be called only
+    // while the last result was kStreamOk. Any other result ends the reading: callers treat the end
+    // of the stream and a malformed item alike.
     std::int32_t open(const std::uint8_t* buffer, std::uint32_t bufferLength, std::uint32_t base);
     std::int32_t next();
 

@@ -1,7 +1,8 @@
 // Building the service's requests and reading the host's answers.
 //
 // The answer overwrites the request in the same buffer. The operations keep no state and take no
-// lock. Only the parse operations throw: std::bad_alloc. Records have the prefix "PRINTING_TOOL".
+// lock. Only the parse operations throw: std::bad_alloc. Records have the prefix "PRINTING_TOOL";
+// a buffer that can't grow leaves one, an item stream that can't grow leaves none.
 
 #pragma once
 

@@ -1,10 +1,10 @@
 // Keeps three views of the same printers in step: the host's list, the guest's queues that are
 // bound to host printers, and the service's memory of those queues.
 //
-// Each operation takes one new listing of the queues; a failed listing counts as empty. Of several
-// entries with one id, the first counts. All callers hold the tool's mutex. Failures of the CUPS
-// tools are logged by the operations on queues and not reported here. The operations may throw
-// std::bad_alloc.
+// Each operation except forgetPrinter takes one new listing of the queues; a failed listing counts
+// as empty. Of several entries with one id, the first counts. All callers hold the tool's mutex.
+// Failures of the CUPS tools are logged by the operations on queues and not reported here. The
+// operations may throw std::bad_alloc.
 
 #pragma once
 
@@ -31,7 +31,7 @@ void deleteOfflinePrinters();
 // True if no host-bound queue is online, or there is none.
 bool areAllPrintersOffline();
 
-// Renames each queue whose name differs from the host's name of its printer.
+// Renames each printer's queue (the first of its id) whose name differs from the host's name.
 void syncPrinterNames(const QueueBindingList& hostPrinters);
 
 }  // namespace qnt

@@ -44,7 +44,7 @@ bool executeStateMachine(IPrintingTool& tool, AnswerResult answer, ICommandManag
         fillPendingRequest(tool);
         return true;
     }
-    commands.m_pendingCmd = 0;
+    commands.m_pendingCmd = 0;  // any command ends the pending one
     fillCommandRequest(tool);
     return true;
 }

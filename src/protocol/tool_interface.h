@@ -23,8 +23,8 @@ public:
     virtual std::int32_t stop() = 0;
 };
 
-// The state that the state machine reads and changes, on the run loop's thread with the tool's
-// mutex held.
+// The state that the state machine reads and changes, on the run loop's thread. Fields marked with
+// the mutex are guarded by it once the workers run.
 class IPrintingTool : public IServiceTool {
 public:
     // Reports the ids of queues that the guest's user deleted. True if the list is empty or the
