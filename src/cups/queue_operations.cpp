@@ -1,7 +1,5 @@
 #include "cups/queue_operations.h"
 
-#include <optional>
-
 #include "cups/printer_names.h"
 #include "cups/queue_listing.h"
 #include "cups/usb_discovery.h"
@@ -20,23 +18,17 @@ bool isOneQueueToLpstat(const std::string& queueName) {
            queueName != "all";
 }
 
-std::optional<std::string> filterCommand(const std::string& queueName) {
-    const auto pattern = sedPattern(queueName);
-    if (!pattern)
-        return std::nullopt;
-    return "LANG=C lpstat -p | sed -n " + shellQuote("/^printer " + *pattern + " /p").value();
-}
-
-std::optional<std::string> queueStateCommand(const std::string& queueName) {
-    if (!isOneQueueToLpstat(queueName))
-        return filterCommand(queueName);
-    const auto word = quotedQueueName(queueName);
-    return word ? std::optional("LANG=C lpstat -p " + *word) : std::nullopt;
+// The names come from the listing, whose lines contain neither a zero byte nor a newline, so they
+// always have a pattern and a quoted form.
+std::string queueStateCommand(const std::string& queueName) {
+    if (isOneQueueToLpstat(queueName))
+        return "LANG=C lpstat -p " + shellQuote(queueName).value();
+    const std::string program = "/^printer " + sedPattern(queueName).value() + " /p";
+    return "LANG=C lpstat -p | sed -n " + shellQuote(program).value();
 }
 
 bool isQueueEnabled(const std::string& queueName) {
-    const auto command = queueStateCommand(queueName);
-    return command && runCommand(*command + " | fgrep -q 'enabled since'") == 0;
+    return runCommand(queueStateCommand(queueName) + " | fgrep -q 'enabled since'") == 0;
 }
 
 bool isOnline(const std::string& id) {
@@ -60,10 +52,7 @@ void setDefaultPrinter(const std::string& id) {
     if (!listPrinterQueues(queues, id) || queues.empty())
         return;
     const std::string& queueName = queues.back().queueName;
-    const auto word = quotedQueueName(queueName);
-    if (!word)
-        return;
-    const std::string command = "lpadmin -d " + *word;
+    const std::string command = "lpadmin -d " + shellQuote(queueName).value();
     QNT_LOG(3, "%s", command.c_str());
     if (runCommand(command) == 0)
         defaultPrinterName = queueName;
