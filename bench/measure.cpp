@@ -12,7 +12,7 @@
 #include <stdexcept>
 
 #include "sim/guest_namespace.h"
-#include "tests/support/private_cups.h"
+#include "sim/private_cups.h"
 
 namespace bench {
 namespace {

@@ -3,7 +3,7 @@
 #include <stdexcept>
 
 #include "bench/measure.h"
-#include "tests/support/private_cups.h"
+#include "sim/private_cups.h"
 
 namespace bench {
 namespace {

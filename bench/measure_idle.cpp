@@ -10,7 +10,7 @@
 #include <thread>
 
 #include "bench/measure.h"
-#include "tests/support/private_cups.h"
+#include "sim/private_cups.h"
 
 namespace bench {
 namespace {

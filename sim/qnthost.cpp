@@ -14,6 +14,7 @@
 
 #include "sim/console.h"
 #include "sim/guest_namespace.h"
+#include "sim/private_cups.h"
 #include "sim/process.h"
 #include "sim/simulated_host.h"
 
@@ -34,6 +35,9 @@ constexpr char kUsage[] =
     "bytes of room for the answer), answer, time for which the host held the request.\n"
     "\n"
     "  --log FOLDER         mount this folder over /var/log (default: a new folder in /tmp)\n"
+    "  --cups FOLDER        start a private cupsd with its files there; the tools of CUPS reach "
+    "it\n"
+    "                       with CUPS_SERVER=FOLDER/cups.sock (default: the cupsd of CUPS_SERVER)\n"
     "  --script FILE        read the commands from a file; the first that fails ends qnthost\n"
     "  --namespace-entered  use the current mount namespace, made by unshare -m, so that other\n"
     "                       programs in it can use the device\n"
@@ -47,6 +51,7 @@ constexpr char kUsage[] =
 
 struct Options {
     std::string logFolder;
+    std::string cupsFolder;
     std::string script;
     bool namespaceEntered = false;
     bool quiet = false;
@@ -57,6 +62,7 @@ struct Options {
 
 Options readOptions(int argc, char** argv) {
     const option known[] = {{"log", required_argument, nullptr, 'l'},
+                            {"cups", required_argument, nullptr, 'c'},
                             {"script", required_argument, nullptr, 's'},
                             {"namespace-entered", no_argument, nullptr, 'n'},
                             {"quiet", no_argument, nullptr, 'q'},
@@ -69,6 +75,9 @@ Options readOptions(int argc, char** argv) {
         switch (key) {
             case 'l':
                 options.logFolder = optarg;
+                break;
+            case 'c':
+                options.cupsFolder = optarg;
                 break;
             case 's':
                 options.script = optarg;
@@ -143,6 +152,9 @@ int simulateHost(const Options& options) {
         return kUsageExitCode;
     }
     enterNamespace(options);
+    std::optional<PrivateCups> cups;
+    if (!options.cupsFolder.empty())
+        cups.emplace(options.cupsFolder);
     SimulatedHost host(options.quiet ? nullptr : std::function(printLine));
     std::optional<Process> program;
     if (!options.program.empty())

@@ -12,9 +12,9 @@
 #include <thread>
 
 #include "sim/guest_namespace.h"
+#include "sim/private_cups.h"
 #include "sim/simulated_host.h"
 #include "tests/support/bytes.h"
-#include "tests/support/private_cups.h"
 
 // Sleeps of this process return at once.
 inline std::vector<unsigned> g_sleeps;

@@ -1,4 +1,4 @@
-#include "tests/support/private_cups.h"
+#include "sim/private_cups.h"
 
 #include <sys/wait.h>
 

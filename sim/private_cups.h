@@ -1,4 +1,4 @@
-// A real CUPS for a test or a measurement, and what its tools print.
+// A real CUPS for the simulated guest, and what its tools print.
 
 #pragma once
 
