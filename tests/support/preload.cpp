@@ -2,14 +2,12 @@
 //
 //   QNT_SLEEPS      sleep() returns at once and adds a line, its seconds, to this file
 //   QNT_HURRY       sleep()'s seconds last a fiftieth
-//   QNT_STOP_AT     e.g. "3 fgets": at the workers' third call of fgets() the process gets SIGTERM,
-//                   and the worker stays there until it is cancelled
 //   QNT_CHILD_LEFT  a child that is left when the service exits is noted in this file
 //   QNT_ONE_THREAD  pthread_create() fails from the second thread on
 //   QNT_NO_PROCESS  posix_spawn() fails while this file exists
 //
-// In a service with the address sanitizer, the sanitizer's own write(), fgets(), waitid() and
-// posix_spawn() are called instead.
+// In a service with the address sanitizer, the sanitizer's own waitid() and posix_spawn() are
+// called instead.
 
 #include <dlfcn.h>
 #include <pthread.h>
@@ -17,7 +15,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -35,13 +32,6 @@ Function* next(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
-bool isCancellable() {
-    int state = PTHREAD_CANCEL_DISABLE;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
-    pthread_setcancelstate(state, nullptr);
-    return state == PTHREAD_CANCEL_ENABLE;
-}
-
 // The thread sanitizer loses track of a thread that is cancelled inside a waiting call, so the
 // cancellation comes between two of them.
 void waitSlices(long slices) {
@@ -52,20 +42,6 @@ void waitSlices(long slices) {
         pthread_setcancelstate(state, nullptr);
         pthread_testcancel();
     }
-}
-
-void cancellationPoint(const char* name) {
-    static const char* const stopAt = std::getenv("QNT_STOP_AT");
-    static std::atomic<int> calls = 0;
-    if (stopAt == nullptr || gettid() == getpid() || !isCancellable())
-        return;
-    char* wanted = nullptr;
-    const long number = std::strtol(stopAt, &wanted, 10);
-    if (std::strcmp(wanted + 1, name) != 0 || ++calls != number)
-        return;
-    kill(getpid(), SIGTERM);
-    for (;;)
-        waitSlices(1);
 }
 
 struct AtExit {
@@ -82,7 +58,6 @@ struct AtExit {
 extern "C" {
 
 unsigned sleep(unsigned seconds) {
-    cancellationPoint("sleep");
     if (const char* file = std::getenv("QNT_SLEEPS"))
         std::ofstream(file, std::ios::app) << seconds << std::endl;
     else
@@ -92,26 +67,12 @@ unsigned sleep(unsigned seconds) {
 
 // The wait for the tool's mutex.
 int nanosleep(const timespec* time, timespec*) {
-    cancellationPoint("nanosleep");
     waitSlices(time->tv_sec * 1000 + time->tv_nsec / 1'000'000);
     return 0;
 }
 
-ssize_t write(int descriptor, const void* bytes, size_t size) {
-    static const auto call = next<decltype(write)>("write");
-    cancellationPoint("write");
-    return call(descriptor, bytes, size);
-}
-
-char* fgets(char* line, int size, FILE* stream) {
-    static const auto call = next<decltype(fgets)>("fgets");
-    cancellationPoint("fgets");
-    return call(line, size, stream);
-}
-
 int waitid(idtype_t kind, id_t id, siginfo_t* info, int options) {
     static const auto call = next<decltype(waitid)>("waitid");
-    cancellationPoint("waitid");
     info->si_pid = 0;
     int result = 0;
     while ((result = call(kind, id, info, options | WNOHANG)) == 0 && info->si_pid == 0)

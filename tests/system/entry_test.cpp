@@ -3,8 +3,6 @@
 #include <gmock/gmock.h>
 #include <sys/mount.h>
 
-#include <regex>
-
 #include "tests/support/fixture.h"
 
 namespace qnt {
@@ -39,23 +37,6 @@ TEST_F(EntryTest, OptionsAreReadFromLeftToRightUntilHelp) {
             EXPECT_EQ(status, 0);
         }
     EXPECT_THAT(records(), IsEmpty());
-}
-
-TEST_F(EntryTest, TheOptionsAreTheSameInHelpReadmeAndManPage) {
-    const auto options = [](const std::string& text, const std::string& pattern) {
-        const std::regex line(pattern);
-        std::map<std::string, std::string> found;
-        for (std::sregex_iterator match(text.begin(), text.end(), line), end; match != end; ++match)
-            found[(*match)[1]] = (*match)[2];
-        return found;
-    };
-    const std::string usage = "\n +-([a-z]) +: ([^\n]*)";
-    const std::string source = QNT_SOURCE_DIR;
-    const auto help = options(sim::commandOutput("'" QNT_SERVICE "' -h"), usage);
-    EXPECT_EQ(help.size(), 3U);
-    EXPECT_EQ(help, options(contents(source + "/README.md"), usage));
-    EXPECT_EQ(help, options(contents(source + "/packaging/qntspooler.8"),
-                            "\n\\.It Fl ([a-z])[^\n]*\n([^\n]*)"));
 }
 
 TEST_F(EntryTest, WithoutLpadminItEndsAlsoWithUnknownOptions) {
