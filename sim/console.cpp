@@ -3,18 +3,25 @@
 #include <algorithm>
 #include <charconv>
 #include <csignal>
+#include <cstring>
+#include <deque>
+#include <fstream>
+#include <iterator>
 #include <sstream>
 #include <thread>
 
 #include "cups/printer_names.h"
 #include "cups/queue_creation.h"
 #include "cups/usb_discovery.h"
+#include "log/log_file.h"
+#include "posix/shell_command.h"
 #include "protocol/printing_format.h"
 
 namespace sim {
 namespace {
 
 constexpr std::uint32_t kIdleSeconds = 30;
+constexpr std::size_t kLogRecords = 10;
 constexpr std::uint32_t kMaxWaitSeconds = 3600;
 constexpr std::chrono::seconds kStopTime(20);
 constexpr unsigned kDeviceWaitSeconds = qnt::kUsbWaitTries * qnt::kUsbWaitPauseSeconds;
@@ -105,58 +112,42 @@ struct Console::Command {
     std::size_t most;
     const char* arguments;
     const char* effect;
-    std::function<void(Console&, const Words&)> carryOut;
+    void (Console::*carryOut)(const Words&);
 };
 
-const std::vector<Console::Command>& Console::commands() {
-    using Self = Console&;
-    using Args = const Words&;
-    static const std::vector<Command> table{
-        {"plug", 2, 2, "ID NAME",
-         "share a printer: add its USB device, send CmdPrinterList and CmdAddPrinter",
-         [](Self self, Args words) { self.plug(words); }},
-        {"unplug", 1, 1, "ID", "remove its USB device",
-         [](Self self, Args words) { self.unplug(words); }},
-        {"rename", 2, 2, "ID NAME", "change its name and send CmdPrinterList",
-         [](Self self, Args words) { self.rename(words); }},
-        {"default", 1, 1, "ID", "make it the host's default printer",
-         [](Self self, Args words) { self.setDefault(words); }},
-        {"list", 0, 0, "", "send CmdPrinterList", [](Self self, Args) { self.sendPrinterList(); }},
-        {"add", 1, 1, "ID", "send CmdAddPrinter", [](Self self, Args words) { self.add(words); }},
-        {"delete", 1, 1, "ID", "remove it from the list and send CmdDeletePrinter",
-         [](Self self, Args words) { self.remove(words); }},
-        {"delete-offline", 0, 0, "", "send CmdDeleteOfflinePrinters",
-         [](Self self, Args) { self.send(deleteOffline()); }},
-        {"wait-offline", 0, 0, "", "send CmdWaitAllOffline",
-         [](Self self, Args) { self.send(waitOffline()); }},
-        {"command", 1, 1, "CODE", "send a command with any code and no other items",
-         [](Self self, Args words) { self.sendUnknown(words); }},
-        {"fault", 1, 3, "cancel|status N|ask N|malformed|silence|errno N [REQUEST]",
-         "fail the next request of a kind: command (default), default, deleted or link",
-         [](Self self, Args words) { self.fault(words); }},
-        {"link", 1, 2, "accept|refuse|again [TIMES]",
-         "set how the host answers the Open Kavelink link",
-         [](Self self, Args words) { self.link(words); }},
-        {"show", 0, 0, "", "print the host's printers: ID, NAME, and 'default'",
-         [](Self self, Args) { self.show(); }},
-        {"results", 0, 0, "", "print the results that the service has reported",
-         [](Self self, Args) { self.results(); }},
-        {"status", 0, 0, "", "print the status messages that the service has sent",
-         [](Self self, Args) { self.status(); }},
-        {"wait-idle", 0, 1, "[SECONDS]",
-         "wait until no command is waiting and the service asks for one",
-         [](Self self, Args words) { self.waitIdle(words); }},
-        {"wait", 1, 1, "SECONDS", "wait", [](Self self, Args words) { self.wait(words); }},
-        {"echo", 0, 1, "[TEXT]", "print the text",
-         [](Self self, Args words) { self.m_print(words.empty() ? "" : words[0]); }},
-        {"stop", 0, 0, "", "send SIGTERM to the program of --run and print its exit code",
-         [](Self self, Args) { self.stop(); }},
-        {"help", 0, 0, "", "print this list", [](Self self, Args) { self.m_print(help()); }},
-        {"quit", 0, 0, "", "end, as at the end of the input",
-         [](Self self, Args) { self.m_ended = true; }},
-    };
-    return table;
-}
+const Console::Command Console::kCommands[] = {
+    {"plug", 2, 2, "ID NAME",
+     "share a printer: add its USB device, send CmdPrinterList and CmdAddPrinter", &Console::plug},
+    {"unplug", 1, 1, "ID", "remove its USB device", &Console::unplug},
+    {"rename", 2, 2, "ID NAME", "change its name and send CmdPrinterList", &Console::rename},
+    {"default", 1, 1, "ID", "make it the host's default printer", &Console::setDefault},
+    {"list", 0, 0, "", "send CmdPrinterList", &Console::list},
+    {"add", 1, 1, "ID", "send CmdAddPrinter", &Console::add},
+    {"delete", 1, 1, "ID", "remove it from the list and send CmdDeletePrinter", &Console::remove},
+    {"delete-offline", 0, 0, "", "send CmdDeleteOfflinePrinters", &Console::sendDeleteOffline},
+    {"wait-offline", 0, 0, "", "send CmdWaitAllOffline", &Console::sendWaitOffline},
+    {"command", 1, 1, "CODE", "send a command with any code and no other items",
+     &Console::sendUnknown},
+    {"fault", 1, 3, "cancel|status N|ask N|malformed|silence|errno N [REQUEST]",
+     "fail the next request of a kind: command (default), default, deleted or link",
+     &Console::fault},
+    {"link", 1, 2, "accept|refuse|again [TIMES]",
+     "set how the host answers the Open Kavelink link on the device", &Console::link},
+    {"show", 0, 0, "", "print the host's printers: ID, NAME, and 'default'", &Console::show},
+    {"guest", 0, 0, "", "print the guest's queues and its default", &Console::guest},
+    {"log", 0, 1, "[COUNT]", "print the last records of the service's log (default: 10)",
+     &Console::log},
+    {"results", 0, 0, "", "print the results that the service has reported", &Console::results},
+    {"status", 0, 0, "", "print the status messages that the service has sent", &Console::status},
+    {"wait-idle", 0, 1, "[SECONDS]",
+     "wait until no command is waiting and the service asks for one", &Console::waitIdle},
+    {"wait", 1, 1, "SECONDS", "wait", &Console::wait},
+    {"echo", 0, 1, "[TEXT]", "print the text", &Console::echo},
+    {"stop", 0, 0, "", "send SIGTERM to the program of --run and print its exit code",
+     &Console::stop},
+    {"help", 0, 0, "", "print this list", &Console::printHelp},
+    {"quit", 0, 0, "", "end, as at the end of the input", &Console::quit},
+};
 
 Console::Console(SimulatedHost& host, std::optional<Process>& program,
                  std::function<void(const std::string&)> print)
@@ -166,8 +157,8 @@ bool Console::execute(const std::string& line) {
     const Words head = split(line, 2);
     if (head.empty() || head[0].starts_with('#'))
         return true;
-    const auto command = std::ranges::find(commands(), head[0], &Command::name);
-    if (command == commands().end())
+    const auto command = std::ranges::find(kCommands, head[0], &Command::name);
+    if (command == std::end(kCommands))
         throw ConsoleError("unknown command '" + head[0] + "'; 'help' lists the commands");
     Words words = split(line, command->most + 1);
     words.erase(words.begin());
@@ -175,19 +166,28 @@ bool Console::execute(const std::string& line) {
         throw ConsoleError(head[0] + " takes no arguments");
     if (words.size() < command->fewest)
         throw ConsoleError("usage: " + head[0] + " " + command->arguments);
-    command->carryOut(*this, words);
+    (this->*command->carryOut)(words);
     return !m_ended;
 }
 
 std::string Console::help() {
     std::string text = "Commands, one per line:\n";
-    for (const Command& command : commands()) {
+    for (const Command& command : kCommands) {
         const std::string arguments = command.arguments;
         text += std::string("  ") + command.name + (arguments.empty() ? "" : " ") + arguments +
                 "\n      " + command.effect + "\n";
     }
     text.pop_back();
     return text;
+}
+
+std::vector<std::string> Console::completions(bool firstWord) const {
+    std::vector<std::string> words;
+    if (firstWord)
+        std::ranges::transform(kCommands, std::back_inserter(words), &Command::name);
+    else
+        std::ranges::transform(m_host.printers(), std::back_inserter(words), &HostPrinter::id);
+    return words;
 }
 
 void Console::requireKnown(const std::string& id) const {
@@ -256,6 +256,18 @@ void Console::setDefault(const Words& words) {
     m_host.setDefault(words[0]);
 }
 
+void Console::list(const Words&) {
+    sendPrinterList();
+}
+
+void Console::sendDeleteOffline(const Words&) {
+    send(deleteOffline());
+}
+
+void Console::sendWaitOffline(const Words&) {
+    send(waitOffline());
+}
+
 void Console::sendUnknown(const Words& words) {
     send({number(words[0]), {}, {}});
 }
@@ -280,20 +292,42 @@ void Console::link(const Words& words) {
     m_host.setLinkMode(mode, static_cast<int>(std::min(times, 1'000'000u)));
 }
 
-void Console::show() {
+void Console::show(const Words&) {
     for (const HostPrinter& printer : m_host.printers())
         m_print(printer.id + "\t" + printer.name + "\t" +
                 (printer.id == m_host.defaultPrinter() ? "default" : ""));
 }
 
-void Console::results() {
+void Console::guest(const Words&) {
+    qnt::CommandOutput queues;
+    char line[qnt::kLineBufferSize];
+    if (!queues.open("LC_ALL=C; export LC_ALL; lpstat -v 2>&1; lpstat -d 2>&1"))
+        throw ConsoleError("lpstat can't be started");
+    while (queues.readLine(line))
+        m_print(std::string(line, std::strcspn(line, "\n")));
+    queues.close();
+}
+
+void Console::log(const Words& words) {
+    const std::size_t count = words.empty() ? kLogRecords : number(words[0]);
+    std::ifstream file(qnt::logFilePath());
+    std::deque<std::string> records;
+    for (std::string record; std::getline(file, record);) {
+        records.push_back(record);
+        if (records.size() > count)
+            records.pop_front();
+    }
+    std::ranges::for_each(records, m_print);
+}
+
+void Console::results(const Words&) {
     std::string line = "results:";
     for (const std::uint32_t result : m_host.results())
         line += " " + std::to_string(result);
     m_print(line);
 }
 
-void Console::status() {
+void Console::status(const Words&) {
     std::string line = "status:";
     for (const Bytes& message : m_host.statusMessages())
         line += " " + statusState(message);
@@ -314,6 +348,18 @@ void Console::wait(const Words& words) {
     std::this_thread::sleep_for(seconds(words, 0));
 }
 
+void Console::echo(const Words& words) {
+    m_print(words.empty() ? "" : words[0]);
+}
+
+void Console::printHelp(const Words&) {
+    m_print(help());
+}
+
+void Console::quit(const Words&) {
+    m_ended = true;
+}
+
 // What an add that the service carries out now is waiting for; empty if it is not waiting.
 std::string Console::awaitedDevice() const {
     const std::optional<HostCommand> command = m_host.currentCommand();
@@ -323,7 +369,7 @@ std::string Console::awaitedDevice() const {
            std::to_string(kDeviceWaitSeconds) + " seconds at most";
 }
 
-void Console::stop() {
+void Console::stop(const Words&) {
     if (!m_program)
         throw ConsoleError("no program was started with --run");
     m_program->signal(SIGTERM);

@@ -34,26 +34,38 @@ public:
 
     // The list of all commands, as text for a terminal.
     static std::string help();
+    // The words that can stand first in a line, or later: the commands, the ids of the printers.
+    std::vector<std::string> completions(bool firstWord) const;
 
 private:
     struct Command;
-    static const std::vector<Command>& commands();
+    static const Command kCommands[];
 
-    void add(const Words& words);
+    // One for each command.
     void plug(const Words& words);
     void unplug(const Words& words);
     void rename(const Words& words);
-    void remove(const Words& words);
     void setDefault(const Words& words);
+    void list(const Words& words);
+    void add(const Words& words);
+    void remove(const Words& words);
+    void sendDeleteOffline(const Words& words);
+    void sendWaitOffline(const Words& words);
     void sendUnknown(const Words& words);
     void fault(const Words& words);
     void link(const Words& words);
-    void show();
-    void results();
-    void status();
+    void show(const Words& words);
+    void guest(const Words& words);
+    void log(const Words& words);
+    void results(const Words& words);
+    void status(const Words& words);
     void waitIdle(const Words& words);
-    void stop();
     void wait(const Words& words);
+    void echo(const Words& words);
+    void stop(const Words& words);
+    void printHelp(const Words& words);
+    void quit(const Words& words);
+
     void requireKnown(const std::string& id) const;
     void requireRunning() const;
     void send(HostCommand command);
