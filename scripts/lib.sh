@@ -7,7 +7,7 @@ readonly missing_exit_code=69 # EX_UNAVAILABLE of sysexits.h
 readonly started_in=${OLDPWD-$PWD}
 PATH=$PATH:/usr/sbin:/sbin # for lpadmin; a root shell started by su may lack them
 
-build_packages=(cmake g++ libfuse3-dev ninja-build pkg-config)
+build_packages=(cmake g++ libedit-dev libfuse3-dev ninja-build pkg-config)
 cups_packages=(cups cups-client printer-driver-postscript-hp)
 guest_packages=(fuse3 procps)
 test_packages=(clang clang-format clang-tidy dpkg-dev libbenchmark-dev libclang-rt-dev

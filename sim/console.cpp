@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <charconv>
 #include <csignal>
-#include <cstring>
 #include <deque>
 #include <fstream>
 #include <iterator>
@@ -14,8 +13,8 @@
 #include "cups/queue_creation.h"
 #include "cups/usb_discovery.h"
 #include "log/log_file.h"
-#include "posix/shell_command.h"
 #include "protocol/printing_format.h"
+#include "sim/private_cups.h"
 
 namespace sim {
 namespace {
@@ -299,13 +298,9 @@ void Console::show(const Words&) {
 }
 
 void Console::guest(const Words&) {
-    qnt::CommandOutput queues;
-    char line[qnt::kLineBufferSize];
-    if (!queues.open("LC_ALL=C; export LC_ALL; lpstat -v 2>&1; lpstat -d 2>&1"))
-        throw ConsoleError("lpstat can't be started");
-    while (queues.readLine(line))
-        m_print(std::string(line, std::strcspn(line, "\n")));
-    queues.close();
+    std::string lines = commandOutput("LC_ALL=C; export LC_ALL; lpstat -v 2>&1; lpstat -d 2>&1");
+    lines.resize(lines.find_last_not_of('\n') + 1);
+    m_print(lines);
 }
 
 void Console::log(const Words& words) {

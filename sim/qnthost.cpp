@@ -10,13 +10,13 @@
 #include <exception>
 #include <fstream>
 #include <iostream>
-#include <mutex>
 
 #include "sim/console.h"
 #include "sim/guest_namespace.h"
 #include "sim/private_cups.h"
 #include "sim/process.h"
 #include "sim/simulated_host.h"
+#include "sim/terminal.h"
 
 namespace sim {
 namespace {
@@ -31,17 +31,17 @@ constexpr char kUsage[] =
     "Simulates the host for a guest's printing service: the request device in /proc/driver,\n"
     "virtual USB printers in /sys/bus/usb, and a folder over /var/log, in a mount namespace that\n"
     "is not visible from outside. Needs root and /dev/fuse. Reads commands from standard input,\n"
-    "and prints each exchange with the service once it is answered: time, request (bytes sent/\n"
-    "bytes of room for the answer), answer, time for which the host held the request.\n"
+    "with a prompt on a terminal, and prints each exchange with the service once it is answered:\n"
+    "time, request (bytes sent/bytes of room for the answer), answer, time for which it was held.\n"
     "\n"
     "  --log FOLDER         mount this folder over /var/log (default: a new folder in /tmp)\n"
-    "  --cups FOLDER        start a private cupsd with its files there; the tools of CUPS reach "
-    "it\n"
-    "                       with CUPS_SERVER=FOLDER/cups.sock (default: the cupsd of CUPS_SERVER)\n"
+    "  --cups FOLDER        start a private cupsd with its files there, which the tools of CUPS\n"
+    "                       reach with CUPS_SERVER=FOLDER/cups.sock (default: none is started)\n"
     "  --script FILE        read the commands from a file; the first that fails ends qnthost\n"
     "  --namespace-entered  use the current mount namespace, made by unshare -m, so that other\n"
     "                       programs in it can use the device\n"
     "  --quiet              print no exchanges\n"
+    "  --output FILE        append the output of the program and of its tools to this file\n"
     "  --run PROGRAM...     start this program in the guest; 'stop' and the end of qnthost end it\n"
     "  --help               print this text and the commands\n"
     "\n"
@@ -53,6 +53,7 @@ struct Options {
     std::string logFolder;
     std::string cupsFolder;
     std::string script;
+    std::string output;
     bool namespaceEntered = false;
     bool quiet = false;
     bool help = false;
@@ -66,6 +67,7 @@ Options readOptions(int argc, char** argv) {
                             {"script", required_argument, nullptr, 's'},
                             {"namespace-entered", no_argument, nullptr, 'n'},
                             {"quiet", no_argument, nullptr, 'q'},
+                            {"output", required_argument, nullptr, 'o'},
                             {"run", no_argument, nullptr, 'r'},
                             {"help", no_argument, nullptr, 'h'},
                             {nullptr, 0, nullptr, 0}};
@@ -88,6 +90,9 @@ Options readOptions(int argc, char** argv) {
             case 'q':
                 options.quiet = true;
                 break;
+            case 'o':
+                options.output = optarg;
+                break;
             case 'r':
                 runs = true;
                 break;
@@ -104,21 +109,14 @@ Options readOptions(int argc, char** argv) {
     return options;
 }
 
-// Prints and flushes one line; called on several threads.
-void printLine(const std::string& line) {
-    static std::mutex mutex;
-    const std::lock_guard lock(mutex);
-    std::cout << line << std::endl;
-}
-
-void enterNamespace(const Options& options) {
+void enterNamespace(const Options& options, Terminal& terminal) {
     std::string folder = options.logFolder;
     if (folder.empty()) {
         char name[] = "/tmp/qnthost-log-XXXXXX";
         if (mkdtemp(name) == nullptr)
             throw std::runtime_error("Could not make a folder for the log in /tmp.");
         folder = name;
-        printLine("log folder " + folder);
+        terminal.print("log folder " + folder);
     }
     if (options.namespaceEntered)
         mountGuestFolders(folder);
@@ -127,42 +125,60 @@ void enterNamespace(const Options& options) {
 }
 
 // Returns the exit code.
-int readCommands(Console& console, std::istream& input, const std::string& script) {
+int runScript(Console& console, Terminal& terminal, const std::string& path) {
+    terminal.print("ready");
+    std::ifstream script(path);
     int number = 0;
-    for (std::string line; std::getline(input, line);) {
-        ++number;
-        try {
-            if (!console.execute(line))
-                return 0;
-        } catch (const ConsoleError& error) {
-            const std::string place =
-                script.empty() ? "qnthost" : script + ":" + std::to_string(number);
-            std::cerr << place << ": " << error.what() << std::endl;
-            if (!script.empty())
-                return 1;
-        }
+    try {
+        for (std::string line; std::getline(script, line) && console.execute(line);)
+            ++number;
+    } catch (const ConsoleError& error) {
+        std::cerr << path << ":" << number + 1 << ": " << error.what() << std::endl;
+        return 1;
     }
     return 0;
 }
 
+void readCommands(Console& console, Terminal& terminal) {
+    const auto execute = [&](const std::string& line) {
+        try {
+            return console.execute(line);
+        } catch (const ConsoleError& error) {
+            std::cerr << "qnthost: " << error.what() << std::endl;
+            return true;
+        }
+    };
+    if (isatty(STDIN_FILENO) == 1) {
+        terminal.print("ready; 'help' lists the commands");
+        terminal.readLines(execute, [&](bool first) { return console.completions(first); });
+        return;
+    }
+    terminal.print("ready");
+    for (std::string line; std::getline(std::cin, line) && execute(line);) {
+    }
+}
+
 int simulateHost(const Options& options) {
-    std::ifstream script(options.script);
-    if (!options.script.empty() && !script) {
+    if (!options.script.empty() && access(options.script.c_str(), R_OK) != 0) {
         std::cerr << "qnthost: can't read " << options.script << std::endl;
         return kUsageExitCode;
     }
-    enterNamespace(options);
+    Terminal terminal;
+    const auto print = [&](const std::string& line) { terminal.print(line); };
+    enterNamespace(options, terminal);
     std::optional<PrivateCups> cups;
     if (!options.cupsFolder.empty())
         cups.emplace(options.cupsFolder);
-    SimulatedHost host(options.quiet ? nullptr : std::function(printLine));
+    SimulatedHost host(options.quiet ? nullptr : std::function<void(const std::string&)>(print));
     std::optional<Process> program;
     if (!options.program.empty())
-        program.emplace(options.program);
-    printLine("ready");
-    Console console(host, program, printLine);
-    const int exitCode =
-        readCommands(console, options.script.empty() ? std::cin : script, options.script);
+        program.emplace(options.program, std::map<std::string, std::string>{}, options.output);
+    Console console(host, program, print);
+    int exitCode = 0;
+    if (options.script.empty())
+        readCommands(console, terminal);
+    else
+        exitCode = runScript(console, terminal, options.script);
     if (program) {
         program->signal(SIGTERM);
         program->wait(kProgramEndTime);
