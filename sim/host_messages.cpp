@@ -125,11 +125,14 @@ std::string describeItems(const Bytes& message) {
     return text;
 }
 
-std::string describeLinkCall(const Bytes& message) {
-    if (message.empty())
-        return "link probe";
-    return "link message of " + std::to_string(message.size()) + " bytes, state " +
-           quotedText(statusState(message));
+std::string describeLinkCall(const Exchange& exchange) {
+    const bool backdoor = exchange.transfers != 0;
+    const std::string transport = backdoor ? "backdoor" : "link";
+    if (exchange.request.empty())
+        return transport + " probe";
+    return transport + " message of " + std::to_string(exchange.request.size()) + " bytes, state " +
+           quotedText(statusState(exchange.request)) +
+           (backdoor ? " transfers=" + std::to_string(exchange.transfers) : "");
 }
 
 std::string timeOfDay(std::chrono::system_clock::time_point time) {
@@ -234,9 +237,11 @@ Bytes encodeDefaultPrinter(const std::string& id, std::uint32_t sequence) {
                       sequence);
 }
 
-std::string describeRequest(std::uint32_t code, const Bytes& request) {
+std::string describeRequest(const Exchange& exchange) {
+    const std::uint32_t code = exchange.code;
+    const Bytes& request = exchange.request;
     if (code == qnt::QntKlReqLinkCall)
-        return describeLinkCall(request);
+        return describeLinkCall(exchange);
     if (code != qnt::QntKlReqPrinting)
         return number("request code 0x%x", code);
     if (request.size() < qnt::kPrintingCmdHeaderSize)
@@ -266,7 +271,7 @@ std::string describeAnswer(const Bytes& answer) {
 std::string describeExchange(const Exchange& exchange) {
     const auto end = exchange.answered.value_or(std::chrono::system_clock::now());
     const auto held = std::chrono::duration_cast<std::chrono::milliseconds>(end - exchange.when);
-    return timeOfDay(end) + " " + describeRequest(exchange.code, exchange.request) + " (" +
+    return timeOfDay(end) + " " + describeRequest(exchange) + " (" +
            std::to_string(exchange.inSize) + "/" + std::to_string(exchange.outSize) + ") -> " +
            describeOutcome(exchange) + ", " + std::to_string(held.count()) + " ms";
 }

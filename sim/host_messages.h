@@ -33,7 +33,7 @@ Bytes encodeAnswer(const HostCommand& command, std::uint32_t sequence);
 // The answer bytes of a GetDefaultPrinter request.
 Bytes encodeDefaultPrinter(const std::string& id, std::uint32_t sequence);
 // A request as text, e.g. "PrintingCmdAnswer seq=17 result=1".
-std::string describeRequest(std::uint32_t code, const Bytes& request);
+std::string describeRequest(const Exchange& exchange);
 // The answer to a printing request as text, e.g. "CmdAddPrinter id='TAG1' seq=17".
 std::string describeAnswer(const Bytes& answer);
 // An answer without a payload, one that asks for a larger buffer, and one with a malformed payload.

@@ -20,6 +20,7 @@ struct Exchange {
     std::uint32_t requestType = 0;  // of the printing header, 0 for link calls
     std::uint32_t inSize = 0;
     std::uint32_t outSize = 0;
+    int transfers = 0;                    // over the backdoor; 0: over the device
     Bytes request;                        // the inSize bytes
     std::optional<std::uint32_t> status;  // none while it is held, and if the write failed
     Bytes answer;                         // what was written into the answer buffer

@@ -10,9 +10,11 @@
 #include <exception>
 #include <fstream>
 #include <iostream>
+#include <string_view>
 
 #include "sim/console.h"
 #include "sim/guest_namespace.h"
+#include "sim/hypervisor.h"
 #include "sim/private_cups.h"
 #include "sim/process.h"
 #include "sim/simulated_host.h"
@@ -37,6 +39,9 @@ constexpr char kUsage[] =
     "  --log FOLDER         mount this folder over /var/log (default: a new folder in /tmp)\n"
     "  --cups FOLDER        start a private cupsd with its files there, which the tools of CUPS\n"
     "                       reach with CUPS_SERVER=FOLDER/cups.sock (default: none is started)\n"
+    "  --link TRANSPORT     'device' (default), or 'backdoor': refuse link calls on the device "
+    "and\n"
+    "                       take them from the program of --run as its hypervisor\n"
     "  --script FILE        read the commands from a file; the first that fails ends qnthost\n"
     "  --namespace-entered  use the current mount namespace, made by unshare -m, so that other\n"
     "                       programs in it can use the device\n"
@@ -54,6 +59,7 @@ struct Options {
     std::string cupsFolder;
     std::string script;
     std::string output;
+    bool backdoor = false;
     bool namespaceEntered = false;
     bool quiet = false;
     bool help = false;
@@ -64,6 +70,7 @@ struct Options {
 Options readOptions(int argc, char** argv) {
     const option known[] = {{"log", required_argument, nullptr, 'l'},
                             {"cups", required_argument, nullptr, 'c'},
+                            {"link", required_argument, nullptr, 'k'},
                             {"script", required_argument, nullptr, 's'},
                             {"namespace-entered", no_argument, nullptr, 'n'},
                             {"quiet", no_argument, nullptr, 'q'},
@@ -80,6 +87,10 @@ Options readOptions(int argc, char** argv) {
                 break;
             case 'c':
                 options.cupsFolder = optarg;
+                break;
+            case 'k':
+                options.backdoor = std::string_view(optarg) == "backdoor";
+                options.wrong |= !options.backdoor && std::string_view(optarg) != "device";
                 break;
             case 's':
                 options.script = optarg;
@@ -105,7 +116,8 @@ Options readOptions(int argc, char** argv) {
     }
     if (runs)
         options.program.assign(argv + optind, argv + argc);
-    options.wrong = options.wrong || runs == options.program.empty() || (!runs && optind != argc);
+    options.wrong |=
+        runs == options.program.empty() || (!runs && (options.backdoor || optind != argc));
     return options;
 }
 
@@ -158,6 +170,22 @@ void readCommands(Console& console, Terminal& terminal) {
     }
 }
 
+// The service's probe of the device is held until the hypervisor takes the instruction.
+void startProgram(const Options& options, SimulatedHost& host,
+                  std::optional<Hypervisor>& hypervisor, std::optional<Process>& program) {
+    if (options.backdoor) {
+        host.setLinkMode(LinkMode::kRefuse);
+        host.hold(kLinkCall);
+    }
+    program.emplace(options.program, std::map<std::string, std::string>{}, options.output);
+    if (options.backdoor) {
+        hypervisor.emplace(program->pid(), [&host](Bytes message, int transfers) {
+            host.receiveFromBackdoor(std::move(message), transfers);
+        });
+        host.release(kLinkCall);
+    }
+}
+
 int simulateHost(const Options& options) {
     if (!options.script.empty() && access(options.script.c_str(), R_OK) != 0) {
         std::cerr << "qnthost: can't read " << options.script << std::endl;
@@ -170,9 +198,10 @@ int simulateHost(const Options& options) {
     if (!options.cupsFolder.empty())
         cups.emplace(options.cupsFolder);
     SimulatedHost host(options.quiet ? nullptr : std::function<void(const std::string&)>(print));
+    std::optional<Hypervisor> hypervisor;  // ends after the program
     std::optional<Process> program;
     if (!options.program.empty())
-        program.emplace(options.program, std::map<std::string, std::string>{}, options.output);
+        startProgram(options, host, hypervisor, program);
     Console console(host, program, print);
     int exitCode = 0;
     if (options.script.empty())

@@ -101,6 +101,20 @@ void SimulatedHost::setLinkMode(LinkMode mode, int times) {
     });
 }
 
+void SimulatedHost::receiveFromBackdoor(Bytes message, int transfers) {
+    Exchange exchange;
+    exchange.when = std::chrono::system_clock::now();
+    exchange.answered = exchange.when;
+    exchange.code = qnt::QntKlReqLinkCall;
+    exchange.inSize = static_cast<std::uint32_t>(message.size());
+    exchange.transfers = transfers;
+    exchange.request = std::move(message);
+    exchange.status = qnt::kRequestDone;
+    if (m_report)
+        m_report(describeExchange(exchange));
+    change([&] { m_exchanges.push_back(std::move(exchange)); });
+}
+
 std::vector<Exchange> SimulatedHost::exchanges() const {
     const std::lock_guard lock(m_mutex);
     return m_exchanges;

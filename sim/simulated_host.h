@@ -67,6 +67,8 @@ public:
     void release(std::uint32_t requestType);
     // `times` applies to kAskAgain: the number of probes to repeat before the link accepts.
     void setLinkMode(LinkMode mode, int times = 1);
+    // Takes a message that the hypervisor has received in so many transfers; empty: a probe.
+    void receiveFromBackdoor(Bytes message, int transfers);
 
     // The record of what was received, in the order of arrival.
     std::vector<Exchange> exchanges() const;
