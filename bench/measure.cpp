@@ -121,8 +121,11 @@ void runInGuest(void (*measure)(int), int rounds) {
     fs::remove_all(folder);
 }
 
-const std::map<std::string, void (*)(int)> kMeasurements = {
-    {"add", measureAdd}, {"rename", measureRename}, {"idle", measureIdle}, {"life", measureLife}};
+const std::map<std::string, void (*)(int)> kMeasurements = {{"add", measureAdd},
+                                                            {"rename", measureRename},
+                                                            {"idle", measureIdle},
+                                                            {"life", measureLife},
+                                                            {"soak", measureSoak}};
 
 }  // namespace
 }  // namespace bench
@@ -135,7 +138,8 @@ int main(int argc, char** argv) {
         else if (argc == 3 && bench::kMeasurements.contains(figure))
             bench::runInGuest(bench::kMeasurements.at(figure), std::atoi(argv[2]));
         else
-            throw std::runtime_error("usage: measure add|rename|idle|life ROUNDS");
+            throw std::runtime_error(
+                "usage: measure add|rename|idle|life ROUNDS, measure soak MINUTES");
         return 0;
     } catch (const std::exception& failure) {
         std::fprintf(stderr, "measure: %s\n", failure.what());

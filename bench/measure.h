@@ -22,6 +22,7 @@ void measureAdd(int rounds);     // seconds from command to result
 void measureRename(int rounds);  // the same for a list that renames twenty queues
 void measureIdle(int rounds);    // CPU seconds a second, and memory in KiB
 void measureLife(int rounds);    // seconds of start and stop, exchanges a second
+void measureSoak(int minutes);   // growth; fails if the service grows without bound
 
 void submitForever();  // one request to the request device, until it fails
 

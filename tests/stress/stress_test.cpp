@@ -1,4 +1,4 @@
-// Stress on the unmodified service: stops at any moment, mutated answers, and a soak test.
+// Stress on the unmodified service: stops at any moment, and mutated answers.
 //
 // QNT_ROUNDS or QNT_MINUTES sets how long, QNT_START which random moments and answers.
 
@@ -165,91 +165,6 @@ protected:
 TEST_F(Conversation, OfMutatedAnswersIsSurvivedOrEndedInOrder) {
     repeat(6, [&] { conversation(); });
     std::printf("%zu exchanges\n", exchanges);
-}
-#elif !QNT_SANITIZED
-
-// A busy conversation: the service does not come to use more, and its log grows evenly.
-class Soak : public Stress {
-protected:
-    struct Usage {
-        long exchanges, kilobytes, descriptors, threads, zombies, logBytes;
-    };
-
-    void settle() {
-        ASSERT_TRUE(host.waitUntil([&] { return host.isIdle(); }));
-    }
-
-    // What is open or has ended for a moment only, while a worker lists the queues, does not count.
-    Usage usage() const {
-        const std::string pid = std::to_string(service->pid());
-        const auto least = [](const std::string& count) {
-            long number = 1000;
-            for (int look = 0; look < 20; ++look)
-                number = std::min(number, std::stol(sim::commandOutput(count)));
-            return number;
-        };
-        const std::string status = contents("/proc/" + pid + "/status");
-        const auto field = [&](const std::string& name) {
-            return std::stol(status.substr(status.find(name) + name.size()));
-        };
-        const Usage now{exchanges,
-                        field("RssAnon:"),
-                        least("ls /proc/" + pid + "/fd | wc -l"),
-                        field("Threads:"),
-                        least("ps -o stat= --ppid " + pid + " | grep -c ^Z"),
-                        static_cast<long>(fs::file_size(kLog))};
-        std::printf("%ld exchanges: %ld kB, %ld descriptors, %ld zombies, %ld bytes of log\n",
-                    now.exchanges, now.kilobytes, now.descriptors, now.zombies, now.logBytes);
-        return now;
-    }
-
-    // One round of everything: room that grows, a command and names that change nothing, an add, a
-    // default, a rename, a deletion by the user or the host.
-    void converse(int round) {
-        for (std::uint32_t room = 80; room < 980; room += 10)
-            host.fault(sim::kRunLoopRequest, {Fault::Kind::kAskFor, room, {}});
-        host.fault(GetDefaultPrinter,
-                   {Fault::Kind::kAskFor, 80 + static_cast<unsigned>(round % 9), {}});
-        host.send({9, "", {}});
-        host.send(sim::printerList({{"TAG7", "Office"}, {"TAG8", "Front Desk"}}));
-        const std::string id = "TAG" + std::to_string(round % 4);
-        host.plug(id, "Office " + std::to_string(round % 3));
-        host.send(sim::addPrinter(id));
-        host.setDefault(id);
-        settle();
-        host.rename(id, "Desk " + std::to_string(round % 3));
-        host.sendPrinterList();
-        settle();
-        if (round % 2 == 0)
-            sim::commandOutput("lpstat -e | tail -n 1 | xargs lpadmin -x");
-        host.send(sim::deletePrinter(id));
-        host.unplug(id);
-        host.send(sim::deleteOffline());
-        settle();
-    }
-
-    std::atomic<long> exchanges = 0;
-    sim::SimulatedHost host{[this](const std::string&) { ++exchanges; }};
-};
-
-// A fifth of the time for warming up, then two halves.
-TEST_F(Soak, UsesNoMoreAfterAnyNumberOfExchanges) {
-    startService();
-    const auto time = std::max<Milliseconds>(setting("QNT_MINUTES", 0) * 1min, 10s);
-    std::vector<Usage> usages;
-    for (int round = 0; const int fifths : {1, 2, 2}) {
-        for (const auto end = Clock::now() + time * fifths / 5; Clock::now() < end; ++round)
-            converse(round);
-        usages.push_back(usage());
-    }
-    const auto& [start, middle, end] = std::tie(usages[0], usages[1], usages[2]);
-    EXPECT_LE(end.kilobytes - middle.kilobytes, 128);
-    EXPECT_EQ(end.descriptors, start.descriptors);
-    EXPECT_EQ(end.threads, 3);
-    EXPECT_EQ(end.zombies, 0);
-    EXPECT_LE((end.logBytes - middle.logBytes) / (end.exchanges - middle.exchanges),
-              (middle.logBytes - start.logBytes) / (middle.exchanges - start.exchanges) * 2);
-    EXPECT_EQ(stopService(), 0);
 }
 #endif
 
