@@ -15,6 +15,7 @@
 #include "log/log_file.h"
 #include "protocol/printing_format.h"
 #include "sim/private_cups.h"
+#include "sim/random_answers.h"
 
 namespace sim {
 namespace {
@@ -130,6 +131,9 @@ const Console::Command Console::kCommands[] = {
     {"fault", 1, 3, "cancel|status N|ask N|malformed|silence|errno N [REQUEST]",
      "fail the next request of a kind: command (default), default, deleted or link",
      &Console::fault},
+    {"random", 1, 2, "NUMBER [START]",
+     "answer so many requests with random and malformed commands and sizes",
+     &Console::randomAnswers},
     {"link", 1, 2, "accept|refuse|again [TIMES]",
      "set how the host answers the Open Kavelink link on the device", &Console::link},
     {"show", 0, 0, "", "print the host's printers: ID, NAME, and 'default'", &Console::show},
@@ -283,6 +287,10 @@ void Console::fault(const Words& words) {
     m_host.fault(
         request.requestType,
         {.kind = kind.kind, .value = kind.takesValue ? number(words[1]) : 0, .answer = {}});
+}
+
+void Console::randomAnswers(const Words& words) {
+    RandomAnswers(words.size() > 1 ? number(words[1]) : 1).queue(m_host, number(words[0]));
 }
 
 void Console::link(const Words& words) {

@@ -53,6 +53,7 @@ private:
     void sendWaitOffline(const Words& words);
     void sendUnknown(const Words& words);
     void fault(const Words& words);
+    void randomAnswers(const Words& words);
     void link(const Words& words);
     void show(const Words& words);
     void guest(const Words& words);

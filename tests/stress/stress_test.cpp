@@ -5,15 +5,14 @@
 #include <sys/prctl.h>
 #include <sys/wait.h>
 
-#include <algorithm>
 #include <random>
 
+#include "sim/random_answers.h"
 #include "tests/support/fixture.h"
 
 namespace qnt {
 namespace {
 
-using sim::Fault;
 using Clock = std::chrono::steady_clock;
 
 unsigned long setting(const char* variable, unsigned long otherwise) {
@@ -104,45 +103,17 @@ TEST_F(Stops, AtRandomMomentsAreOrderly) {
 
 // Mutated answers and sizes. The service may end its run with the record of a failed step; it may
 // not crash, hang or leak.
-class Conversation : public Stress {
-protected:
-    std::string text() {
-        std::string bytes(below(50), ' ');
-        std::ranges::generate(bytes, [&] { return static_cast<char>(below(256)); });
-        const std::string known[] = {"TAG1", "TAG2", "Office Laser", "Front Desk", "", bytes};
-        return known[below(std::size(known))];
-    }
-
-    Bytes mutated(Bytes bytes) {
-        const std::uint32_t edges[] = {0, 12, 80, 0x7FFFFFFF, 0x80000000, 0xFFFFFFF0, ~0U};
-        const std::size_t at = below(static_cast<unsigned>(bytes.size()));
-        if (const unsigned kind = below(3); kind == 0)
-            bytes[at] ^= static_cast<std::uint8_t>(1 << below(8));
-        else if (kind == 1)
-            bytes.resize(1 + at + below(2) * below(300), static_cast<std::uint8_t>(below(256)));
-        else if (const std::size_t field = at / 4 * 4; field + 4 <= bytes.size())
-            writeU32(&bytes[field], edges[below(std::size(edges))] + below(3));
-        return bytes;
-    }
-
-    // The answer, of which so many of a hundred are mutated, or a size that is asked for.
-    Fault fault(const Bytes& answer, unsigned percent) {
-        const std::uint32_t sizes[] = {1, 19, 79, 80, 108, 500, 5000, 1 << 20, 1 << 27, ~0U};
-        if (below(5) == 0)
-            return {Fault::Kind::kAskFor, sizes[below(std::size(sizes))], {}};
-        return {Fault::Kind::kRaw, 0, below(100) < percent ? mutated(answer) : answer};
-    }
-
-    void conversation() {
+TEST_F(Stress, AConversationOfMutatedAnswersIsSurvivedOrEndedInOrder) {
+    const std::string options =
+        ":exitcode=99:allocator_may_return_null=1:max_allocation_size_mb=200";
+    std::size_t exchanges = 0;
+    repeat(6, [&] {
         sim::SimulatedHost host;
-        host.fault(sim::kRunLoopRequest, {Fault::Kind::kAskFor, 1000, {}});
-        for (int i = 0; i < 60; ++i) {
-            const sim::HostCommand command{1 + below(6), text(), {{text(), text()}, {text(), ""}}};
-            host.fault(sim::kRunLoopRequest, fault(sim::encodeAnswer(command, below(100)), 10));
-            host.fault(GetDefaultPrinter, fault(sim::encodeDefaultPrinter(text(), below(9)), 50));
-        }
-        host.plug("TAG1", text());
-        startHurried({{"ASAN_OPTIONS", std::getenv("ASAN_OPTIONS") + kSanitizer}});
+        sim::RandomAnswers answers(static_cast<unsigned>(random()));
+        host.fault(sim::kRunLoopRequest, {sim::Fault::Kind::kAskFor, 1000, {}});
+        answers.queue(host, 60);
+        host.plug("TAG1", answers.text());
+        startHurried({{"ASAN_OPTIONS", std::getenv("ASAN_OPTIONS") + options}});
         const auto hasEnded = [&] { return serviceEnds(0ms) >= 0; };
         EXPECT_TRUE(eventually(
             [&] { return hasEnded() || (host.isIdle() && host.waiting(GetDefaultPrinter) != 0); },
@@ -155,15 +126,7 @@ protected:
         EXPECT_EQ(log.find("Error in state machine execution\n") != log.npos, expected == 1);
         host.unplug("TAG1");
         exchanges += host.exchanges().size();
-    }
-
-    const std::string kSanitizer =
-        ":exitcode=99:allocator_may_return_null=1:max_allocation_size_mb=200";
-    std::size_t exchanges = 0;
-};
-
-TEST_F(Conversation, OfMutatedAnswersIsSurvivedOrEndedInOrder) {
-    repeat(6, [&] { conversation(); });
+    });
     std::printf("%zu exchanges\n", exchanges);
 }
 #endif

@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <barrier>
 #include <csignal>
 #include <ctime>
 #include <filesystem>
@@ -134,13 +133,6 @@ TEST_F(Log, TruncatesALongRecord) {
     EXPECT_EQ(sizes, (std::vector<std::size_t>{4094 - room, 4093, 4094, 4094, 4094, 4094, 4094}));
 }
 
-TEST_F(Log, KeepsErrnoAlsoWhenItsSinkThrows) {
-    errno = EXDEV;
-    logSetSink([](const char*, std::int32_t) -> int { throw errno = EIO; });
-    EXPECT_THROW(log("thrown"), int);
-    EXPECT_EQ(errno, EXDEV);
-}
-
 // Takes the log's file from its path, to be found under another name: moved, removed or replaced.
 void takeAway(const fs::path& file, const fs::path& kept, int way) {
     if (way % 3 == 0)
@@ -203,21 +195,6 @@ TEST_F(Log, LiesInTheSystemsFolderOrAtHomeOrUnderTheRoot) {
         EXPECT_EQ(fs::status(log).permissions(), fs::perms(0666)) << prepare;
         EXPECT_EQ(messages(log), (Texts{"first", "second"}));
     }
-}
-
-TEST_F(Log, OpensOnceForThreadsThatBeginTogether) {
-    constexpr int kRounds = 200, kThreads = 4;
-    asUser(4242, ":", [] {
-        std::barrier together(kThreads, [] { logFileSetPlacement("", ""); });
-        inThreads(kThreads, [&](int) {
-            for (int round = 0; round < kRounds; ++round) {
-                together.arrive_and_wait();
-                log("message");
-            }
-        });
-    });
-    EXPECT_EQ(messages(folder / "home/.quintaris/quintaris.log"),
-              Texts(kRounds * kThreads, "message"));
 }
 
 // A thread may still hold the number of the log's file that another one has just closed.

@@ -199,6 +199,7 @@ TEST_F(ServiceTest, AStepThatFailsDuringAStopIsAFailure) {
             "[ $1 = -v ] && echo >>$folder/listings\n"
             "rmdir $folder/slow 2>&- && touch $folder/inside && sleep 1\n"
             "exec $real \"$@\"");
+    addQueue("Kept", "TAG1002");
     for (const auto& [requestType, fault] : rows) {
         addQueue("Old", "TAG1001");
         startService();
@@ -211,9 +212,10 @@ TEST_F(ServiceTest, AStepThatFailsDuringAStopIsAFailure) {
         fs::create_directory(folder / "slow");
         host.fault(requestType, fault);
         if (requestType == UserDeletedPrinters)
-            host.send(sim::waitOffline());
+            host.send(sim::deletePrinter("TAG1002"));
         ASSERT_TRUE(eventually([&] { return fs::exists(folder / "inside"); }));
         EXPECT_EQ(stopService(), 1) << requestType;
+        EXPECT_TRUE(hasQueue("Kept", "TAG1002"));
         EXPECT_EQ(std::ranges::count(records(), "Error in state machine execution"), 1);
         EXPECT_EQ(std::ranges::count(records(), "SendRequest() failed f0000001"),
                   requestType == UserDeletedPrinters);
