@@ -10,7 +10,7 @@
 #include <exception>
 #include <fstream>
 #include <iostream>
-#include <string_view>
+#include <map>
 
 #include "sim/console.h"
 #include "sim/guest_namespace.h"
@@ -59,12 +59,14 @@ struct Options {
     std::string cupsFolder;
     std::string script;
     std::string output;
-    bool backdoor = false;
+    std::string link = "device";
     bool namespaceEntered = false;
     bool quiet = false;
     bool help = false;
     bool wrong = false;
     std::vector<std::string> program;
+
+    bool isBackdoor() const { return link == "backdoor"; }
 };
 
 Options readOptions(int argc, char** argv) {
@@ -80,44 +82,27 @@ Options readOptions(int argc, char** argv) {
                             {nullptr, 0, nullptr, 0}};
     Options options;
     bool runs = false;
+    const std::map<int, std::string*> texts = {{'l', &options.logFolder},
+                                               {'c', &options.cupsFolder},
+                                               {'k', &options.link},
+                                               {'s', &options.script},
+                                               {'o', &options.output}};
+    const std::map<int, bool*> switches = {{'n', &options.namespaceEntered},
+                                           {'q', &options.quiet},
+                                           {'r', &runs},
+                                           {'h', &options.help}};
     for (int key = 0; !runs && (key = getopt_long(argc, argv, "+h", known, nullptr)) != -1;) {
-        switch (key) {
-            case 'l':
-                options.logFolder = optarg;
-                break;
-            case 'c':
-                options.cupsFolder = optarg;
-                break;
-            case 'k':
-                options.backdoor = std::string_view(optarg) == "backdoor";
-                options.wrong |= !options.backdoor && std::string_view(optarg) != "device";
-                break;
-            case 's':
-                options.script = optarg;
-                break;
-            case 'n':
-                options.namespaceEntered = true;
-                break;
-            case 'q':
-                options.quiet = true;
-                break;
-            case 'o':
-                options.output = optarg;
-                break;
-            case 'r':
-                runs = true;
-                break;
-            case 'h':
-                options.help = true;
-                break;
-            default:
-                options.wrong = true;
-        }
+        if (texts.contains(key))
+            *texts.at(key) = optarg;
+        else if (switches.contains(key))
+            *switches.at(key) = true;
+        else
+            options.wrong = true;
     }
     if (runs)
         options.program.assign(argv + optind, argv + argc);
-    options.wrong |=
-        runs == options.program.empty() || (!runs && (options.backdoor || optind != argc));
+    options.wrong |= runs == options.program.empty() || (!runs && optind != argc);
+    options.wrong |= options.isBackdoor() ? !runs : options.link != "device";
     return options;
 }
 
@@ -173,12 +158,12 @@ void readCommands(Console& console, Terminal& terminal) {
 // The service's probe of the device is held until the hypervisor takes the instruction.
 void startProgram(const Options& options, SimulatedHost& host,
                   std::optional<Hypervisor>& hypervisor, std::optional<Process>& program) {
-    if (options.backdoor) {
+    if (options.isBackdoor()) {
         host.setLinkMode(LinkMode::kRefuse);
         host.hold(kLinkCall);
     }
     program.emplace(options.program, std::map<std::string, std::string>{}, options.output);
-    if (options.backdoor) {
+    if (options.isBackdoor()) {
         hypervisor.emplace(program->pid(), [&host](Bytes message, int transfers) {
             host.receiveFromBackdoor(std::move(message), transfers);
         });
