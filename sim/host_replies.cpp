@@ -23,7 +23,8 @@ const Reply kUnreadable{.error = EFAULT};
 
 std::optional<Reply> readPrinting(const Submission& submission, Exchange& exchange) {
     const auto& buffers = submission.buffers();
-    if (buffers.size() != 2 || (buffers[kPrintingAnswerBuffer].flags & qnt::kBufferWritable) == 0)
+    if (buffers.size() != 2 || buffers[kPrintingRequestBuffer].flags != 0 ||
+        buffers[kPrintingAnswerBuffer].flags != qnt::kBufferWritable)
         return kRefusal;
     exchange.inSize = buffers[kPrintingRequestBuffer].size;
     exchange.outSize = buffers[kPrintingAnswerBuffer].size;
@@ -51,7 +52,12 @@ std::optional<Reply> readLinkCall(const Submission& submission, Exchange& exchan
     std::memcpy(&header, head->data(), sizeof header);
     exchange.inSize = header.inputSize;
     exchange.outSize = header.outputSize;
-    if (header.inputSize > message->size())
+    const std::size_t room = std::max(header.inputSize, header.outputSize);
+    const auto isWritable = [](const qnt::BufferDescriptor& buffer) {
+        return buffer.flags == qnt::kBufferWritable;
+    };
+    if (header.headerSize != sizeof header || message->size() != room ||
+        !std::ranges::all_of(submission.buffers(), isWritable))
         return kRefusal;
     message->resize(header.inputSize);
     exchange.request = std::move(*message);

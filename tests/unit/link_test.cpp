@@ -14,8 +14,8 @@
 #include "hostlink/rdpmc.h"
 #include "hostlink/request_device.h"
 #include "hostlink/status_messages.h"
-#include "sim/device_file.h"
 #include "sim/guest_namespace.h"
+#include "sim/simulated_host.h"
 #include "tests/support/bytes.h"
 #include "tests/support/captured_log.h"
 
@@ -209,106 +209,83 @@ TEST(Link, RefusesWhatItCannotServe) {
     EXPECT_TRUE(g_hypervisor.commands.empty());
 }
 
-struct Reply {
-    std::uint32_t status;
-    int error = 0;          // instead of a status
-    Bytes callHeader = {};  // written over the call's
-};
+using sim::Fault;
 
-// The record of a request, with the addresses that the document has.
-Bytes recordOf(const sim::Submission& submission) {
-    const DeviceRequestHeader& header = submission.header();
-    Bytes record =
-        words({header.code, header.status,
-               header.inlineSize + (std::uint32_t{header.bufferCount} << 16), header.reserved});
-    std::uint32_t address = header.code == QntKlReqLinkCall ? 0x2000 : 0x1000;
-    for (const BufferDescriptor& buffer : submission.buffers())
-        record =
-            record + words({std::exchange(address, 0x1000), 0x7F00, buffer.size, buffer.flags});
-    return record;
+Fault status(std::uint32_t value) {
+    return {Fault::Kind::kStatus, value, {}};
+}
+Fault writeError(int error) {
+    return {Fault::Kind::kWriteError, static_cast<std::uint32_t>(error), {}};
 }
 
-// A device whose host gives these replies, the last one again and again.
-struct Device {
-    void take(const sim::SubmissionPtr& submission) {
-        record = recordOf(*submission);
-        const Reply& reply = replies[std::min(taken++, replies.size() - 1)];
-        if (!submission->buffers().empty()) {
-            callHeader = submission->readBuffer(0).value();
-            message = submission->readBuffer(1).value();
-            submission->writeBuffer(0, reply.callHeader);
-            submission->writeBuffer(1, Bytes(submission->buffers().at(1).size, '!'));
-        }
-        reply.error != 0 ? submission->refuse(reply.error) : submission->complete(reply.status);
+// A host that answers the requests of a type so, one after the other.
+struct Host : sim::SimulatedHost {
+    Host(std::uint32_t requestType, const std::vector<Fault>& answers) {
+        for (const Fault& answer : answers)
+            fault(requestType, answer);
     }
-
-    const std::vector<Reply> replies;
-    std::size_t taken = 0;
-    Bytes record = {}, callHeader = {}, message = {};  // of the last request
-    sim::DeviceFile file{
-        {[this](const auto& submission) { take(submission); }, [](const auto&) {}}};
 };
 
 TEST(LinkDevice, IsProbedAndLeftForTheBackdoorWhereItRefuses) {
     constexpr std::size_t kEndless =
         1 + HostLoopLimit::kRepeatsAtOnce + HostLoopLimit::kTimeLimit / HostLoopLimit::kPause;
-    const Reply refused{5};
     const struct {
-        std::vector<Reply> replies;
+        std::vector<Fault> answers;
         std::int32_t mode, result;
         std::uint32_t kind;
         std::size_t probes;
     } rows[] = {
-        {{{0xF0000025}, {kRequestDone}}, kLinkDeviceThenBackdoor, kLinkOk, LinkKindDevice, 2},
-        {{{kRequestAgain}}, kLinkDeviceOnly, kLinkRefused, 0, kEndless},
-        {{refused}, kLinkDeviceOnly, kLinkRefused, 0, 1},
-        {{refused}, kLinkDeviceThenBackdoor, kLinkOk, LinkKindBackdoor, 1},
-        {{{0, EINTR}}, kLinkDeviceThenBackdoor, kLinkOk, LinkKindBackdoor, 1},
-        {{{0, EIO}}, kLinkDeviceThenBackdoor, kLinkNotAvailable, 0, 1},
+        {{status(0xF0000025)}, kLinkDeviceThenBackdoor, kLinkOk, LinkKindDevice, 2},
+        {std::vector(9999, status(kRequestAgain)), kLinkDeviceOnly, kLinkRefused, 0, kEndless},
+        {{status(5)}, kLinkDeviceOnly, kLinkRefused, 0, 1},
+        {{status(5)}, kLinkDeviceThenBackdoor, kLinkOk, LinkKindBackdoor, 1},
+        {{writeError(EINTR)}, kLinkDeviceThenBackdoor, kLinkOk, LinkKindBackdoor, 1},
+        {{writeError(EIO)}, kLinkDeviceThenBackdoor, kLinkNotAvailable, 0, 1},
     };
     const auto openFiles = [] {
         return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
     };
-    for (const auto& [replies, mode, result, kind, probes] : rows) {
+    for (const auto& [answers, mode, result, kind, probes] : rows) {
         SCOPED_TRACE(probes);
         g_hypervisor = {};
-        Device device{replies};
+        const Host host(sim::kLinkCall, answers);
         const auto before = openFiles();
         KavelinkLink link;
         EXPECT_EQ(kavelinkOpen(&link, mode), result);
         EXPECT_EQ(link.state, result == kLinkOk ? kLinkStateOpen : kLinkStateClosed);
         EXPECT_TRUE(result != kLinkOk || link.kind == kind);
-        EXPECT_EQ(device.taken, probes);
+        EXPECT_EQ(host.exchanges().size(), probes);
         kavelinkClose(&link);
         EXPECT_EQ(openFiles(), before);
     }
 }
 
 TEST(LinkDevice, CarriesACallInOneRequest) {
-    const auto answer = [](std::uint32_t length, std::uint32_t announced, std::int32_t status) {
-        return Reply{kRequestDone, 0,
-                     words({32, 0, 5, length, announced, static_cast<std::uint32_t>(status)})};
+    const auto answer = [](std::uint32_t length, std::uint32_t announced, std::int32_t result) {
+        const Bytes header =
+            words({32, 0, 5, length, announced, static_cast<std::uint32_t>(result)});
+        return Fault{Fault::Kind::kRaw, 0, header};
     };
-    const std::tuple<Reply, std::int32_t, std::int32_t, std::uint32_t> rows[] = {
+    const std::tuple<Fault, std::int32_t, std::int32_t, std::uint32_t> rows[] = {
         {answer(3, 4, 1), kLinkOk, 1, 3},
         {answer(9, 5, 0), kLinkOk, 0, 5},
         {answer(3, 6, 1), kLinkAnswerTooLarge, 1, 0},
         {answer(3, 0, -3), kLinkHostFailed, -3, 0},
-        {{kRequestAgain}, kLinkRefused, kLinkNotOpen, 0},
-        {{0, EINTR}, kLinkWriteInterrupted, kLinkNotOpen, 0},
-        {{0, EIO}, kLinkWriteFailed, kLinkNotOpen, 0},
+        {status(kRequestAgain), kLinkRefused, kLinkNotOpen, 0},
+        {writeError(EINTR), kLinkWriteInterrupted, kLinkNotOpen, 0},
+        {writeError(EIO), kLinkWriteFailed, kLinkNotOpen, 0},
     };
     for (const auto& [reply, result, state, answerLength] : rows) {
-        Device device{{{kRequestDone}, reply}};
+        const Host host(sim::kLinkCall, {status(kRequestDone), reply});
         KavelinkLink link;
         EXPECT_EQ(kavelinkOpen(&link, kLinkDeviceOnly), kLinkOk);
-        Bytes buffer(5);
+        Bytes buffer{1, 2, 3, 4, 5};
         std::uint32_t length = 99;
         EXPECT_EQ(kavelinkCall(&link, buffer.data(), 4, 5, &length), result);
         EXPECT_EQ(link.state, state);
         EXPECT_EQ(length, answerLength);
-        EXPECT_EQ(device.callHeader, words({32, 0, 4, 5, 0, 0, 0, 0}));
-        EXPECT_EQ(buffer, Bytes(5, '!'));  // the host may write into all of it
+        EXPECT_EQ(host.exchanges().back().request, Bytes({1, 2, 3, 4}));
+        EXPECT_EQ(host.exchanges().back().outSize, 5U);
         kavelinkClose(&link);
     }
 }
@@ -317,26 +294,23 @@ constexpr char kId[] = "quintaris.PrintingTool.guest.lin";
 constexpr char kName[] = "Quintaris Shared Printers Tool";
 
 TEST(StatusMessage, GoesOverTheDeviceAsDocumented) {
-    Device device{{{kRequestDone}}};
+    const sim::SimulatedHost host;
     KavelinkLink link;
     EXPECT_EQ(kavelinkOpen(&link, kLinkDeviceOnly), kLinkOk);
-    EXPECT_EQ(device.record, documented("link-probe"));
     ToolVersionRecord version;
     fillVersionRecord(version, 0, 0);
     EXPECT_EQ(sendToolStatus(&link, {kId, kName, &version, "initialized"}), kStatusSent);
-    EXPECT_EQ(device.message, documented("initialized"));
     EXPECT_EQ(sendToolStatus(&link, {.applicationId = kId, .state = "stopped"}), kStatusSent);
-    EXPECT_EQ(device.record, documented("link-request"));
-    EXPECT_EQ(device.callHeader, documented("link-header"));
-    EXPECT_EQ(device.message, documented("stopped"));
+    EXPECT_THAT(host.statusMessages(),
+                testing::ElementsAre(documented("initialized"), documented("stopped")));
     kavelinkClose(&link);
 }
 
 TEST(StatusMessage, CarriesEveryFieldOfItsCallerOrFails) {
-    const auto send = [](const ToolStatus& status, std::int32_t hostStatus = kDone) {
+    const auto send = [](const ToolStatus& message, std::int32_t hostStatus = kDone) {
         g_hypervisor = {{{0, hostStatus}}};
         KavelinkLink link{0, LinkKindBackdoor, 300};
-        return sendToolStatus(&link, status);
+        return sendToolStatus(&link, message);
     };
     ToolVersionRecord version;
     fillVersionRecord(version, 5, 6);
@@ -354,22 +328,23 @@ TEST(StatusMessage, CarriesEveryFieldOfItsCallerOrFails) {
     EXPECT_TRUE(g_hypervisor.commands.empty());
 }
 
-TEST(SendRequest, SubmitsTheDocumentedRecordAndLogsAFailure) {
-    const std::tuple<Reply, std::int32_t, bool, std::string> rows[] = {
-        {{kRequestDone}, 3, true, ""},
-        {{5}, 0, false, "F SendRequest() failed 5\n"},
-        {{0, EIO}, 0, false, "F SendRequest() failed 0\n"},
-        {{kRequestCanceled}, 1, false, ""},
-        {{kRequestCanceled}, 2, false, "I SendRequest() was canceled\n"},
+TEST(SendRequest, LogsAFailure) {
+    const std::tuple<Fault, std::int32_t, bool, std::string> rows[] = {
+        {status(kRequestDone), 3, true, ""},
+        {status(5), 0, false, "F SendRequest() failed 5\n"},
+        {writeError(EIO), 0, false, "F SendRequest() failed 0\n"},
+        {status(kRequestCanceled), 1, false, ""},
+        {status(kRequestCanceled), 2, false, "I SendRequest() was canceled\n"},
     };
-    for (const auto& [reply, level, succeeds, records] : rows) {
-        Device device{{reply}};
+    for (const auto& [answer, level, succeeds, records] : rows) {
+        const Host host(GetPrintingCmd, {answer});
         openRequestDevice();
         const CapturedLog log(level);
         DeviceRequest request;
-        Bytes buffer(108);
+        Bytes buffer = documented("get-printing-cmd") + Bytes(28);
         EXPECT_EQ(SendRequest(request, buffer.data(), 80, 108), succeeds);
-        EXPECT_EQ(device.record, documented("printing-request"));
+        EXPECT_EQ(host.exchanges().back().request, documented("get-printing-cmd"));
+        EXPECT_EQ(host.exchanges().back().outSize, 108U);
         EXPECT_EQ(log.text, records);
         closeRequestDevice();
     }
