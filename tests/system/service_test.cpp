@@ -1,7 +1,9 @@
 // The whole system: the unmodified service between a simulated host and a real CUPS.
 
 #include <gmock/gmock.h>
+#include <sys/prctl.h>
 
+#include <random>
 #include <set>
 
 #include "printing/tool_lock.h"
@@ -248,6 +250,51 @@ TEST_F(ServiceTest, WithoutItsSecondWorkerTheServiceFails) {
                                        "Failed to start thread 'SetDefaultPrinter'",
                                        "Open Kavelink link was closed.", "closed, rc = 1"));
     EXPECT_THAT(host.statusMessages(), ElementsAre(SizeIs(209), SizeIs(111)));
+}
+
+// While it adds, renames, deletes, sets a default and reports a deletion. QNT_ROUNDS sets how
+// often, QNT_START at which random moments.
+TEST_F(GuestTest, AStopAtAnyMomentIsOrderly) {
+    const auto setting = [](const char* variable, int otherwise) {
+        const char* text = std::getenv(variable);
+        return text != nullptr ? std::atoi(text) : otherwise;
+    };
+    std::mt19937 random(static_cast<unsigned>(setting("QNT_START", 1)));
+    const auto below = [&](unsigned limit) { return static_cast<unsigned>(random() % limit); };
+    prctl(PR_SET_CHILD_SUBREAPER, 1);  // what the service leaves is found here
+    const auto livingChildren = [] {   // of this process, except cupsd
+        return sim::commandOutput("ps -o stat=,args= --ppid " + std::to_string(getpid()) +
+                                  " | grep -v -e ^Z -e cupsd -e 'ps -o'");
+    };
+    const std::string moved = kLog + std::string(".1");
+    for (int rounds = setting("QNT_ROUNDS", QNT_SANITIZED ? 10 : 25); rounds > 0; --rounds) {
+        sim::SimulatedHost host;
+        addQueue("Old", "TAG8");
+        addQueue("Kept", "TAG9");
+        host.setDefault("TAG9");
+        std::ofstream(kLog, std::ios::trunc).flush();
+        startPreloaded({{"QNT_HURRY", ""}, {"QNT_CHILD_LEFT", folder / "child left"}}, {"-v"});
+        ASSERT_TRUE(host.waitUntil([&] { return !host.exchanges(GetPrintingCmd).empty(); }));
+        sim::Process({"lpadmin", "-x", "Old"}).wait(10s);
+        host.plug("TAG1", "Office " + std::to_string(below(3)));
+        host.sendPrinterList();
+        host.send(sim::addPrinter("TAG1"));
+        host.send(
+            sim::printerList({{"TAG1", "Lab"}, {"TAG9", "Kept " + std::to_string(below(3))}}));
+        host.setDefault("TAG1");
+        host.send(sim::deletePrinter("TAG9"));
+        std::this_thread::sleep_for(std::chrono::microseconds(below(900'000)));
+        if (below(2) == 0)
+            fs::rename(kLog, moved);
+        for (unsigned signals = below(4) == 0 ? 1000 : 1; signals > 0; --signals)
+            service->signal(below(2) == 0 ? SIGTERM : SIGINT);
+        ASSERT_EQ(serviceEnds(20s), 0) << contents(folder / "output");
+        EXPECT_EQ(sim::statusState(host.statusMessages().back()), "stopped");
+        ASSERT_TRUE((contents(moved) + contents(kLog)).ends_with("closed, rc = 0\n"));
+        ASSERT_EQ(contents(folder / "child left"), "");
+        ASSERT_TRUE(eventually([&] { return livingChildren().empty(); })) << livingChildren();
+        fs::remove(moved);
+    }
 }
 
 }  // namespace
