@@ -31,7 +31,8 @@ Bytes RandomAnswers::mutated(Bytes bytes) {
     if (kind == 0)
         bytes[at] ^= static_cast<std::uint8_t>(1 << below(8));
     else if (kind == 1)
-        bytes.resize(1 + at + below(2) * below(300), static_cast<std::uint8_t>(below(256)));
+        bytes.resize(1 + at + std::size_t{below(2)} * below(300),
+                     static_cast<std::uint8_t>(below(256)));
     else if (field + 4 <= bytes.size())
         qnt::writeU32(&bytes[field], extremes[below(std::size(extremes))] + below(3));
     return bytes;
