@@ -67,12 +67,11 @@ void Terminal::readLines(const Execute& execute, const Complete& complete) {
     setEditing(true);
     rl_callback_handler_install(kPrompt, takeEditedLine);
     pollfd sources[] = {{STDIN_FILENO, POLLIN, 0}, {m_wake.get(), POLLIN, 0}};
-    while (!m_ended && poll(sources, std::size(sources), -1) > 0) {
-        if (printWaiting())
-            rl_forced_update_display();
-        if ((sources[0].revents & (POLLHUP | POLLERR)) != 0)
-            break;
-        if (sources[0].revents != 0)
+    while (!m_ended && (sources[0].revents & (POLLHUP | POLLERR)) == 0) {
+        if (poll(sources, std::size(sources), -1) <= 0)
+            continue;  // e.g. the terminal has been resized
+        refresh();
+        if ((sources[0].revents & POLLIN) != 0)
             rl_callback_read_char();
     }
     setEditing(false);
@@ -96,14 +95,20 @@ void Terminal::takeLine(const char* line) {
 }
 
 void Terminal::setEditing(bool editing) {
-    printWaiting();
     const std::lock_guard lock(m_mutex);
+    printWaiting();
     m_editing = editing;
+}
+
+// Prints the lines that wait, and below them the line that is being edited.
+void Terminal::refresh() {
+    const std::lock_guard lock(m_mutex);
+    if (printWaiting())
+        rl_forced_update_display();
 }
 
 // Whether there were lines, which replace the line that is being edited on the screen.
 bool Terminal::printWaiting() {
-    const std::lock_guard lock(m_mutex);
     eventfd_t ignored = 0;
     eventfd_read(m_wake.get(), &ignored);
     if (m_waiting.empty())

@@ -31,7 +31,8 @@ public:
 private:
     void takeLine(const char* line);
     void setEditing(bool editing);
-    bool printWaiting();
+    void refresh();
+    bool printWaiting();  // with the mutex locked
 
     const qnt::UniqueFd m_wake;  // eventfd, readable when lines wait
 
