@@ -15,8 +15,6 @@ using namespace qnt;
 
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
-
 // The items of a stream, and of the streams in them, lie one after the other within the bytes.
 void walk(const std::uint8_t* bytes, std::size_t size, std::uint32_t base) {
     ItemStream stream;
@@ -33,10 +31,9 @@ void walk(const std::uint8_t* bytes, std::size_t size, std::uint32_t base) {
 void parse(const ByteArray& buffer) {
     const std::uint32_t length = answerPayloadLength(buffer);
     assert(length <= buffer.size() - kPrintingCmdHeaderSize);
-    const Bytes payload(answerPayload(buffer), answerPayload(buffer) + length);
+    const std::vector<std::uint8_t> payload(answerPayload(buffer), answerPayload(buffer) + length);
     PrintingCmd command;
-    if (parsePrintingCmd(command, payload.data(), length))
-        assert(command.code != CmdPrinterList || !payload.empty());
+    parsePrintingCmd(command, payload.data(), length);
     std::string id = "unchanged";
     if (!parseDefaultPrinterAnswer(id, payload.data(), length))
         assert(id == "unchanged");

@@ -140,13 +140,5 @@ TEST_F(Faults, ExchangesThatFailAreRepeatedEachSecond) {
     }
 }
 
-// The driver that the service falls back to is the one that CUPS has.
-TEST_F(Faults, WithoutLpinfoTheFixedDriverIsTaken) {
-    for (const char* tool : {"lpadmin", "lpstat", "sed", "fgrep", "grep", "head", "cut"})
-        standIn(tool, "exec $real \"$@\"");
-    startService({}, {{"PATH", folder / "bin"}});
-    expectWorking("TAG1");
-}
-
 }  // namespace
 }  // namespace qnt

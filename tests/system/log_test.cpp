@@ -308,7 +308,6 @@ TEST_F(Log, AStopRecordHasTheRightHourAfterAChangeOfDaylightSavingTime) {
     tzset();
     const Texts records = lines(file);
     ASSERT_EQ(records.size(), 2U);
-    EXPECT_EQ(records[0].substr(0, 18), "03-29 01:59:59.042");
     EXPECT_EQ(records[1].substr(0, 18), "03-29 03:00:01.042");
 }
 

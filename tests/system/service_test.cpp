@@ -79,17 +79,6 @@ TEST_F(ServiceTest, AQueueThatTheUserDeletesIsReportedOnceWhileTwoMoreExchangesW
     EXPECT_THAT(host.deletedPrinters(), ElementsAre("TAG1001"));
 }
 
-TEST_F(ServiceTest, AStopThatCancelsTheRunLoopsReportIsOrderly) {
-    addQueue("Old", "TAG1001");
-    host.hold(UserDeletedPrinters);
-    startService();
-    ASSERT_TRUE(isIdle());
-    sim::commandOutput("lpadmin -x Old");
-    host.send(sim::waitOffline());
-    ASSERT_TRUE(host.waitUntil([&] { return host.waiting(UserDeletedPrinters) == 1; }));
-    EXPECT_EQ(stopService(), 0);
-}
-
 TEST_F(ServiceTest, TheDefaultFollowsTheHost) {
     host.setDefault("TAG1001");
     startService();
@@ -193,16 +182,17 @@ TEST(ToolLock, LetsAWaitingThreadGoBeforeOneThatLocksAgainAndAgain) {
     EXPECT_LT(roundsAtLock, kRounds / 2);
 }
 
-TEST_F(ServiceTest, AStepThatFailsDuringAStopIsAFailure) {
-    const std::pair<std::uint32_t, Fault> rows[] = {
-        {UserDeletedPrinters, {Fault::Kind::kStatus, 0xF0000001, {}}},
-        {GetPrintingCmd, {Fault::Kind::kMalformed, 0, {}}}};
+TEST_F(ServiceTest, AStepThatFailsDuringAStopIsAFailureUnlessTheStopHasCancelledIt) {
+    const std::tuple<std::uint32_t, Fault, int> rows[] = {
+        {UserDeletedPrinters, {Fault::Kind::kStatus, 0xF0000001, {}}, 1},
+        {UserDeletedPrinters, {Fault::Kind::kSilence, 0, {}}, 0},
+        {GetPrintingCmd, {Fault::Kind::kMalformed, 0, {}}, 1}};
     standIn("lpstat",
             "[ $1 = -v ] && echo >>$folder/listings\n"
             "rmdir $folder/slow 2>&- && touch $folder/inside && sleep 1\n"
             "exec $real \"$@\"");
     addQueue("Kept", "TAG1002");
-    for (const auto& [requestType, fault] : rows) {
+    for (const auto& [requestType, fault, exitCode] : rows) {
         addQueue("Old", "TAG1001");
         startService();
         ASSERT_TRUE(isIdle());
@@ -216,11 +206,14 @@ TEST_F(ServiceTest, AStepThatFailsDuringAStopIsAFailure) {
         if (requestType == UserDeletedPrinters)
             host.send(sim::deletePrinter("TAG1002"));
         ASSERT_TRUE(eventually([&] { return fs::exists(folder / "inside"); }));
-        EXPECT_EQ(stopService(), 1) << requestType;
+        if (exitCode == 0) {
+            ASSERT_TRUE(host.waitUntil([&] { return host.waiting(UserDeletedPrinters) == 1; }));
+        }
+        EXPECT_EQ(stopService(), exitCode) << requestType;
         EXPECT_TRUE(hasQueue("Kept", "TAG1002"));
-        EXPECT_EQ(std::ranges::count(records(), "Error in state machine execution"), 1);
+        EXPECT_EQ(std::ranges::count(records(), "Error in state machine execution"), exitCode);
         EXPECT_EQ(std::ranges::count(records(), "SendRequest() failed f0000001"),
-                  requestType == UserDeletedPrinters);
+                  fault.kind == Fault::Kind::kStatus);
         fs::remove(folder / "inside");
         fs::resize_file(kLog, 0);
     }
@@ -233,10 +226,8 @@ TEST_F(ServiceTest, RoomThatTheHostAsksForAndDoesNotFillCostsNoMemory) {
     for (const std::uint32_t size : {kGiB, 80U, kGiB, 200U, kGiB / 2})
         host.fault(GetDefaultPrinter, {Fault::Kind::kAskFor, size, {}});
     startService();
-    ASSERT_TRUE(isIdle());
     ASSERT_TRUE(host.waitUntil([&] { return host.exchanges(GetDefaultPrinter).size() == 6; }));
-    EXPECT_EQ(host.exchanges(GetPrintingCmd).back().outSize, kGiB + 8192);
-    EXPECT_EQ(host.exchanges(GetDefaultPrinter).back().outSize, kGiB / 2);
+    ASSERT_TRUE(isIdle());
     const std::string status = contents("/proc/" + std::to_string(service->pid()) + "/status");
     const int peakKiB = std::stoi(status.substr(status.find("VmHWM:") + 6));
     EXPECT_TRUE(QNT_SANITIZED || peakKiB < 64 * 1024) << peakKiB;
