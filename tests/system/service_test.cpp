@@ -258,7 +258,7 @@ TEST_F(GuestTest, AStopAtAnyMomentIsOrderly) {
                                   " | grep -v -e ^Z -e cupsd -e 'ps -o'");
     };
     const std::string moved = kLog + std::string(".1");
-    for (int rounds = setting("QNT_ROUNDS", QNT_SANITIZED ? 10 : 25); rounds > 0; --rounds) {
+    for (int rounds = setting("QNT_ROUNDS", 10); rounds > 0; --rounds) {
         sim::SimulatedHost host;
         addQueue("Old", "TAG8");
         addQueue("Kept", "TAG9");
