@@ -59,6 +59,18 @@ void waitForIdle(const sim::SimulatedHost& host) {
         throw std::runtime_error("The service asks for no command.");
 }
 
+double execute(sim::SimulatedHost& host, const sim::HostCommand& command) {
+    waitForIdle(host);
+    const std::size_t before = host.results().size();
+    const auto start = Clock::now();
+    host.send(command);
+    if (!host.waitUntil([&] { return host.results().size() > before; }, kLongest))
+        throw std::runtime_error("A command takes too long.");
+    if (host.results().back() != qnt::CmdDone)
+        throw std::runtime_error("A command failed.");
+    return secondsSince(start, host.exchanges(qnt::PrintingCmdAnswer).back().when);
+}
+
 pid_t cupsProcess() {
     return g_cups->pid();
 }
@@ -110,13 +122,13 @@ std::map<std::string, Command> otherDaemons() {
 
 namespace {
 
-void runInGuest(void (*measure)(int), int rounds) {
+void runInGuest(const std::function<void()>& measure) {
     std::string name = fs::temp_directory_path() / "qnt-bench-XXXXXX";
     const fs::path folder = mkdtemp(name.data());
     sim::enterGuestNamespace(folder / "log");
     fs::current_path(folder);
     g_cups.emplace(folder / "cups");
-    measure(rounds);
+    measure();
     g_cups.reset();
     fs::remove_all(folder);
 }
@@ -136,10 +148,16 @@ int main(int argc, char** argv) {
         if (figure == "submit")
             bench::submitForever();
         else if (argc == 3 && bench::kMeasurements.contains(figure))
-            bench::runInGuest(bench::kMeasurements.at(figure), std::atoi(argv[2]));
+            bench::runInGuest([&] { bench::kMeasurements.at(figure)(std::atoi(argv[2])); });
+        else if (argc == 3 && figure == "farm")
+            bench::measureFarm(std::atoi(argv[2]));
+        else if (argc == 5 && figure == "guest")
+            bench::runInGuest(
+                [&] { bench::measureGuest(std::atoi(argv[2]), std::atoi(argv[3]), argv[4]); });
         else
             throw std::runtime_error(
-                "usage: measure add|rename|idle|life ROUNDS, measure soak MINUTES");
+                "usage: measure add|rename|idle|life ROUNDS, measure soak MINUTES, measure farm "
+                "GUESTS");
         return 0;
     } catch (const std::exception& failure) {
         std::fprintf(stderr, "measure: %s\n", failure.what());

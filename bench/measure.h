@@ -24,6 +24,11 @@ void measureIdle(int rounds);    // CPU seconds a second, and memory in KiB
 void measureLife(int rounds);    // seconds of start and stop, exchanges a second
 void measureSoak(int minutes);   // growth; fails if the service grows without bound
 
+// So many guests at once: CPU seconds a second, memory, and seconds of adds and reports. Each guest
+// is a process that runs measureGuest with its index and the folder in which the guests meet.
+void measureFarm(int guests);
+void measureGuest(int index, int guests, const std::string& folder);
+
 void submitForever();  // one request to the request device, until it fails
 
 // What several of them need. Failures throw std::runtime_error.
@@ -34,6 +39,8 @@ double secondsToStop(sim::Process& process);        // from SIGTERM to its exit
 sim::Process startQuietly(const Command& command);  // its output thrown away
 void waitForIdle(const sim::SimulatedHost& host);   // until the service asks for a command
 pid_t cupsProcess();                                // the private CUPS
+// Sends a command once the service is idle. Returns the seconds until its result arrives.
+double execute(sim::SimulatedHost& host, const sim::HostCommand& command);
 
 // The command lines that the service gives the shell during `act`. Repeats `prepare` and `act`
 // until two runs agree, as the service's listing of the queues, once a second, may come between.

@@ -10,24 +10,12 @@ namespace {
 
 constexpr int kRenamed = 20;
 constexpr int kRenamedInTrial = 2;
-constexpr std::chrono::minutes kLongest(5);
 
 struct CommandedService {
     sim::SimulatedHost host;
     sim::Process process = startQuietly({QNT_SERVICE});
 
-    // Seconds from the command to the arrival of its result.
-    double execute(const sim::HostCommand& command) {
-        waitForIdle(host);
-        const std::size_t before = host.results().size();
-        const auto start = Clock::now();
-        host.send(command);
-        if (!host.waitUntil([&] { return host.results().size() > before; }, kLongest))
-            throw std::runtime_error("A command takes too long.");
-        if (host.results().back() != qnt::CmdDone)
-            throw std::runtime_error("A command failed.");
-        return secondsSince(start, host.exchanges(qnt::PrintingCmdAnswer).back().when);
-    }
+    double execute(const sim::HostCommand& command) { return bench::execute(host, command); }
 };
 
 std::size_t countQueues(const std::string& name) {

@@ -1,13 +1,14 @@
 #!/usr/bin/env python3
-"""Prints the table of docs/performance.md and writes the data of the plots.
+"""Prints a table of docs/performance.md and writes the data of the plots.
 
-    report.py FOLDER
+    report.py FOLDER [farm]
 
 FOLDER holds the values of a run, *.json by Google Benchmark and *.tsv by measure, and gets *.dat.
 """
 
 import collections
 import json
+import os
 import pathlib
 import statistics
 import sys
@@ -49,60 +50,6 @@ def row(what, against, ours, theirs=None, limit=None, show=seconds, at_least=Fal
     print(f"| {what} | {against} | {bound} | {spread} | {sides} | {verdict} |")
 
 
-print("| what | compared with | limit | median (lowest to highest) | ours / theirs | |")
-print("|---|---|---|---|---|---|")
-
-record = "one log record, level 0, to a file on disk"
-row(record, "`write(2)` of the same bytes, `O_APPEND`", "recordToFile", "bareWrite", 1.6)
-row(record, "spdlog, one file sink, flushed at every record", "recordToFile", "spdlogToFile", 0.9)
-derive("suppressed", lambda a, b: a - b, "suppressedRecord", "emptyLoop")
-row("a log record that the level suppresses", "", "suppressed", limit=2e-9)
-
-for count in (10, 100, 1000, 10000):
-    reading = f"reading a `PrinterList` of {count:,} into a `PrintingCmd`"
-    row(reading, "an unchecked walk that copies the same texts to the same place",
-        f"parseList/{count}", f"walkList/{count}", 1.3)
-row(reading, "an unchecked walk that copies the texts into one buffer",
-    "parseList/10000", "walkFlat/10000")
-
-kinds = {"same": "none changed", "oneGone": "one gone", "reordered": "all in another order"}
-for kind, words in kinds.items():
-    few, many = (f"compare/{kind}/{count}" for count in (1000, 10000))
-    derive("ten times", lambda a: 10 * a, few)
-    derive("comparison", lambda a, b: a - b, many, "listQueues/10000")
-    row(f"comparing 10,000 known queues with a listing, {words}", "", "comparison", limit=2e-3)
-    row(f"listing and comparing 10,000 queues, {words}", "ten times the same for 1,000 queues",
-        many, "ten times", 2)
-
-script = "a script of the same command lines"
-row("`CmdAddPrinter` to `CmdResult`", script, "add", "add/sh", 1.05)
-row("`CmdPrinterList` that renames 20 queues", script, "rename", "rename/sh", 1.05)
-
-for queues in (5, 160):
-    idle = f"CPU time of an idle second, {queues} queues"
-    row(f"{idle}, children included", "a shell loop of the same pipeline and `sleep`",
-        f"idle/{queues}", f"idle/{queues}/sh", 1)
-    row(f"{idle}, the service alone", "", f"idle own/{queues}", limit=5e-4)
-    row(f"{idle}, cupsd", "", f"idle cupsd/{queues}")
-for daemon, limit in (("earlyoom", 1.2), ("qemu-ga", 0.5)):
-    row("resident memory when idle", daemon, "resident/qntspooler", f"resident/{daemon}", limit,
-        "{:.0f} KiB".format)
-row("proportional share of memory (PSS) when idle", "", "proportional/qntspooler", show="{:.0f} KiB".format)
-
-row("start to first request of any kind", "a script of the two start-up checks",
-    "start/any", "start/any/sh", 1.3)
-row("start to first request for a command", "the same script with one listing of the queues",
-    "start/command", "start/command/sh", 1.3)
-derive("pause", lambda _: 1.0, "stop/cancelled")
-row("stop signal to exit, the open exchange cancelled", "the pause after a failed exchange",
-    "stop/cancelled", "pause", 1.01)
-for daemon in ("earlyoom", "qemu-ga"):
-    row("stop signal to exit, the open exchange answered", daemon, "stop/answered",
-        f"stop/{daemon}")
-row("exchanges a second of the run loop", "a loop that only submits to the same device",
-    "exchanges", "exchanges/loop", 0.9, "{:.0f}/s".format, at_least=True)
-
-
 def write_data(name, columns, counts):
     """A line a count: the count and the median of each column, nan where it was not measured."""
     lines = [[count] + [statistics.median(values.get(c.format(count), [float("nan")]))
@@ -110,6 +57,111 @@ def write_data(name, columns, counts):
     (folder / name).write_text("".join(" ".join(map(str, line)) + "\n" for line in lines))
 
 
-write_data("scaling.dat", ["parseList/{}", "listQueues/{}"] + [f"compare/{k}/{{}}" for k in kinds],
-           (10, 100, 1000, 10000))
-write_data("idle.dat", ["idle/{}", "idle/{}/sh"], (5, 10, 20, 40, 80, 160))
+HEADER = """| what | compared with | limit | median (lowest to highest) | ours / theirs | |
+|---|---|---|---|---|---|"""
+
+
+def service():
+    print(HEADER)
+
+    record = "one log record, level 0, to a file on disk"
+    row(record, "`write(2)` of the same bytes, `O_APPEND`", "recordToFile", "bareWrite", 1.6)
+    row(record, "spdlog, one file sink, flushed at every record", "recordToFile", "spdlogToFile", 0.9)
+    derive("suppressed", lambda a, b: a - b, "suppressedRecord", "emptyLoop")
+    row("a log record that the level suppresses", "", "suppressed", limit=2e-9)
+
+    for count in (10, 100, 1000, 10000):
+        reading = f"reading a `PrinterList` of {count:,} into a `PrintingCmd`"
+        row(reading, "an unchecked walk that copies the same texts to the same place",
+            f"parseList/{count}", f"walkList/{count}", 1.3)
+    row(reading, "an unchecked walk that copies the texts into one buffer",
+        "parseList/10000", "walkFlat/10000")
+
+    kinds = {"same": "none changed", "oneGone": "one gone", "reordered": "all in another order"}
+    for kind, words in kinds.items():
+        few, many = (f"compare/{kind}/{count}" for count in (1000, 10000))
+        derive("ten times", lambda a: 10 * a, few)
+        derive("comparison", lambda a, b: a - b, many, "listQueues/10000")
+        row(f"comparing 10,000 known queues with a listing, {words}", "", "comparison", limit=2e-3)
+        row(f"listing and comparing 10,000 queues, {words}", "ten times the same for 1,000 queues",
+            many, "ten times", 2)
+
+    script = "a script of the same command lines"
+    row("`CmdAddPrinter` to `CmdResult`", script, "add", "add/sh", 1.05)
+    row("`CmdPrinterList` that renames 20 queues", script, "rename", "rename/sh", 1.05)
+
+    for queues in (5, 160):
+        idle = f"CPU time of an idle second, {queues} queues"
+        row(f"{idle}, children included", "a shell loop of the same pipeline and `sleep`",
+            f"idle/{queues}", f"idle/{queues}/sh", 1)
+        row(f"{idle}, the service alone", "", f"idle own/{queues}", limit=5e-4)
+        row(f"{idle}, cupsd", "", f"idle cupsd/{queues}")
+    for daemon, limit in (("earlyoom", 1.2), ("qemu-ga", 0.5)):
+        row("resident memory when idle", daemon, "resident/qntspooler", f"resident/{daemon}", limit,
+            "{:.0f} KiB".format)
+    row("proportional share of memory (PSS) when idle", "", "proportional/qntspooler", show="{:.0f} KiB".format)
+
+    row("start to first request of any kind", "a script of the two start-up checks",
+        "start/any", "start/any/sh", 1.3)
+    row("start to first request for a command", "the same script with one listing of the queues",
+        "start/command", "start/command/sh", 1.3)
+    derive("pause", lambda _: 1.0, "stop/cancelled")
+    row("stop signal to exit, the open exchange cancelled", "the pause after a failed exchange",
+        "stop/cancelled", "pause", 1.01)
+    for daemon in ("earlyoom", "qemu-ga"):
+        row("stop signal to exit, the open exchange answered", daemon, "stop/answered",
+            f"stop/{daemon}")
+    row("exchanges a second of the run loop", "a loop that only submits to the same device",
+        "exchanges", "exchanges/loop", 0.9, "{:.0f}/s".format, at_least=True)
+
+    write_data("scaling.dat", ["parseList/{}", "listQueues/{}"] + [f"compare/{k}/{{}}" for k in kinds],
+               (10, 100, 1000, 10000))
+    write_data("idle.dat", ["idle/{}", "idle/{}/sh"], (5, 10, 20, 40, 80, 160))
+
+
+def farm():
+    sizes = sorted(int(name.split("/")[1]) for name in values if name.startswith("farm own/") and name.count("/") == 1)
+    most = sizes[-1]
+    median = {name: statistics.median(values[name]) for name in values}
+
+    def show(name, text):
+        return [text(median[f"farm {name}/{size}"]) for size in sizes]
+
+    milliseconds = lambda value: f"{value * 1e3:.2f} ms"
+    slowest = {f"{what}/{size}": max(values[f"farm add {what}/{size}"])
+               for size in sizes for what in ("one", "tenth", "all")}
+    p99 = {size: sorted(values[f"farm deletion/{size}"])[max(0, -(-99 * size // 100) - 1)] for size in sizes}
+    lines = [("the service alone", show("own", milliseconds)),
+             ("its tools", show("tools", milliseconds)),
+             ("service and tools", show("all", milliseconds)),
+             ("the shell loop", [milliseconds(median[f"farm all/sh/{s}"]) for s in sizes]),
+             ("cupsd", show("cupsd", milliseconds)),
+             ("wake-ups of the service a second", show("wake-ups", "{:.2f}".format)),
+             ("resident memory", [f"{median[f'resident/farm/{s}']:.0f} KiB" for s in sizes]),
+             ("proportional memory", [f"{median[f'proportional/farm/{s}']:.0f} KiB" for s in sizes])]
+    for what, words in (("one", "one guest"), ("tenth", "a tenth of the guests"), ("all", "all guests")):
+        lines.append((f"add in {words} at once, the slowest",
+                      [seconds(slowest[f"{what}/{size}"]) for size in sizes]))
+    lines.append(("deletion to report, 99th percentile", [seconds(p99[size]) for size in sizes]))
+    lines.append(("load average at the end", [f"{median[f'farm load/{size}']:.1f}" for size in sizes]))
+    print("| a guest, CPU time a second | " + " | ".join(f"{size} guests" for size in sizes) + " |")
+    print("|---|" + "---|" * len(sizes))
+    for what, cells in lines:
+        print(f"| {what} | " + " | ".join(cells) + " |")
+
+    def goal(what, value, limit, text="{:.2f}".format):
+        print(f"| {what} | at most {text(limit)} | {text(value)} | "
+              f"{'met' if value <= limit else '**not met**'} |")
+
+    print("\n| figure | limit | measured | |\n|---|---|---|---|")
+    goal(f"service alone, {most} guests over 1", median[f"farm own/{most}"] / median["farm own/1"], 1.1)
+    goal(f"service and tools over the shell loop, {most} guests",
+         median[f"farm all/{most}"] / median[f"farm all/sh/{most}"], 1)
+    goal(f"proportional memory, {most} guests", median[f"proportional/farm/{most}"], 500, "{:.0f} KiB".format)
+    goal(f"{most} adds at once, the slowest, over {most} times one add divided by {os.cpu_count()} processors",
+         slowest[f"all/{most}"] / (most * slowest["one/1"] / os.cpu_count()), 1.1)
+    goal(f"deletion to report, {most} guests, 99th percentile", p99[most], 1.5, seconds)
+    write_data("farm.dat", ["farm own/{}", "farm all/{}", "farm all/sh/{}", "proportional/farm/{}"], sizes)
+
+
+farm() if sys.argv[2:] == ["farm"] else service()

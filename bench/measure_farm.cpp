@@ -1,0 +1,189 @@
+// Many guests on one machine, each with namespaces, a CUPS and a simulated host of its own, and the
+// service with five queues; every tenth guest, at least one, has a shell loop in its place.
+
+#include <algorithm>
+#include <fstream>
+#include <list>
+#include <stdexcept>
+#include <thread>
+
+#include "bench/counted_process.h"
+#include "sim/private_cups.h"
+
+namespace bench {
+namespace {
+
+namespace fs = std::filesystem;
+using Seconds = std::chrono::duration<double>;
+
+constexpr int kQueues = 5;
+constexpr std::size_t kStartedAtOnce = 4;
+constexpr double kFewestFreeKiB = 600'000;  // a guest needs about 50,000
+constexpr std::chrono::minutes kLongest(20);
+
+// When all guests do what, in seconds after their common start. An add takes a processor a quarter
+// of a second.
+struct Schedule {
+    explicit Schedule(int guests)
+        : window(guests == 1 ? 60 : 90),
+          addOfOne(10 + window + 5),
+          addOfTenth(addOfOne + 10),
+          addOfAll(addOfTenth + 10 + guests * 0.1),
+          deletions(addOfAll + 10 + guests * 0.5),
+          end(deletions + kDeletionSpread + 10) {}
+
+    static constexpr double kSettled = 10;
+    static constexpr double kDeletionSpread = 30;  // the guests delete one after the other
+    double window, addOfOne, addOfTenth, addOfAll, deletions, end;
+};
+
+class Guest {
+public:
+    Guest(int index, int guests, const fs::path& folder)
+        : m_index(index), m_guests(guests), m_folder(folder), m_schedule(guests) {}
+
+    void run() {
+        const bool isLoop = m_index >= m_guests;
+        makeQueues(kQueues);
+        if (isLoop)
+            scriptOf("loop.sh", {"while :; do", recordListing(m_host), "sleep 1", "done"});
+        const CountedProcess process("guest" + std::to_string(m_index),
+                                     isLoop ? "sh loop.sh" : QNT_SERVICE);
+        if (!isLoop)
+            waitForIdle(m_host);
+        awaitStart();
+        measureWindow(process, isLoop ? "/sh" : "");
+        if (isLoop)
+            return waitUntil(m_schedule.end);
+        printMemory("farm/" + std::to_string(m_guests), process.pid());
+        if (m_index == 0)
+            addAt(m_schedule.addOfOne, "one", 1);
+        if (m_index < std::max(1, m_guests / 10))
+            addAt(m_schedule.addOfTenth, "tenth", 2);
+        addAt(m_schedule.addOfAll, "all", 3);
+        deleteOne();
+        waitUntil(m_schedule.end);  // so that no guest works less beside the last ones
+    }
+
+private:
+    void print(const std::string& what, double value) const {
+        printValue("farm " + what + "/" + std::to_string(m_guests), value);
+    }
+
+    void awaitStart() {
+        std::ofstream(m_folder / ("ready" + std::to_string(m_index))).flush();
+        while (!fs::exists(m_folder / "start"))
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        std::time_t start = 0;
+        std::ifstream(m_folder / "start") >> start;
+        m_start = Clock::from_time_t(start);
+    }
+
+    void waitUntil(double seconds) const {
+        std::this_thread::sleep_until(
+            m_start + std::chrono::duration_cast<Clock::duration>(Seconds(seconds)));
+    }
+
+    static double wakeUps(pid_t process) {
+        double sum = 0;
+        for (const auto& task :
+             fs::directory_iterator("/proc/" + std::to_string(process) + "/task"))
+            sum += numberAfter(task.path() / "status", "voluntary_ctxt_switches:");
+        return sum;
+    }
+
+    void measureWindow(const CountedProcess& process, const std::string& side) const {
+        // The guests look at different moments, as this takes time itself.
+        waitUntil(Schedule::kSettled + 5.0 * m_index / m_guests);
+        const Usage from = process.usageAtRest();
+        const double wakeUpsBefore = wakeUps(process.pid());
+        waitUntil(Schedule::kSettled + m_schedule.window - 5 + 5.0 * m_index / m_guests);
+        const Usage to = process.usageAtRest();
+        const double seconds = secondsSince(from.when, to.when);
+        print("own" + side, (to.own - from.own) / seconds);
+        print("tools" + side, (to.all - from.all - to.own + from.own) / seconds);
+        print("all" + side, (to.all - from.all) / seconds);
+        print("cupsd" + side, (to.cups - from.cups) / seconds);
+        print("wake-ups" + side, (wakeUps(process.pid()) - wakeUpsBefore) / seconds);
+    }
+
+    void addAt(double when, const std::string& what, int number) {
+        const std::string id = "TAG9" + std::to_string(number);
+        m_host.plug(id, "Added " + std::to_string(number));
+        waitUntil(when);
+        print("add " + what, execute(m_host, sim::addPrinter(id)));
+    }
+
+    void deleteOne() {
+        waitUntil(m_schedule.deletions + Schedule::kDeletionSpread * m_index / m_guests);
+        sim::commandOutput("lpadmin -x Queue_1");
+        const auto deleted = Clock::now();
+        const auto reports = [&] { return m_host.exchanges(qnt::UserDeletedPrinters); };
+        if (!m_host.waitUntil([&] { return !reports().empty(); }))
+            throw std::runtime_error("A deletion is not reported.");
+        print("deletion", std::max(0.0, secondsSince(deleted, reports().front().when)));
+    }
+
+    const int m_index;
+    const int m_guests;
+    const fs::path m_folder;
+    const Schedule m_schedule;
+    Clock::time_point m_start;
+    sim::SimulatedHost m_host;
+};
+
+bool hasMemoryForAGuest() {
+    return numberAfter("/proc/meminfo", "MemAvailable:") > kFewestFreeKiB;
+}
+
+}  // namespace
+
+void measureGuest(int index, int guests, const std::string& folder) {
+    Guest(index, guests, folder).run();
+}
+
+void measureFarm(int guests) {
+    mountGroups();
+    std::string name = fs::temp_directory_path() / "qnt-farm-XXXXXX";
+    const fs::path folder = mkdtemp(name.data());
+    const std::string self = fs::read_symlink("/proc/self/exe");
+    const int loops = std::max(1, guests / 10);
+    std::list<sim::Process> processes;
+    const auto isReady = [&](int index) {
+        return fs::exists(folder / ("ready" + std::to_string(index)));
+    };
+    for (int index = 0; index < guests + loops; ++index) {
+        if (!hasMemoryForAGuest())
+            throw std::runtime_error("Not enough memory for more than " + std::to_string(index) +
+                                     " guests.");
+        processes.emplace_back(
+            Command{"unshare", "--fork", "--kill-child", "--pid", "--mount-proc", "--net", self,
+                    "guest", std::to_string(index), std::to_string(guests), folder},
+            std::map<std::string, std::string>{}, folder / "values");
+        const auto unready = [&] {
+            std::size_t count = 0;
+            for (int started = 0; started <= index; ++started)
+                count += isReady(started) ? 0 : 1;
+            return count;
+        };
+        const bool isLast = index + 1 == guests + loops;
+        for (const auto end = Clock::now() + kLongest; unready() >= (isLast ? 1 : kStartedAtOnce);
+             std::this_thread::sleep_for(std::chrono::milliseconds(100))) {
+            if (Clock::now() > end)
+                throw std::runtime_error("A guest does not start.");
+        }
+    }
+    std::ofstream(folder / "start~") << Clock::to_time_t(Clock::now()) + 1 << std::flush;
+    fs::rename(folder / "start~", folder / "start");
+    for (sim::Process& process : processes) {
+        if (process.wait(kLongest) != 0)
+            throw std::runtime_error("A guest has failed; see " + (folder / "values").string());
+    }
+    std::ifstream values(folder / "values");
+    for (std::string line; std::getline(values, line);)
+        if (line.find('\t') != std::string::npos)
+            std::printf("%s\n", line.c_str());
+    fs::remove_all(folder);
+}
+
+}  // namespace bench
