@@ -7,26 +7,13 @@
 #include <vector>
 
 #include "log/log_record.h"
-#include "protocol/item_stream.h"
+#include "protocol/little_endian.h"
 #include "protocol/printing_format.h"
 #include "protocol/printing_messages.h"
 
 using namespace qnt;
 
 namespace {
-
-// The items of a stream, and of the streams in them, lie one after the other within the bytes.
-void walk(const std::uint8_t* bytes, std::size_t size, std::uint32_t base) {
-    ItemStream stream;
-    std::size_t end = base + kStreamHeaderSize;
-    for (auto result = stream.open(bytes, static_cast<std::uint32_t>(size), base);
-         result == kStreamOk; result = stream.next()) {
-        assert(stream.itemData() == bytes + end + kItemHeaderSize);
-        end += kItemHeaderSize + stream.itemLength();
-        assert(end <= size);
-        walk(stream.itemData(), stream.itemLength(), 0);
-    }
-}
 
 void parse(const ByteArray& buffer) {
     const std::uint32_t length = answerPayloadLength(buffer);
@@ -48,7 +35,6 @@ void deliver(ByteArray& buffer, const std::uint8_t* answer, std::size_t size) {
 }
 
 void handle(ByteArray& buffer) {
-    walk(buffer.data(), buffer.size(), kPrintingCmdHeaderSize);
     const std::size_t before = buffer.size();
     const std::uint32_t asked = answerRequiredSize(buffer);
     const AnswerResult result = processAnswerFromHost(buffer);

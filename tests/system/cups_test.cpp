@@ -101,13 +101,11 @@ TEST_F(Cups, FindsAUsbProductBySerial) {
     device("3-1", nullptr, "No Serial\n");
     EXPECT_EQ(getUsbProductBySerial("TAG1001"), "Office Laser ");
     EXPECT_EQ(getUsbProductBySerial("TAG100"), "");
-    EXPECT_EQ(getUsbProductBySerial("tag1001"), "");
     EXPECT_EQ(getUsbProductBySerial("TAG2"), "Ten");
     EXPECT_EQ(getUsbProductBySerial("TAG3"), "Bare");
     EXPECT_EQ(getUsbProductBySerial("TAG3 "), "Blank");
     EXPECT_EQ(getUsbProductBySerial(""), "No Serial");
-    const std::string rootHub = readFirstLine("/sys/bus/usb/devices/usb1/serial");
-    EXPECT_EQ(rootHub.empty() ? "no root hub" : getUsbProductBySerial(rootHub), "");
+    EXPECT_EQ(getUsbProductBySerial(readFirstLine("/sys/bus/usb/devices/usb1/serial")), "");
 }
 
 TEST_F(Cups, CountsAPrinterOnlineWhileItsLastQueueIsEnabledAndItsDevicePluggedIn) {
@@ -140,10 +138,6 @@ TEST_F(Cups, MakesTheLastQueueOfAnIdTheDefault) {
     setDefaultPrinter("TAG2");
     EXPECT_THAT(said, EndsWith("\nF Failed to set default printer 'TAG2'\n"));
     EXPECT_EQ(lastDefaultQueueName(), "B");
-    fs::remove(folder / "bin/lpadmin");
-    setDefaultPrinter("");
-    expectDefault("C");
-    EXPECT_EQ(lastDefaultQueueName(), "C");
 }
 
 TEST_F(Cups, DeletesQueuesByNameAndById) {
@@ -181,7 +175,6 @@ TEST_F(Cups, RenamesTheQueueOfAHostPrinterAndKeepsTheDefault) {
     EXPECT_EQ(name, "Desk_Laser");
     EXPECT_EQ(queues(), "Desk_Laser\nGuests_Own\nOdd\n");
     expectDefault("Desk_Laser");
-    EXPECT_EQ(lastDefaultQueueName(), "Desk_Laser");
 }
 
 TEST_F(Cups, AddsAQueueWithTheFixedDriverAndOptions) {

@@ -135,19 +135,6 @@ TEST_F(StateMachineTest, AnAddStaysPendingUntilTheNextCommandWhichIsDropped) {
     EXPECT_EQ(commands.pendingTimeLeft(), 0xFFFFFFFF);
 }
 
-TEST_F(StateMachineTest, OfTwoQueuesOfADeletedPrinterTheSecondCountsAsTheUsers) {
-    addQueue("Twin1", "TAG1001");
-    addQueue("Twin2", "TAG1001");
-    vanished();
-    ASSERT_TRUE(commanded(sim::deletePrinter("TAG1001")));
-    EXPECT_EQ(sim::commandOutput("lpstat -v"), "");
-    EXPECT_THAT(host.deletedPrinters(), IsEmpty());
-    ASSERT_EQ(tool.m_knownQueues.size(), 1U);
-    EXPECT_EQ(tool.m_knownQueues.front().queueName, "Twin2");
-    ASSERT_TRUE(commanded(sim::waitOffline()));
-    EXPECT_THAT(host.deletedPrinters(), ElementsAre("TAG1001"));
-}
-
 TEST_F(StateMachineTest, QueuesThatNoListingShowsCountAsDeletedOnce) {
     addQueue("One", "TAG1001");
     addQueue("Two", "TAG1002");
