@@ -131,7 +131,7 @@ const Console::Command Console::kCommands[] = {
     {"fault", 1, 3, "cancel|status N|ask N|malformed|silence|errno N [REQUEST]",
      "fail the next request of a kind: command (default), default, deleted or link",
      &Console::fault},
-    {"random", 1, 2, "NUMBER [START]",
+    {"random", 1, 2, "NUMBER [SEED]",
      "answer so many requests with random and malformed commands and sizes",
      &Console::randomAnswers},
     {"link", 1, 2, "accept|refuse|again [TIMES]",

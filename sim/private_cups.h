@@ -12,8 +12,8 @@
 namespace sim {
 
 // A real cupsd in a folder of its own, reached by CUPS_SERVER, which is set in this process's
-// environment. Answers when the constructor returns. Throws std::runtime_error otherwise; the
-// folder's path is to stay below 90 bytes, as a socket lies in it.
+// environment. It answers when the constructor returns; otherwise the constructor throws
+// std::runtime_error. The folder's path must be shorter than 90 bytes, as it holds a socket.
 class PrivateCups {
 public:
     explicit PrivateCups(const std::string& folder);
@@ -31,7 +31,8 @@ private:
     std::optional<Process> m_daemon;
 };
 
-// What a command prints on standard output; its exit code in `status`, if asked for.
+// Returns what a command prints on standard output. Stores its exit code in `status` unless that is
+// null.
 std::string commandOutput(const std::string& command, int* status = nullptr);
 
 }  // namespace sim

@@ -9,12 +9,13 @@
 namespace sim {
 
 // Makes random commands and default printers, most of them mutated, and sizes that are asked for.
-// The same start gives the same answers.
+// The same seed gives the same answers.
 class RandomAnswers {
 public:
-    explicit RandomAnswers(unsigned start) : m_random(start) {}
+    explicit RandomAnswers(unsigned seed) : m_random(seed) {}
 
-    // Queues answers to so many requests of the run loop, and of the default-printer worker.
+    // Queues answers to the next `number` requests of the run loop, and to as many of the
+    // default-printer worker.
     void queue(SimulatedHost& host, unsigned number);
     // A name or an id: a common one, or up to 49 random bytes.
     std::string text();

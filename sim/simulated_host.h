@@ -30,7 +30,7 @@ namespace sim {
 
 enum class LinkMode { kAccept, kRefuse, kAskAgain };  // kAskAgain: probes only
 
-// In place of a request type: a link call; any request of the run loop.
+// Used in place of a request type: for a link call, and for any request of the run loop.
 inline constexpr std::uint32_t kLinkCall = 0;
 inline constexpr std::uint32_t kRunLoopRequest = 0xFFFFFFFF;
 
@@ -67,7 +67,8 @@ public:
     void release(std::uint32_t requestType);
     // `times` applies to kAskAgain: the number of probes to repeat before the link accepts.
     void setLinkMode(LinkMode mode, int times = 1);
-    // Takes a message that the hypervisor has received in so many transfers; empty: a probe.
+    // Takes a message that the hypervisor has received in `transfers` transfers. An empty message
+    // stands for a probe.
     void receiveFromBackdoor(Bytes message, int transfers);
 
     // The record of what was received, in the order of arrival.

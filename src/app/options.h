@@ -11,7 +11,7 @@ enum class OptionsResult {
 
 // Sets the log level to the default, then applies the options from left to right. Unknown options
 // and levels outside 0 to 3 are ignored. -h prints the usage to standard output and ends the
-// reading. Once in a process.
+// reading. To be called once in a process.
 OptionsResult readOptions(int argc, char** argv);
 
 }  // namespace qnt

@@ -36,8 +36,8 @@ KavelinkLink g_link;
 bool g_linkOpen = false;
 
 // Opens descriptors 0 to 2 if they are closed, so that no channel gets such a number and the tools
-// always have standard files.
-void openStandardFiles() {
+// always have standard streams.
+void openStandardStreams() {
     int fd = 0;
     while (fd >= 0 && fd <= STDERR_FILENO)
         fd = open("/dev/null", O_RDWR);
@@ -48,11 +48,11 @@ void openStandardFiles() {
 // are passed to them as bytes, so they run in the C locale. If SIGCHLD stayed ignored, the tools'
 // exit status would be lost.
 void resetInheritedState() {
-    openStandardFiles();
+    openStandardStreams();
     for (const int signal : {SIGTERM, SIGINT, SIGCHLD})
         std::signal(signal, SIG_DFL);
     unblockStopSignals();
-    setenv("LC_ALL", "C", 1);  // without memory for it, LANG=C of the commands still holds
+    setenv("LC_ALL", "C", 1);  // fails only if there is not enough memory
 }
 
 bool waitForCups() {

@@ -13,8 +13,7 @@ constexpr std::size_t kLongestDescription = 32767;
 constexpr std::string_view kNeverInIds("\0\t\n\v\f\r =", 8);
 // Leaves 4 KiB for the rest of a command line with one such name. The command that creates a queue
 // has the name twice, as queue name and as description. If they are too long for it together, its
-// first run fails ("sh" does not start, rc=32512), and the accepted forms, which are short, are
-// used.
+// first run fails ("sh" does not start, rc=32512), and the accepted forms, which fit, are used.
 constexpr std::size_t kLongestQuotedName = kArgumentLimit - 4096;
 
 // What validate_name() of lpadmin refuses in CUPS 2.4. (After an "@" lpadmin leaves the check to

@@ -14,12 +14,12 @@ namespace qnt {
 // Ids of host printers begin with this.
 inline constexpr std::string_view kHostIdStart = "TAG";
 
-// An id fits into a line of the listing with a queue name, a blank and the newline. (CUPS truncates
-// a device URI at the length at which the listing breaks a line.)
+// An id must fit into one line of the listing, together with a queue name, a blank and the newline:
+// kLineBufferSize - 1 bytes. (CUPS truncates a device URI to this length as well.)
 inline constexpr std::size_t kLongestQueueName = 127;  // bytes
 inline constexpr std::size_t kLongestId = kLineBufferSize - 1 - kLongestQueueName - 2;
 
-// True if an id survives the way through a device URI and the listing of the queues: it begins with
+// True if an id passes unchanged through a device URI and the listing of the queues: it begins with
 // kHostIdStart (otherwise it could be a local USB printer's), contains no white space, "=" or zero
 // byte, and has at most kLongestId bytes. Also true for the empty id, which stands for all
 // printers.

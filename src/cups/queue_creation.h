@@ -21,14 +21,15 @@ inline constexpr unsigned kUsbWaitPauseSeconds = 1;
 // the queue exists afterwards is not returned: list the queues, or call isPrinterOnline.
 void addPrinter(std::string& name, const std::string& id);
 
-// Deletes a queue, creates it again under another name, whose blanks are replaced in place, and
-// makes it the default again if it was. True if the queue has the new name already, or its accepted
-// form, and after deletion and creation, even if these failed. False, with nothing done, if no host
-// printer's queue has the current name, or the new name is refused as by addPrinter.
+// Renames a queue: deletes it, creates it again under the new name, and makes it the default again
+// if it was. Replaces the blanks of `newName` in place. True if the queue already has the new name
+// or its accepted form, and after a deletion and creation, even if these failed. False, with no
+// queue changed, if the queues can't be listed, no host printer's queue has the current name, or
+// addPrinter would refuse its id or the new name.
 bool renamePrinter(const std::string& currentName, std::string& newName);
 
 // Selects the driver that every queue gets: the one that CUPS names, or a fixed one if it names
-// none. addPrinter calls it once in the life of the process.
+// none. addPrinter calls it before the first creation in the process.
 void selectPpdModel();
 
 }  // namespace qnt

@@ -25,9 +25,9 @@ using QueueBindingList = std::list<QueueBinding>;
 inline constexpr std::int32_t kListHostQueues = 1;
 
 // Appends the queues that are bound to exactly this id, or, if it is empty, to any id that begins
-// with "TAG", in the order of lpstat. False, with nothing added, if the pipe could not be opened or
-// the id is not valid. Returns true with nothing added if CUPS has no such queue or does not
-// answer. Logs nothing. The caller holds the tool's mutex once there are workers.
+// with "TAG", in the order of lpstat. False, with nothing added, if no pipe or process could be
+// created or the id is not valid. Returns true with nothing added if CUPS has no such queue or does
+// not answer. Logs nothing. The caller holds the tool's mutex once there are workers.
 bool listPrinterQueues(QueueBindingList& queues, const std::string& id);
 
 // listPrinterQueues for every host printer; without kListHostQueues, returns true with nothing

@@ -30,7 +30,7 @@ private:
 
 }  // namespace
 
-// With stdio, as file streams would quadruple the code of the statically linked binary and cost an
+// Uses stdio, as file streams would quadruple the code of the statically linked binary and cost an
 // idle service 150 KiB.
 std::string readFirstLine(const std::string& path) {
     std::string line;

@@ -49,11 +49,12 @@ struct KavelinkLink {
 // kLinkStateClosed.
 std::int32_t kavelinkOpen(KavelinkLink* link, std::int32_t mode);
 
-// kLinkOk, or kLinkBadArgument for a null link.
+// Closes the link. Returns kLinkOk, or kLinkBadArgument for a null link.
 std::int32_t kavelinkClose(KavelinkLink* link);
 
 // Sends the first `inputSize` bytes of the buffer. The host's answer, at most `outputSize` bytes,
-// replaces them; the buffer must hold the larger of the two. *answerLength is optional.
+// replaces them; the buffer must hold the larger of the two. `answerLength` may be null. Returns a
+// LinkResult.
 std::int32_t kavelinkCall(KavelinkLink* link, void* buffer, std::uint32_t inputSize,
                           std::uint32_t outputSize, std::uint32_t* answerLength);
 

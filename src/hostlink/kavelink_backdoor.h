@@ -17,6 +17,7 @@
 
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 
 #include "hostlink/kavelink.h"
@@ -51,7 +52,7 @@ struct TransferArea {
     std::uint32_t chunk = 0;         // bytes that the host reads from it
     std::uint32_t receiveLimit = 0;  // bytes that the host may write into it
 
-    std::uint32_t length() const { return chunk > receiveLimit ? chunk : receiveLimit; }
+    std::uint32_t length() const { return std::max(chunk, receiveLimit); }
 };
 
 struct BackdoorInfo {
@@ -64,8 +65,8 @@ struct BackdoorInfo {
 std::int32_t backdoorProbe(BackdoorInfo* info);
 
 // Like backdoorProbe, but returns kLinkNotAvailable on a fault. Meanwhile, handles SIGILL and
-// SIGSEGV and unblocks them in the calling thread, then restores both. One thread at a time, and no
-// other thread may rely on these signals meanwhile.
+// SIGSEGV and unblocks them in the calling thread, then restores both. Only one thread at a time
+// may call it, and no other thread may rely on these signals meanwhile.
 std::int32_t guardedBackdoorProbe(BackdoorInfo* info);
 
 // One transfer. Returns kLinkOk, or kLinkHostFailed if the host's status is negative or it claims

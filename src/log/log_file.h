@@ -35,9 +35,9 @@ int logFileDescriptor();
 // bytes. Permits one fallback to the user directory again. Any thread.
 void logFileSetPlacement(const char* directory, const char* fileName);
 
-// Returns the log file's path, by default quintaris.log in /var/log. The log owns the text, which
-// another thread that falls back to the user directory or sets the placement overwrites: to be
-// called while no other thread does.
+// Returns the log file's path, by default quintaris.log in /var/log. The log owns the text. A
+// fallback to the user directory or a new placement overwrites it, so no other thread may write
+// records or set the placement while the text is used.
 const char* logFilePath();
 
 // Opens a file for appending and sets its mode to 0666, whatever the umask or an earlier mode.

@@ -29,8 +29,9 @@ using LogSink = int (*)(const char* record, std::int32_t length);
 void logRecord(const char* prefix, const char* tag, std::int32_t level, const char* format, ...)
     __attribute__((format(printf, 4, 5)));
 
-// The level in force: 0 errors, start and stop; 1 warnings; 2 information; 3 detail. Setting -1
-// sets 1, the level before any call. To be set before other threads start; they only read it.
+// The level in force: 0 errors, start, stop, changes of queues and of the default; 1 warnings; 2
+// information; 3 detail. Setting -1 sets 1, the level before any call. To be set before other
+// threads start; they only read it.
 void logSetLevel(std::int32_t level);
 std::int32_t logGetLevel();
 

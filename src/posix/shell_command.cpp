@@ -16,9 +16,9 @@ namespace {
 constexpr int kNotStarted = 127 << 8;  // the wait status of exit code 127
 constexpr std::string_view kSedSpecials = R"(\[.*^$/)";
 
-// How the shell starts (the initialisations and settings can't fail in glibc): new session, empty
-// signal mask, default disposition for signals that the service handles or that it may have
-// inherited as ignored.
+// Starts the shell in a new session, with an empty signal mask and the default disposition for
+// signals that the service handles or may have inherited as ignored. The initialisations and
+// settings can't fail in glibc.
 class SpawnSetup {
 public:
     SpawnSetup() {
@@ -70,7 +70,7 @@ bool contains(std::string_view text, char byte) {
 
 }  // namespace
 
-// The child still runs only when the thread is cancelled or an exception passes.
+// The child has not been reaped only if the thread is cancelled or an exception passes.
 ShellChild::~ShellChild() {
     if (m_pid == -1)
         return;

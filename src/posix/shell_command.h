@@ -1,6 +1,6 @@
 // system(3) and popen(3) for a service whose threads can be cancelled at any time:
 //
-// - A cancelled thread leaves no process behind. Each command runs in a session of its own, whose
+// - A cancelled thread leaves no process running. Each command runs in a session of its own, whose
 //   process group is killed while the thread unwinds; the shell is reaped, and init reaps the rest.
 //   (glibc's pclose would wait for a command that hangs.) A tool that would ask for a password
 //   fails, as it has no terminal.
@@ -25,8 +25,8 @@
 namespace qnt {
 
 inline constexpr int kLineBufferSize = 1024;  // bytes, with the NUL terminator
-// execve(2) refuses an argument of this size or more, NUL terminator included (MAX_ARG_STRLEN). A
-// whole command line is one argument of the shell.
+// execve(2) refuses an argument of more bytes than this, NUL terminator included (MAX_ARG_STRLEN).
+// A whole command line is one argument of the shell.
 inline constexpr std::size_t kArgumentLimit = 131'072;
 
 // A running shell. The destructor kills and reaps it if nobody has waited for it.

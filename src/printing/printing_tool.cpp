@@ -81,7 +81,8 @@ void CPrintingTool::cancelWorkers() const {
     pthread_cancel(m_defaultPrinterThread);
 }
 
-// The host sets the pace: only failed exchanges and lack of memory are followed by a pause.
+// Has no interval of its own: the host holds each request until it has an answer. Pauses only after
+// a failed exchange, for lack of memory, and while a worker waits for the mutex or holds it.
 std::int32_t CPrintingTool::converse(ICommandManager& commands) {
     while (m_running) {
         if (!exchangeUnlessStopped())
@@ -115,8 +116,8 @@ bool CPrintingTool::exchangeUnlessStopped() {
     return true;
 }
 
-// A worker that holds the mutex may be stuck in a tool or a report. After a stop request it gets
-// kWorkerGrace; then both workers are cancelled, and the holder unlocks the mutex while it unwinds.
+// A worker that holds the mutex may be stuck in a tool or a report. After a stop request, waits for
+// kWorkerGrace, then cancels both workers: the holder unlocks the mutex while its stack unwinds.
 std::unique_lock<std::mutex> CPrintingTool::lockForStep() {
     using Clock = std::chrono::steady_clock;
     yieldToWaiters(m_waitingWorkers);

@@ -22,9 +22,11 @@
 
 namespace qnt {
 
-inline constexpr unsigned kRetryDelaySeconds = 1;  // after a failed exchange, or out of memory
-// How long the run loop waits for a worker that holds the mutex, from its first failed attempt
-// after a stop request. Then it cancels both workers, as it does not know which of them holds it.
+// After a failed exchange, a listing that could not be started, or for lack of memory.
+inline constexpr unsigned kRetryDelaySeconds = 1;
+// How long the run loop waits for a worker that holds the mutex, from the loop's first failed
+// attempt to lock it after a stop request. Then the loop cancels both workers, as it does not know
+// which of them holds the mutex.
 inline constexpr std::chrono::seconds kWorkerGrace{1};
 
 class CPrintingTool : public IPrintingTool {
@@ -57,7 +59,7 @@ private:
     bool takeStep(AnswerResult answer, ICommandManager& commands);
     bool applyPendingDefault();
 
-    bool m_reportCanceledByStop = false;  // under the mutex: so ended the last report
+    bool m_reportCanceledByStop = false;  // under the mutex: the stop cancelled the last report
 };
 
 static_assert(std::atomic<bool>::is_always_lock_free, "the stop handler clears m_running");

@@ -1,8 +1,8 @@
 // Waiting for the tool's mutex.
 //
-// pthread_mutex_lock is no cancellation point, and the holder may be stuck in a CUPS tool. So the
-// waits try the lock and sleep: that can be cancelled, depends on no clock that somebody sets, and
-// is known to the thread sanitizers, unlike the monotonic pthread_mutex_clocklock.
+// pthread_mutex_lock is not a cancellation point, and the holder may be stuck in a CUPS tool. So
+// the waits try the lock and sleep. Such a wait can be cancelled, does not depend on the wall
+// clock, and is supported by the thread sanitizers, unlike the monotonic pthread_mutex_clocklock.
 
 #pragma once
 
@@ -33,10 +33,9 @@ inline std::unique_lock<std::mutex> lockCancellably(std::mutex& mutex, std::atom
     if (lock.owns_lock())
         return lock;
     const WaiterCount waiter(waiting);
-    while (!lock.owns_lock()) {
+    do {
         std::this_thread::sleep_for(kLockPollInterval);
-        static_cast<void>(lock.try_lock());
-    }
+    } while (!lock.try_lock());
     return lock;
 }
 

@@ -91,7 +91,7 @@ private:
     ByteArray m_buffer;
     std::string m_receivedId;
     bool m_answerPending = false;  // the buffer holds an answer that has not been handled yet
-    bool m_applyPending = false;   // applyDefaultPrinter has not yet returned for the received id
+    bool m_applyPending = false;   // applyDefaultPrinter has not yet succeeded for the received id
     std::uint32_t m_sequence = 0;
     DeviceRequest m_request{};
 };
@@ -133,12 +133,14 @@ bool applyDefaultPrinter(CPrintingTool& tool, const std::string& receivedId) {
     const std::unique_lock lock = lockCancellably(tool.m_mutex, tool.m_waitingWorkers);
     tool.m_defaultPrinterId = receivedId;
     QueueBindingList queues;
-    const bool listed = !rejectInvalidId(receivedId) && listPrinterQueues(queues, receivedId);
-    // Cleared first: a worker that is cancelled in lpadmin must not leave the call to the run loop.
+    const bool rejected = rejectInvalidId(receivedId);
+    const bool listed = !rejected && listPrinterQueues(queues, receivedId);
+    // Set before lpadmin runs, so that the run loop does not run lpadmin again if this worker is
+    // cancelled while it waits for it.
     tool.m_defaultPrinterPending = queues.empty();
     if (!queues.empty())
         setDefaultPrinter(receivedId);
-    return listed || !isValidPrinterId(receivedId);
+    return rejected || listed;
 }
 
 }  // namespace qnt

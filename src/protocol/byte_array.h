@@ -7,8 +7,8 @@
 
 namespace qnt {
 
-// Bytes with an exact resize(); new bytes are zero. The host may ask for up to 4 GiB of room, in
-// any order, and fill none of it. So the array consists of whole pages of anonymous memory, which
+// Bytes with an exact resize(); new bytes are zero. The host may ask for any sequence of sizes up
+// to 4 GiB, and fill none of them. So the array consists of whole pages of anonymous memory, which
 // cost nothing until they are written, are moved without being copied when the array grows, and go
 // back to the system when it shrinks. One owner, one thread; throws nothing.
 class ByteArray {

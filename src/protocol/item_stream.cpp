@@ -1,5 +1,6 @@
 #include "protocol/item_stream.h"
 
+#include <bit>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -73,11 +74,8 @@ void ItemStream::release() {
     m_borrowed = 0;
 }
 
-// Doubles the capacity as often as needed.
 bool ItemStream::growTo(std::uint64_t size) {
-    std::uint64_t capacity = m_capacity == 0 ? 2 : m_capacity;
-    while (capacity < size)
-        capacity *= 2;
+    const std::uint64_t capacity = std::bit_ceil(size);
     if (capacity > std::numeric_limits<std::uint32_t>::max())
         return false;
     auto* grown = static_cast<std::uint8_t*>(std::realloc(m_buffer, capacity));

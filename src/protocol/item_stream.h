@@ -56,9 +56,9 @@ public:
     std::int32_t appendText(std::uint32_t type, std::string_view text);
 
     // Reading. open() succeeds if the header and the first item are valid, so a stream without
-    // items does not open. next() moves to the following item and may be called only
-    // while the last result was kStreamOk. Any other result ends the reading: callers treat the end
-    // of the stream and a malformed item alike.
+    // items does not open. next() moves to the following item and may be called only while the last
+    // result was kStreamOk. Any other result ends the reading: callers treat the end of the stream
+    // and a malformed item alike.
     std::int32_t open(const std::uint8_t* buffer, std::uint32_t bufferLength, std::uint32_t base);
     std::int32_t next();
 
@@ -89,7 +89,7 @@ private:
     std::uint32_t m_borrowed = 0;  // 0 when the stream owns its buffer
 };
 
-// Inline for speed: a printer list has three items and two streams per printer.
+// Inline for speed: a printer list has three items and one nested stream per printer.
 
 inline std::int32_t ItemStream::next() {
     m_position += itemLength() + kItemHeaderSize;

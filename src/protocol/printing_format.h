@@ -40,7 +40,7 @@ enum PrintingRequestType : std::uint32_t {
 };
 
 enum PrintingItemType : std::uint32_t {
-    PrinterId = 0x200A,     // text: USB serial of the virtual printer, end of its device URI
+    PrinterId = 0x200A,     // text: USB serial of the virtual printer, end of the queue's URI
     PrinterName = 0x200B,   // text: the host's name of a printer
     PrinterEntry = 0x200C,  // stream: one PrinterId and one PrinterName
     CmdCode = 0x200D,       // u32: PrintingCmdCode; only the first four bytes are read

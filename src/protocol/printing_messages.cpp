@@ -67,7 +67,8 @@ bool readEntry(QueueBindingList& printers, const ItemStream& item) {
     return true;
 }
 
-// False if an entry can't be used; the list then ends with the entry before it.
+// False if an entry can't be used; the list then ends with the entry before it. A nested stream
+// that does not open counts as an empty list.
 bool readList(QueueBindingList& printers, const ItemStream& item) {
     printers.clear();
     ItemStream list;
@@ -173,9 +174,7 @@ AnswerResult processAnswerFromHost(ByteArray& bufferCmd) {
     const std::uint32_t requiredSize = answerRequiredSize(bufferCmd);
     if (requiredSize == 0)
         return AnswerCommand;
-    if (requiredSize <= bufferCmd.size())
-        return AnswerNone;
-    if (bufferCmd.resize(requiredSize))
+    if (requiredSize <= bufferCmd.size() || bufferCmd.resize(requiredSize))
         return AnswerNone;
     logNoMemory("processAnswerFromHost", kProtocolLogPrefix);
     return AnswerFailed;

@@ -1,8 +1,8 @@
 // Building the service's requests and reading the host's answers.
 //
 // The answer overwrites the request in the same buffer. The operations keep no state and take no
-// lock. Only the parse operations throw: std::bad_alloc. Records have the prefix "PRINTING_TOOL";
-// a buffer that can't grow leaves one, an item stream that can't grow leaves none.
+// lock. Only the parse operations throw: std::bad_alloc. Records have the prefix "PRINTING_TOOL".
+// A failure to grow a buffer is logged; a failure to grow an item stream is only returned.
 
 #pragma once
 
@@ -25,27 +25,28 @@ struct PrintingCmd {
 };
 
 enum AnswerResult : std::uint32_t {
-    AnswerNone = 0,     // nothing to carry out; the buffer is now large enough, send the next
+    AnswerNone = 0,     // nothing to carry out; the buffer is now large enough
     AnswerFailed = 1,   // the answer can't be used
     AnswerCommand = 2,  // the buffer holds a complete answer
 };
 
-// GetPrintingCmd and PrintingCmdPending: 80 bytes at the start of a buffer of at least 80.
+// Write a GetPrintingCmd or PrintingCmdPending request to the first 80 bytes of a buffer, which
+// must have at least 80.
 void fillPrintingCmdRequest(ByteArray& bufferCmd, std::uint32_t sequence,
                             std::uint32_t& requestSize);
 void fillPrintingCmdPendingRequest(ByteArray& bufferCmd, std::uint32_t& requestSize);
 
-// GetDefaultPrinter: overwrites the version, type and sequence in a buffer with storage for at
-// least a header; all other bytes stay as they are.
+// Writes a GetDefaultPrinter request: overwrites the version, type and sequence in a buffer with
+// storage for at least a header; all other bytes stay as they are.
 void fillDefaultPrinterRequest(ByteArray& buffer, std::uint32_t sequence);
 
-// PrintingCmdAnswer with a result: 108 bytes. Grows a shorter buffer. False if there is not enough
-// memory; the buffer then still holds the host's answer.
+// Writes a PrintingCmdAnswer request with the result, 108 bytes. Grows a shorter buffer. False if
+// there is not enough memory; the buffer then still holds the host's answer.
 bool fillPrintingCmdAnsRequest(ByteArray& bufferCmd, std::uint32_t result, std::uint32_t sequence,
                                std::uint32_t& requestSize);
 
-// UserDeletedPrinters with the ids of the queues (at least one). Makes the destination exactly as
-// long as the request. False if there is not enough memory.
+// Writes a UserDeletedPrinters request with the ids of the queues (at least one). Makes the
+// destination exactly as long as the request. False if there is not enough memory.
 bool fillUserDeletedPrintersRequest(ByteArray& destination, const QueueBindingList& deleted);
 
 // Checks whether the answer is complete; if not, grows the buffer to the size that the host needs.

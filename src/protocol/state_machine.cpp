@@ -14,7 +14,7 @@ void fillPendingRequest(IPrintingTool& tool) {
 }
 
 bool carryOutCommand(IPrintingTool& tool, ICommandManager& commands) {
-    // The host learns of the user's deletions before its next command is carried out.
+    // The user's deletions are reported to the host before its next command is carried out.
     if (!tool.sendUserDeletedPrinters(getUserDeletedPrinters(tool.m_knownQueues)))
         return false;
     PrintingCmd command;
