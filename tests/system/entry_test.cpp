@@ -121,11 +121,15 @@ TEST_F(EntryTest, ItWorksWithStandardFilesClosedAndStopSignalsBlocked) {
 }
 
 TEST_F(EntryTest, StartAndEndAreLoggedAndTheToolsInheritNoFiles) {
-    standIn("lpstat", "ls -l /proc/$$/fd >>$folder/files; exec $real \"$@\"");
+    standIn("lpstat",
+            "{ ls -l /proc/$$/fd; grep SigBlk: /proc/$$/status; } >>$folder/files;"
+            "exec $real \"$@\"");
     sim::SimulatedHost host;
     startService({"-l", "2"});
     ASSERT_TRUE(host.waitUntil([&] { return host.isIdle(); }));
-    ASSERT_TRUE(eventually([&] { return contents(folder / "files").find("-> pipe") != -1UL; }));
+    // The check at the start, the first listing, and a worker's, which blocks the stop signals.
+    const std::string count = "grep -c SigBlk: " + (folder / "files").string();
+    ASSERT_TRUE(eventually([&] { return std::stoi(sim::commandOutput(count)) >= 3; }));
     EXPECT_EQ(stopService(), 0);
     // A worker whose request returns although it is cancelled writes the fifth record as well.
     EXPECT_EQ(
@@ -135,7 +139,7 @@ TEST_F(EntryTest, StartAndEndAreLoggedAndTheToolsInheritNoFiles) {
         "I /qntspooler/ SendRequest() was canceled\n"
         "I /qntspooler/ Open Kavelink link was closed.\nF /qntspooler/ closed, rc = 0\n");
     const std::string files = contents(folder / "files");
-    for (const char* own : {"qnt_kl", "quintaris.log"})
+    for (const char* own : {"qnt_kl", "quintaris.log", "SigBlk:\t0000000000004002"})
         EXPECT_EQ(files.find(own), std::string::npos) << files;
 }
 
