@@ -17,24 +17,32 @@ namespace fs = std::filesystem;
 using Seconds = std::chrono::duration<double>;
 
 constexpr int kQueues = 5;
+constexpr int kAddsOfOne = 5;
+constexpr double kWindow = 60;          // seconds without events
+constexpr double kDeletionSpread = 30;  // the guests delete one after the other
 constexpr std::size_t kStartedAtOnce = 4;
 constexpr double kFewestFreeKiB = 600'000;  // a guest needs about 50,000
 constexpr std::chrono::minutes kLongest(20);
 
-// When all guests do what, in seconds after their common start. An add takes a processor a quarter
-// of a second.
+// The listings of all guests fall evenly over the second, as those of guests that were started at
+// any time: this interval has no simple relation to a second. Guests that list at the same moment
+// would go on to do so.
+constexpr double kStartInterval = 0.162;
+
+// When all guests do what, in seconds after their common start. A first add takes a processor about
+// a second, as it looks for the driver; a later one takes a quarter of a second.
 struct Schedule {
     explicit Schedule(int guests)
-        : window(guests == 1 ? 60 : 90),
-          addOfOne(10 + window + 5),
-          addOfTenth(addOfOne + 10),
+        : settled(10 + kStartInterval * 1.1 * guests),
+          firstAddOfOne(settled + kWindow + 10),
+          firstAddOfAll(firstAddOfOne + 5),
+          addsOfOne(firstAddOfAll + 10 + guests * 0.8),
+          addOfTenth(addsOfOne + 10),
           addOfAll(addOfTenth + 10 + guests * 0.1),
-          deletions(addOfAll + 10 + guests * 0.5),
+          deletions(addOfAll + 10 + guests * 0.3),
           end(deletions + kDeletionSpread + 10) {}
 
-    static constexpr double kSettled = 10;
-    static constexpr double kDeletionSpread = 30;  // the guests delete one after the other
-    double window, addOfOne, addOfTenth, addOfAll, deletions, end;
+    double settled, firstAddOfOne, firstAddOfAll, addsOfOne, addOfTenth, addOfAll, deletions, end;
 };
 
 class Guest {
@@ -47,20 +55,23 @@ public:
         makeQueues(kQueues);
         if (isLoop)
             scriptOf("loop.sh", {"while :; do", recordListing(m_host), "sleep 1", "done"});
+        awaitStart();
+        waitUntil(kStartInterval * m_index);
         const CountedProcess process("guest" + std::to_string(m_index),
                                      isLoop ? "sh loop.sh" : QNT_SERVICE);
-        if (!isLoop)
-            waitForIdle(m_host);
-        awaitStart();
         measureWindow(process, isLoop ? "/sh" : "");
         if (isLoop)
             return waitUntil(m_schedule.end);
         printMemory("farm/" + std::to_string(m_guests), process.pid());
         if (m_index == 0)
-            addAt(m_schedule.addOfOne, "one", 1);
+            addAt(m_schedule.firstAddOfOne, "first one");
+        else
+            addAt(m_schedule.firstAddOfAll, "first all");
+        for (int number = 0; m_index == 0 && number < kAddsOfOne; ++number)
+            addAt(m_schedule.addsOfOne, "one");
         if (m_index < std::max(1, m_guests / 10))
-            addAt(m_schedule.addOfTenth, "tenth", 2);
-        addAt(m_schedule.addOfAll, "all", 3);
+            addAt(m_schedule.addOfTenth, "tenth");
+        addAt(m_schedule.addOfAll, "all");
         deleteOne();
         waitUntil(m_schedule.end);  // so that no guest works less beside the last ones
     }
@@ -94,10 +105,10 @@ private:
 
     void measureWindow(const CountedProcess& process, const std::string& side) const {
         // The guests look at different moments, as this takes time itself.
-        waitUntil(Schedule::kSettled + 5.0 * m_index / m_guests);
+        waitUntil(m_schedule.settled + 5.0 * m_index / m_guests);
         const Usage from = process.usageAtRest();
         const double wakeUpsBefore = wakeUps(process.pid());
-        waitUntil(Schedule::kSettled + m_schedule.window - 5 + 5.0 * m_index / m_guests);
+        waitUntil(m_schedule.settled + kWindow + 5.0 * m_index / m_guests);
         const Usage to = process.usageAtRest();
         const double seconds = secondsSince(from.when, to.when);
         print("own" + side, (to.own - from.own) / seconds);
@@ -107,15 +118,16 @@ private:
         print("wake-ups" + side, (wakeUps(process.pid()) - wakeUpsBefore) / seconds);
     }
 
-    void addAt(double when, const std::string& what, int number) {
-        const std::string id = "TAG9" + std::to_string(number);
-        m_host.plug(id, "Added " + std::to_string(number));
+    void addAt(double when, const std::string& what) {
+        const std::string number = std::to_string(++m_added);
+        const std::string id = "TAG9" + number;
+        m_host.plug(id, "Added " + number);
         waitUntil(when);
         print("add " + what, execute(m_host, sim::addPrinter(id)));
     }
 
     void deleteOne() {
-        waitUntil(m_schedule.deletions + Schedule::kDeletionSpread * m_index / m_guests);
+        waitUntil(m_schedule.deletions + kDeletionSpread * m_index / m_guests);
         sim::commandOutput("lpadmin -x Queue_1");
         const auto deleted = Clock::now();
         const auto reports = [&] { return m_host.exchanges(qnt::UserDeletedPrinters); };
@@ -129,6 +141,7 @@ private:
     const fs::path m_folder;
     const Schedule m_schedule;
     Clock::time_point m_start;
+    int m_added = 0;
     sim::SimulatedHost m_host;
 };
 

@@ -8,6 +8,7 @@ FOLDER holds the values of a run, *.json by Google Benchmark and *.tsv by measur
 
 import collections
 import json
+import math
 import os
 import pathlib
 import statistics
@@ -120,48 +121,64 @@ def service():
 
 
 def farm():
-    sizes = sorted(int(name.split("/")[1]) for name in values if name.startswith("farm own/") and name.count("/") == 1)
-    most = sizes[-1]
-    median = {name: statistics.median(values[name]) for name in values}
+    sizes = sorted({int(name.split("/")[1]) for name in values if name.startswith("farm load/")})
+    most, processors = sizes[-1], os.cpu_count()
+    median, two_digits = statistics.median, "{:.2f}".format
+    values["farm add first all/1"] = values["farm add first one/1"]
 
-    def show(name, text):
-        return [text(median[f"farm {name}/{size}"]) for size in sizes]
+    def milliseconds(value):
+        return f"{value * 1e3:.2f} ms"
 
-    milliseconds = lambda value: f"{value * 1e3:.2f} ms"
-    slowest = {f"{what}/{size}": max(values[f"farm add {what}/{size}"])
-               for size in sizes for what in ("one", "tenth", "all")}
-    p99 = {size: sorted(values[f"farm deletion/{size}"])[max(0, -(-99 * size // 100) - 1)] for size in sizes}
-    lines = [("the service alone", show("own", milliseconds)),
-             ("its tools", show("tools", milliseconds)),
-             ("service and tools", show("all", milliseconds)),
-             ("the shell loop", [milliseconds(median[f"farm all/sh/{s}"]) for s in sizes]),
-             ("cupsd", show("cupsd", milliseconds)),
-             ("wake-ups of the service a second", show("wake-ups", "{:.2f}".format)),
-             ("resident memory", [f"{median[f'resident/farm/{s}']:.0f} KiB" for s in sizes]),
-             ("proportional memory", [f"{median[f'proportional/farm/{s}']:.0f} KiB" for s in sizes])]
-    for what, words in (("one", "one guest"), ("tenth", "a tenth of the guests"), ("all", "all guests")):
-        lines.append((f"add in {words} at once, the slowest",
-                      [seconds(slowest[f"{what}/{size}"]) for size in sizes]))
-    lines.append(("deletion to report, 99th percentile", [seconds(p99[size]) for size in sizes]))
-    lines.append(("load average at the end", [f"{median[f'farm load/{size}']:.1f}" for size in sizes]))
-    print("| a guest, CPU time a second | " + " | ".join(f"{size} guests" for size in sizes) + " |")
+    def kibibytes(value):
+        return f"{value:.0f} KiB"
+
+    def percentile99(samples):
+        return sorted(samples)[math.ceil(0.99 * len(samples)) - 1]
+
+    print("| each guest | " + " | ".join(f"{n} guest{'s' * (n > 1)}" for n in sizes) + " |")
     print("|---|" + "---|" * len(sizes))
-    for what, cells in lines:
-        print(f"| {what} | " + " | ".join(cells) + " |")
+    for what, name, of, text in (
+            ("CPU time a second: the service alone", "farm own/{}", median, milliseconds),
+            ("... its tools", "farm tools/{}", median, milliseconds),
+            ("... service and tools", "farm all/{}", median, milliseconds),
+            ("... the shell loop", "farm all/sh/{}", median, milliseconds),
+            ("... cupsd", "farm cupsd/{}", median, milliseconds),
+            ("wake-ups of the service a second", "farm wake-ups/{}", median, two_digits),
+            ("memory of the service: resident", "resident/farm/{}", median, kibibytes),
+            ("... proportional share (PSS)", "proportional/farm/{}", median, kibibytes),
+            ("first add, in one guest", "farm add first one/{}", median, seconds),
+            ("... in all guests at once, the slowest", "farm add first all/{}", max, seconds),
+            ("later add, in one guest", "farm add one/{}", median, seconds),
+            ("... in a tenth of the guests at once, the slowest", "farm add tenth/{}", max, seconds),
+            ("... in all guests at once, the slowest", "farm add all/{}", max, seconds),
+            ("deletion to report, 99th percentile", "farm deletion/{}", percentile99, seconds),
+            ("load average at the end", "farm load/{}", median, "{:.1f}".format)):
+        print(f"| {what} | " + " | ".join(text(of(values[name.format(n)])) for n in sizes) + " |")
 
-    def goal(what, value, limit, text="{:.2f}".format):
+    def ratio(name, other):
+        return median(values[name]) / median(values[other])
+
+    def add_ratio(of_all, of_one):
+        one = median(values[f"farm add {of_one}/1"])
+        return max(values[f"farm add {of_all}/{most}"]) / (most * one / processors)
+
+    one_by_one = f"over {most} times one add divided by {processors} processors"
+    print("\n| figure | limit | measured | |\n|---|---|---|---|")
+    for what, value, limit, text in (
+            (f"service alone, {most} guests over 1", ratio(f"farm own/{most}", "farm own/1"), 1.1, two_digits),
+            (f"service and tools over the shell loop, {most} guests",
+             ratio(f"farm all/{most}", f"farm all/sh/{most}"), 1, two_digits),
+            (f"proportional share of memory, {most} guests",
+             median(values[f"proportional/farm/{most}"]), 500, kibibytes),
+            (f"{most} first adds at once, the slowest, {one_by_one}",
+             add_ratio("first all", "first one"), 1.1, two_digits),
+            (f"{most} later adds at once, the slowest, {one_by_one}", add_ratio("all", "one"), 1.1, two_digits),
+            (f"deletion to report, {most} guests, 99th percentile",
+             percentile99(values[f"farm deletion/{most}"]), 1.5, seconds)):
         print(f"| {what} | at most {text(limit)} | {text(value)} | "
               f"{'met' if value <= limit else '**not met**'} |")
-
-    print("\n| figure | limit | measured | |\n|---|---|---|---|")
-    goal(f"service alone, {most} guests over 1", median[f"farm own/{most}"] / median["farm own/1"], 1.1)
-    goal(f"service and tools over the shell loop, {most} guests",
-         median[f"farm all/{most}"] / median[f"farm all/sh/{most}"], 1)
-    goal(f"proportional memory, {most} guests", median[f"proportional/farm/{most}"], 500, "{:.0f} KiB".format)
-    goal(f"{most} adds at once, the slowest, over {most} times one add divided by {os.cpu_count()} processors",
-         slowest[f"all/{most}"] / (most * slowest["one/1"] / os.cpu_count()), 1.1)
-    goal(f"deletion to report, {most} guests, 99th percentile", p99[most], 1.5, seconds)
-    write_data("farm.dat", ["farm own/{}", "farm all/{}", "farm all/sh/{}", "proportional/farm/{}"], sizes)
+    write_data("farm.dat", ["farm own/{}", "farm all/{}", "farm all/sh/{}", "proportional/farm/{}"],
+               sizes)
 
 
 farm() if sys.argv[2:] == ["farm"] else service()
