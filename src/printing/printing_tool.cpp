@@ -9,7 +9,6 @@
 #include "cups/queue_operations.h"
 #include "hostlink/request_device.h"
 #include "log/log_record.h"
-#include "printing/tool_lock.h"
 #include "printing/workers.h"
 #include "protocol/state_machine.h"
 
@@ -118,18 +117,16 @@ bool CPrintingTool::exchangeUnlessStopped() {
 
 // A worker that holds the mutex may be stuck in a tool or a report. After a stop request, waits for
 // kWorkerGrace, then cancels both workers: the holder unlocks the mutex while its stack unwinds.
-std::unique_lock<std::mutex> CPrintingTool::lockForStep() {
+std::unique_lock<ToolMutex> CPrintingTool::lockForStep() {
     using Clock = std::chrono::steady_clock;
-    yieldToWaiters(m_waitingWorkers);
-    std::unique_lock lock(m_mutex, std::defer_lock);
-    for (std::optional<Clock::time_point> graceEnd; !lock.try_lock();) {
+    std::optional<Clock::time_point> graceEnd;
+    while (!m_mutex.tryLockAfterOthers(kStopPollInterval)) {
         if (!m_running && !graceEnd)
             graceEnd = Clock::now() + kWorkerGrace;
         else if (graceEnd && Clock::now() >= *graceEnd)
             cancelWorkers();
-        std::this_thread::sleep_for(kLockPollInterval);
     }
-    return lock;
+    return {m_mutex, std::adopt_lock};
 }
 
 bool CPrintingTool::takeStep(AnswerResult answer, ICommandManager& commands) {

@@ -17,6 +17,7 @@
 #include <string>
 
 #include "hostlink/device_request.h"
+#include "printing/tool_mutex.h"
 #include "protocol/command_manager.h"
 #include "protocol/tool_interface.h"
 
@@ -28,6 +29,8 @@ inline constexpr unsigned kRetryDelaySeconds = 1;
 // attempt to lock it after a stop request. Then the loop cancels both workers, as it does not know
 // which of them holds the mutex.
 inline constexpr std::chrono::seconds kWorkerGrace{1};
+// How often the run loop looks for a stop request while a worker holds the mutex.
+inline constexpr std::chrono::milliseconds kStopPollInterval{50};
 
 class CPrintingTool : public IPrintingTool {
 public:
@@ -43,8 +46,7 @@ public:
     std::atomic<bool> m_running{false};     // any thread and the stop handler
     pthread_t m_deletedPrintersThread = 0;  // run loop's thread; 0 when not started
     pthread_t m_defaultPrinterThread = 0;   // run loop's thread; 0 when not started
-    std::mutex m_mutex;
-    std::atomic<int> m_waitingWorkers{0};  // workers that wait for the mutex
+    ToolMutex m_mutex;
     // Cleared by run(), then written by the 'SetDefaultPrinter' worker under the mutex; the worker
     // itself reads it without the mutex.
     std::string m_defaultPrinterId;
@@ -55,7 +57,7 @@ private:
     void cancelWorkers() const;
     std::int32_t converse(ICommandManager& commands);
     bool exchangeUnlessStopped();
-    std::unique_lock<std::mutex> lockForStep();
+    std::unique_lock<ToolMutex> lockForStep();
     bool takeStep(AnswerResult answer, ICommandManager& commands);
     bool applyPendingDefault();
 

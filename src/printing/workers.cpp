@@ -11,7 +11,6 @@
 #include "log/log_record.h"
 #include "log/log_time.h"
 #include "posix/stop_signals.h"
-#include "printing/tool_lock.h"
 #include "protocol/printing_format.h"
 #include "protocol/printing_messages.h"
 #include "protocol/reconciliation.h"
@@ -107,7 +106,7 @@ void* deletedPrintersEntry(void* tool) {
 void deletedPrintersLoop(CPrintingTool& tool) {
     while (tool.m_running) {
         {
-            const std::unique_lock lock = lockCancellably(tool.m_mutex, tool.m_waitingWorkers);
+            const std::lock_guard lock(tool.m_mutex);
             reportDeleted(tool);
         }
         refreshUtcOffset();
@@ -130,7 +129,7 @@ void defaultPrinterLoop(CPrintingTool& tool) {
 }
 
 bool applyDefaultPrinter(CPrintingTool& tool, const std::string& receivedId) {
-    const std::unique_lock lock = lockCancellably(tool.m_mutex, tool.m_waitingWorkers);
+    const std::lock_guard lock(tool.m_mutex);
     tool.m_defaultPrinterId = receivedId;
     QueueBindingList queues;
     const bool rejected = rejectInvalidId(receivedId);

@@ -134,7 +134,7 @@ void failEach(const Role& role) {
         t_callsLeft = -1;
         EXPECT_TRUE(!t_needsRecord || !log.text.empty());
         role.check(tool);
-        EXPECT_TRUE(tool.m_mutex.try_lock());
+        EXPECT_TRUE(tool.m_mutex.tryLockAfterOthers({}));
         EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child is left";
         EXPECT_EQ(openFiles(), filesBefore);
         logs.insert(log.text);

@@ -6,7 +6,7 @@
 #include <random>
 #include <set>
 
-#include "printing/tool_lock.h"
+#include "printing/tool_mutex.h"
 #include "protocol/little_endian.h"
 #include "tests/support/fixture.h"
 
@@ -158,24 +158,21 @@ TEST_F(ServiceTest, AWorkersToolThatHangsHoldsUpNeitherTheStopNorAnAnsweredComma
         }
 }
 
-TEST(ToolLock, LetsAWaitingThreadGoBeforeOneThatLocksAgainAndAgain) {
+TEST(ToolMutex, LetsAWaitingThreadGoBeforeOneThatLocksAgainAndAgain) {
     constexpr int kRounds = 200;
-    std::mutex mutex;
-    std::atomic<int> waiting = 0, rounds = 0, roundsAtLock = kRounds;
-    std::unique_lock lock(mutex);
+    ToolMutex mutex;
+    std::atomic<int> rounds = 0, roundsAtLock = kRounds;
+    mutex.lock();
     std::thread waiter([&] {
-        const auto held = lockCancellably(mutex, waiting);
+        const std::lock_guard lock(mutex);
         roundsAtLock = rounds.load();
     });
-    while (waiting == 0)
-        std::this_thread::yield();
     for (; rounds < kRounds; ++rounds) {
-        std::this_thread::sleep_for(2ms);
-        lock.unlock();
-        yieldToWaiters(waiting);
-        lock.lock();
+        EXPECT_FALSE(mutex.tryLockAfterOthers(2ms));
+        mutex.unlock();
+        EXPECT_TRUE(mutex.tryLockAfterOthers(10s));
     }
-    lock.unlock();
+    mutex.unlock();
     waiter.join();
     EXPECT_LT(roundsAtLock, kRounds / 2);
 }
@@ -231,14 +228,20 @@ TEST_F(ServiceTest, RoomThatTheHostAsksForAndDoesNotFillCostsNoMemory) {
     EXPECT_TRUE(QNT_SANITIZED || peakKiB < 64 * 1024) << peakKiB;
 }
 
-TEST_F(ServiceTest, WithoutItsSecondWorkerTheServiceFails) {
-    startPreloaded({{"QNT_ONE_THREAD", ""}});
-    EXPECT_EQ(serviceEnds(), 1);
-    EXPECT_THAT(records(), ElementsAre("starting . . .", "Open Kavelink link was opened.",
-                                       "Opened /proc/driver/qnt_kl",
-                                       "Failed to start thread 'SetDefaultPrinter'",
-                                       "Open Kavelink link was closed.", "closed, rc = 1"));
-    EXPECT_THAT(host.statusMessages(), ElementsAre(SizeIs(209), SizeIs(111)));
+TEST_F(ServiceTest, WithoutBothWorkersTheServiceFails) {
+    const char* const workers[] = {"DeletedPrinrters", "SetDefaultPrinter"};
+    for (int started = 0; started < 2; ++started) {
+        fs::remove(kLog);
+        startPreloaded({{"QNT_THREADS", std::to_string(started)}});
+        EXPECT_EQ(serviceEnds(), 1);
+        EXPECT_THAT(records(),
+                    ElementsAre("starting . . .", "Open Kavelink link was opened.",
+                                "Opened /proc/driver/qnt_kl",
+                                std::string("Failed to start thread '") + workers[started] + "'",
+                                "Open Kavelink link was closed.", "closed, rc = 1"));
+    }
+    EXPECT_THAT(host.statusMessages(),
+                ElementsAre(SizeIs(209), SizeIs(111), SizeIs(209), SizeIs(111)));
 }
 
 // While it adds, renames, deletes, sets a default and reports a deletion. QNT_ROUNDS sets how

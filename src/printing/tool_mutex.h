@@ -1,0 +1,61 @@
+// The tool's mutex.
+//
+// pthread_mutex_lock(3p) is not a cancellation point, and the holder may be stuck in a CUPS tool.
+// So a thread that has to wait does so in a condition variable, which can be cancelled (libstdc++
+// since GCC 12), is woken without polling, and does not depend on the wall clock.
+
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+
+namespace qnt {
+
+class ToolMutex {
+public:
+    // The wait is a cancellation point.
+    void lock() {
+        std::unique_lock state(m_state);
+        const Waiter waiter(m_waiting);
+        m_unlocked.wait(state, [this] { return !m_locked; });
+        m_locked = true;
+    }
+    // Waits for at most `time`, also as long as another thread waits in lock(). Otherwise a thread
+    // that locks the mutex again soon after unlocking it would hardly ever leave it to another.
+    bool tryLockAfterOthers(std::chrono::milliseconds time) {
+        std::unique_lock state(m_state);
+        const auto isFree = [this] { return !m_locked && m_waiting == 0; };
+        if (!m_unlocked.wait_for(state, time, isFree))
+            return false;
+        m_locked = true;
+        return true;
+    }
+    void unlock() {
+        {
+            const std::lock_guard state(m_state);
+            m_locked = false;
+        }
+        m_unlocked.notify_all();
+    }
+
+private:
+    // Counts a waiting thread, also one that is cancelled.
+    class Waiter {
+    public:
+        explicit Waiter(int& waiting) : m_waiting(waiting) { ++m_waiting; }
+        ~Waiter() { --m_waiting; }
+        Waiter(const Waiter&) = delete;
+        Waiter& operator=(const Waiter&) = delete;
+
+    private:
+        int& m_waiting;
+    };
+
+    std::mutex m_state;  // guards the two below
+    bool m_locked = false;
+    int m_waiting = 0;  // threads in lock()
+    std::condition_variable m_unlocked;
+};
+
+}  // namespace qnt
