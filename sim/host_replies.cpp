@@ -56,8 +56,8 @@ std::optional<Reply> readLinkCall(const Submission& submission, Exchange& exchan
     const auto isWritable = [](const qnt::BufferDescriptor& buffer) {
         return buffer.flags == qnt::kBufferWritable;
     };
-    if (header.headerSize != sizeof header || message->size() != room ||
-        !std::ranges::all_of(submission.buffers(), isWritable))
+    if (header.headerSize != sizeof header || header.reserved != 0 || header.reservedEnd != 0 ||
+        message->size() != room || !std::ranges::all_of(submission.buffers(), isWritable))
         return kRefusal;
     message->resize(header.inputSize);
     exchange.request = std::move(*message);

@@ -3,7 +3,7 @@
 //   QNT_SLEEPS      sleep() returns at once and adds a line, its seconds, to this file
 //   QNT_HURRY       sleep()'s seconds last a fiftieth
 //   QNT_CHILD_LEFT  a child that is left when the service exits is noted in this file
-//   QNT_ONE_THREAD  pthread_create() fails from the second thread on
+//   QNT_THREADS     so many threads can be created, then pthread_create() fails
 //   QNT_NO_PROCESS  posix_spawn() fails while this file exists
 //
 // In a service with the address sanitizer, the sanitizer's own waitid() and posix_spawn() are
@@ -84,7 +84,8 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*
                    void* argument) noexcept {
     static const auto call = next<decltype(pthread_create)>("pthread_create");
     static int threads = 0;
-    return ++threads > 1 && std::getenv("QNT_ONE_THREAD") != nullptr
+    const char* limit = std::getenv("QNT_THREADS");
+    return limit != nullptr && threads++ >= std::atoi(limit)
                ? EAGAIN
                : call(thread, attributes, entry, argument);
 }

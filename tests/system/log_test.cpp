@@ -117,6 +117,8 @@ TEST_F(Log, WritesTheFieldsOfARecordInTheirOrder) {
             }
     });
     EXPECT_EQ(lines(file), expected);
+    logSetLevel(-1);
+    EXPECT_EQ(logGetLevel(), 1);
 }
 
 TEST_F(Log, TruncatesALongRecord) {
