@@ -1,8 +1,8 @@
 // The tool's mutex.
 //
 // pthread_mutex_lock(3p) is not a cancellation point, and the holder may be stuck in a CUPS tool.
-// So a thread that has to wait does so in a condition variable, which can be cancelled (libstdc++
-// since GCC 12), is woken without polling, and does not depend on the wall clock.
+// So a thread that has to wait does so in a condition variable, which can be cancelled, is woken
+// without polling, and does not depend on the wall clock.
 
 #pragma once
 
@@ -11,6 +11,9 @@
 #include <mutex>
 
 namespace qnt {
+
+static_assert(_GLIBCXX_RELEASE >= 12,
+              "earlier, a thread that is cancelled in a wait ends the process");
 
 class ToolMutex {
 public:
