@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <fstream>
 #include <list>
+#include <random>
 #include <stdexcept>
 #include <thread>
 
@@ -24,10 +25,7 @@ constexpr std::size_t kStartedAtOnce = 4;
 constexpr double kFewestFreeKiB = 600'000;  // a guest needs about 50,000
 constexpr std::chrono::minutes kLongest(20);
 
-// The listings of all guests fall evenly over the second, as those of guests that were started at
-// any time: this interval has no simple relation to a second. Guests that list at the same moment
-// would go on to do so.
-constexpr double kStartInterval = 0.162;
+constexpr double kStartInterval = 0.15;  // seconds between two services
 
 // When all guests do what, in seconds after their common start. A first add takes a processor about
 // a second, as it looks for the driver; a later one takes a quarter of a second.
@@ -56,9 +54,13 @@ public:
         if (isLoop)
             scriptOf("loop.sh", {"while :; do", recordListing(m_host), "sleep 1", "done"});
         awaitStart();
-        waitUntil(kStartInterval * m_index);
+        // At any moment of a second, as guests that list their queues together go on to do so.
+        waitUntil(kStartInterval * m_index +
+                  std::mt19937(static_cast<unsigned>(m_index))() / 4294967296.0);
         const CountedProcess process("guest" + std::to_string(m_index),
                                      isLoop ? "sh loop.sh" : QNT_SERVICE);
+        if (!isLoop)
+            waitForIdle(m_host);
         measureWindow(process, isLoop ? "/sh" : "");
         if (isLoop)
             return waitUntil(m_schedule.end);
@@ -128,9 +130,11 @@ private:
 
     void deleteOne() {
         waitUntil(m_schedule.deletions + kDeletionSpread * m_index / m_guests);
+        const auto reports = [&] { return m_host.exchanges(qnt::UserDeletedPrinters); };
+        if (!reports().empty())
+            throw std::runtime_error("A deletion is reported that has not happened.");
         sim::commandOutput("lpadmin -x Queue_1");
         const auto deleted = Clock::now();
-        const auto reports = [&] { return m_host.exchanges(qnt::UserDeletedPrinters); };
         if (!m_host.waitUntil([&] { return !reports().empty(); }))
             throw std::runtime_error("A deletion is not reported.");
         print("deletion", std::max(0.0, secondsSince(deleted, reports().front().when)));

@@ -25,9 +25,9 @@ namespace qnt {
 
 // After a failed exchange, a listing that could not be started, or for lack of memory.
 inline constexpr unsigned kRetryDelaySeconds = 1;
-// How long the run loop waits for a worker that holds the mutex, from the loop's first failed
-// attempt to lock it after a stop request. Then the loop cancels both workers, as it does not know
-// which of them holds the mutex.
+// How long the run loop waits for a worker that holds the mutex or waits for it, from its first
+// failed attempt to lock it after a stop request. Then the loop cancels both workers, as it does
+// not know which of them holds the mutex.
 inline constexpr std::chrono::seconds kWorkerGrace{1};
 // How often the run loop looks for a stop request while a worker holds the mutex.
 inline constexpr std::chrono::milliseconds kStopPollInterval{50};

@@ -13,7 +13,7 @@
 namespace qnt {
 
 static_assert(_GLIBCXX_RELEASE >= 12,
-              "earlier, a thread that is cancelled in a wait ends the process");
+              "before libstdc++ 12, cancelling a waiting thread ends the process");
 
 class ToolMutex {
 public:
@@ -24,8 +24,9 @@ public:
         m_unlocked.wait(state, [this] { return !m_locked; });
         m_locked = true;
     }
-    // Waits for at most `time`, also as long as another thread waits in lock(). Otherwise a thread
-    // that locks the mutex again soon after unlocking it would hardly ever leave it to another.
+    // Waits at most `time` until the mutex is free and no thread waits in lock(). False if that did
+    // not happen. Without the second condition, a thread that soon locks again would hardly ever
+    // leave the mutex to another.
     bool tryLockAfterOthers(std::chrono::milliseconds time) {
         std::unique_lock state(m_state);
         const auto isFree = [this] { return !m_locked && m_waiting == 0; };
@@ -43,7 +44,7 @@ public:
     }
 
 private:
-    // Counts a waiting thread, also one that is cancelled.
+    // Counts a thread while it waits; cancellation ends the count too.
     class Waiter {
     public:
         explicit Waiter(int& waiting) : m_waiting(waiting) { ++m_waiting; }

@@ -3,7 +3,7 @@
 //   QNT_SLEEPS      sleep() returns at once and adds a line, its seconds, to this file
 //   QNT_HURRY       sleep()'s seconds last a fiftieth
 //   QNT_CHILD_LEFT  a child that is left when the service exits is noted in this file
-//   QNT_THREADS     so many threads can be created, then pthread_create() fails
+//   QNT_THREADS     pthread_create() fails after this many threads
 //   QNT_NO_PROCESS  posix_spawn() fails while this file exists
 //
 // In a service with the address sanitizer, the sanitizer's own waitid() and posix_spawn() are
