@@ -19,8 +19,8 @@ using Seconds = std::chrono::duration<double>;
 
 constexpr int kQueues = 5;
 constexpr int kAddsOfOne = 5;
-constexpr double kWindow = 60;          // seconds without events
-constexpr double kDeletionSpread = 30;  // the guests delete one after the other
+constexpr double kWindow = 60;             // seconds without events
+constexpr double kDeletionInterval = 0.3;  // the guests delete one after the other
 constexpr std::size_t kStartedAtOnce = 4;
 constexpr double kFewestFreeKiB = 600'000;  // a guest needs about 50,000
 constexpr std::chrono::minutes kLongest(20);
@@ -38,7 +38,7 @@ struct Schedule {
           addOfTenth(addsOfOne + 10),
           addOfAll(addOfTenth + 10 + guests * 0.1),
           deletions(addOfAll + 10 + guests * 0.3),
-          end(deletions + kDeletionSpread + 10) {}
+          end(deletions + kDeletionInterval * guests + 10) {}
 
     double settled, firstAddOfOne, firstAddOfAll, addsOfOne, addOfTenth, addOfAll, deletions, end;
 };
@@ -129,7 +129,7 @@ private:
     }
 
     void deleteOne() {
-        waitUntil(m_schedule.deletions + kDeletionSpread * m_index / m_guests);
+        waitUntil(m_schedule.deletions + kDeletionInterval * m_index);
         const auto reports = [&] { return m_host.exchanges(qnt::UserDeletedPrinters); };
         if (!reports().empty())
             throw std::runtime_error("A deletion is reported that has not happened.");
