@@ -55,8 +55,8 @@ public:
             scriptOf("loop.sh", {"while :; do", recordListing(m_host), "sleep 1", "done"});
         awaitStart();
         // At any moment of a second, as guests that list their queues together go on to do so.
-        waitUntil(kStartInterval * m_index +
-                  std::mt19937(static_cast<unsigned>(m_index))() / 4294967296.0);
+        std::mt19937 random(static_cast<unsigned>(m_index));
+        waitUntil(kStartInterval * m_index + std::uniform_real_distribution<>()(random));
         const CountedProcess process("guest" + std::to_string(m_index),
                                      isLoop ? "sh loop.sh" : QNT_SERVICE);
         if (!isLoop)
