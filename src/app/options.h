@@ -10,8 +10,9 @@ enum class OptionsResult {
 };
 
 // Sets the log level to the default, then applies the options from left to right. Unknown options
-// and levels outside 0 to 3 are ignored. -h prints the usage to standard output and ends the
-// reading. To be called once in a process.
+// and levels outside 0 to 3 are ignored; text that is not a number is level 0. -h prints the usage,
+// with the level in force as the default, to standard output and ends the reading. To be called
+// once in a process.
 OptionsResult readOptions(int argc, char** argv);
 
 }  // namespace qnt

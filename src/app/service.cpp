@@ -33,10 +33,10 @@ static_assert(std::atomic<CPrintingTool*>::is_always_lock_free, "the stop handle
 
 // Main thread only.
 KavelinkLink g_link;
-bool g_linkOpen = false;
+bool g_linkOpen = false;  // g_link.state changes with each call
 
-// Opens descriptors 0 to 2 if they are closed, so that no channel gets such a number and the tools
-// always have standard streams.
+// Opens descriptors 0 to 2 if they are closed, so that the link, the device and the log get none
+// of them and the tools always have standard streams.
 void openStandardStreams() {
     int fd = 0;
     while (fd >= 0 && fd <= STDERR_FILENO)

@@ -5,8 +5,8 @@
 namespace qnt {
 
 // Runs the service and returns its exit code: 0 after an orderly stop, after the usage, or when
-// CUPS is unavailable; 1 when a channel can't be opened, the run loop fails, or memory runs out.
-// To be called once in a process, on the main thread.
+// CUPS is unavailable; 1 when the link or the device can't be opened, the run loop fails, or memory
+// runs out. To be called once in a process, on the main thread.
 int runService(int argc, char** argv);
 
 // Handles SIGTERM and SIGINT: asks the run loop and the workers to end. Takes no lock and allocates

@@ -16,9 +16,10 @@ inline constexpr unsigned kUsbWaitPauseSeconds = 1;
 // and takes its product string. The queue is named as queueNameFor returns it; if that creation
 // fails and CUPS may have refused the name, as acceptedQueueName returns it.
 //
-// On return the name is the queue name that was used, or empty if there was none. An id or a name
-// that no command can contain and an empty id are refused before any queue is touched. Whether
-// the queue exists afterwards is not returned: list the queues, or call isPrinterOnline.
+// On return the name is the queue name that was used, or empty if there was none. An empty id, one
+// that isValidPrinterId rejects and a name that no command can contain are refused before any queue
+// is touched. Whether the queue exists afterwards is not returned: list the queues, or call
+// isPrinterOnline.
 void addPrinter(std::string& name, const std::string& id);
 
 // Renames a queue: deletes it, creates it again under the new name, and makes it the default again

@@ -1,7 +1,8 @@
 // Operations on the queues of host printers, by printer id.
 //
 // The operations on an id list its queues first; the last one that lpstat lists counts as the
-// printer's queue. Each change is one CUPS command line, which the operation waits for and does not
+// printer's queue. For isPrinterOnline and setDefaultPrinter, the empty id stands for all host
+// printers. Each change is one CUPS command line, which the operation waits for and does not
 // retry. The caller holds the tool's mutex, which also guards the name of the default queue.
 // Failures are logged. The operations may throw std::bad_alloc.
 

@@ -14,7 +14,7 @@ namespace qnt {
 enum LinkResult : std::int32_t {
     kLinkOk = 0,
     kLinkBadArgument = -1,   // null link or buffer, both sizes 0, maxTransfer 0, unknown mode
-    kLinkNotAvailable = -5,  // no device, or no backdoor
+    kLinkNotAvailable = -5,  // no device, its driver failed the probe's write, or no backdoor
     kLinkRefused = -6,       // the host refused the probe or the request; wrong backdoor version
     kLinkAnswerTooLarge = -7,
     kLinkHostFailed = -8,  // negative host status, too many bytes, or transfers that move nothing
@@ -44,8 +44,9 @@ struct KavelinkLink {
     std::uint64_t handle = 0;  // device: its descriptor; backdoor: maxTransfer; 0: none
 };
 
-// Opens the link and selects its transport. A missing device is final (kLinkNotAvailable): the
-// backdoor is tried only when the device refuses. The state is kLinkStateOpen on success, else
+// Opens the link and selects its transport. A device that is missing, or whose driver fails the
+// probe's write, is final (kLinkNotAvailable): the backdoor is tried only when the device refuses
+// the probe or its write is interrupted (EINTR). The state is kLinkStateOpen on success, else
 // kLinkStateClosed.
 std::int32_t kavelinkOpen(KavelinkLink* link, std::int32_t mode);
 

@@ -91,6 +91,8 @@ struct Progress {
                                         : std::min(remaining - maxTransfer, maxTransfer);
     }
 
+    // While input is left, the host may answer into the chunk itself, even if no output was
+    // requested, or, if the output is longer than the input, into everything from the chunk on.
     TransferArea nextArea() const {
         const std::uint32_t chunk = nextChunk();
         if (chunk == 0)
@@ -106,7 +108,7 @@ struct Progress {
         received += got;
     }
 
-    // The host may claim more bytes than it was given room for.
+    // Each transfer stays within its area, but all together may return more than the output's room.
     std::uint32_t answerLength() const { return std::min(received, outputSize); }
 
 private:

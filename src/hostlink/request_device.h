@@ -21,7 +21,7 @@ namespace qnt {
 // The service's one descriptor for the printing traffic. The entry point opens it before other
 // threads exist and leaves it open until the process exits. openRequestDevice: true if the device
 // is open. closeRequestDevice: true if an open device was closed without error; false, without a
-// record, if none was open. Everything else is logged.
+// record, if none was open; only the tests call it. Everything else is logged.
 bool openRequestDevice();
 bool closeRequestDevice();
 bool isRequestDeviceOpen();
@@ -35,7 +35,8 @@ ssize_t submitRequestTo(int descriptor, DeviceRequestHeader& request);
 
 // One exchange of the printing protocol: sends the first `inSize` bytes of the buffer to the host,
 // whose answer of up to `outSize` bytes replaces them. Fills in the whole request. True if the host
-// completed it; a failure is logged, a cancellation at level 2.
+// completed it, and also, without an exchange, if the device is not open; a failure is logged, a
+// cancellation at level 2.
 bool SendRequest(DeviceRequest& request, void* buffer, std::uint32_t inSize, std::uint32_t outSize);
 
 }  // namespace qnt

@@ -121,7 +121,9 @@ int openFirst() {
 
 int reopenIfMoved(int fd) {
     const std::unique_lock lock(g_placementMutex, std::try_to_lock);
-    return !lock.owns_lock() || isOpenAt(fd, g_path) ? fd : openOrFallBack();
+    if (!lock.owns_lock() || isOpenAt(fd, g_path))
+        return fd;
+    return openOrFallBack();
 }
 
 }  // namespace

@@ -23,7 +23,8 @@
 
 namespace qnt {
 
-// After a failed exchange, a listing that could not be started, or for lack of memory.
+// How long a thread pauses after a failed exchange, a listing that could not be started, or a lack
+// of memory.
 inline constexpr unsigned kRetryDelaySeconds = 1;
 // How long the run loop waits for a worker that holds the mutex or waits for it, from its first
 // failed attempt to lock it after a stop request. Then the loop cancels both workers, as it does
@@ -61,7 +62,8 @@ private:
     bool takeStep(AnswerResult answer, ICommandManager& commands);
     bool applyPendingDefault();
 
-    bool m_reportCanceledByStop = false;  // under the mutex: the stop cancelled the last report
+    // Under the mutex: the last report was cancelled, after a stop request.
+    bool m_reportCanceledByStop = false;
 };
 
 static_assert(std::atomic<bool>::is_always_lock_free, "the stop handler clears m_running");

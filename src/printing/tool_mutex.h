@@ -26,7 +26,8 @@ public:
     }
     // Waits at most `time` until the mutex is free and no thread waits in lock(). False if that did
     // not happen. Without the second condition, a thread that soon locks again would hardly ever
-    // leave the mutex to another.
+    // leave the mutex to another. (That such a wait was cancelled is noticed only when the time
+    // ends.)
     bool tryLockAfterOthers(std::chrono::milliseconds time) {
         std::unique_lock state(m_state);
         const auto isFree = [this] { return !m_locked && m_waiting == 0; };

@@ -18,6 +18,8 @@
 namespace qnt {
 namespace {
 
+// Unlike in the run loop, a report that fails is ignored here: it is not repeated and does not end
+// the run.
 void reportDeleted(IPrintingTool& tool) {
     try {
         tool.sendUserDeletedPrinters(getUserDeletedPrinters(tool.m_knownQueues));
@@ -90,7 +92,7 @@ private:
     ByteArray m_buffer;
     std::string m_receivedId;
     bool m_answerPending = false;  // the buffer holds an answer that has not been handled yet
-    bool m_applyPending = false;   // applyDefaultPrinter has not yet succeeded for the received id
+    bool m_applyPending = false;   // the queues of the received id have not been listed yet
     std::uint32_t m_sequence = 0;
     DeviceRequest m_request{};
 };

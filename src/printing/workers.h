@@ -15,8 +15,8 @@ namespace qnt {
 
 inline constexpr unsigned kDeletedCheckPauseSeconds = 1;
 
-// 'DeletedPrinrters': once a second, reports to the host the queues that vanished from CUPS. The
-// entry operations take the CPrintingTool and return null.
+// 'DeletedPrinrters' (the records spell it so): once a second, reports to the host the queues that
+// vanished from CUPS. The entry operations take the CPrintingTool and return null.
 void* deletedPrintersEntry(void* tool);
 void deletedPrintersLoop(CPrintingTool& tool);
 

@@ -24,7 +24,8 @@ public:
     ICommandManager(const ICommandManager&) = delete;
     ICommandManager& operator=(const ICommandManager&) = delete;
 
-    // Seconds left for a pending add; 0xFFFFFFFF if none is pending.
+    // Seconds left of two minutes for a pending add; 0xFFFFFFFF if none is pending. The service
+    // does not call it: only the host's next command ends a pending add.
     virtual std::uint32_t pendingTimeLeft() = 0;
     virtual void startPendingTimer() = 0;
     virtual void onPrintersChanged() = 0;
