@@ -55,7 +55,7 @@ sim::Process startQuietly(const Command& command) {
 }
 
 void waitForIdle(const sim::SimulatedHost& host) {
-    if (!host.waitUntil([&] { return host.isIdle(); }))
+    if (!host.waitUntilIdle())
         throw std::runtime_error("The service asks for no command.");
 }
 
@@ -64,9 +64,10 @@ double execute(sim::SimulatedHost& host, const sim::HostCommand& command) {
     const std::size_t before = host.results().size();
     const auto start = Clock::now();
     host.send(command);
-    if (!host.waitUntil([&] { return host.results().size() > before; }, kLongest))
+    if (!host.waitUntilIdle(kLongest))
         throw std::runtime_error("A command takes too long.");
-    if (host.results().back() != qnt::CmdDone)
+    const std::vector<std::uint32_t> results = host.results();
+    if (results.size() == before || results.back() != qnt::CmdDone)
         throw std::runtime_error("A command failed.");
     return secondsSince(start, host.exchanges(qnt::PrintingCmdAnswer).back().when);
 }

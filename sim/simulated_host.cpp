@@ -160,14 +160,17 @@ std::size_t SimulatedHost::waiting(std::uint32_t requestType) const {
 
 bool SimulatedHost::isIdle() const {
     const std::lock_guard lock(m_mutex);
-    return m_commands.empty() && std::ranges::any_of(m_held, [&](const Held& held) {
-               return isRunLoopType(m_exchanges[held.exchange].requestType);
-           });
+    return isIdleLocked();
 }
 
 std::optional<HostCommand> SimulatedHost::currentCommand() const {
     const std::lock_guard lock(m_mutex);
     return m_currentCommand;
+}
+
+bool SimulatedHost::waitUntilIdle(std::chrono::milliseconds time) const {
+    std::unique_lock lock(m_mutex);
+    return m_changed.wait_for(lock, time, [this] { return isIdleLocked(); });
 }
 
 // The condition may call the host, so it is called without the mutex.
@@ -239,6 +242,12 @@ std::optional<Reply> SimulatedHost::replyTo(Held& held) {
     }
     return exchange.code == qnt::QntKlReqPrinting ? printingReply(exchange)
                                                   : linkModeReply(exchange);
+}
+
+bool SimulatedHost::isIdleLocked() const {
+    return m_commands.empty() && std::ranges::any_of(m_held, [&](const Held& held) {
+               return isRunLoopType(m_exchanges[held.exchange].requestType);
+           });
 }
 
 std::optional<Fault> SimulatedHost::takeFault(std::uint32_t requestType) {

@@ -83,6 +83,8 @@ public:
     bool isIdle() const;
     // The command that the service has received but not yet reported on.
     std::optional<HostCommand> currentCommand() const;
+    // Waits until isIdle(); false after the time.
+    bool waitUntilIdle(std::chrono::milliseconds time = std::chrono::seconds(20)) const;
     // Waits until the condition holds, which is checked at each exchange; false after the time.
     bool waitUntil(const std::function<bool()>& condition,
                    std::chrono::milliseconds time = std::chrono::seconds(20)) const;
@@ -105,6 +107,7 @@ private:
     void cancel(const SubmissionPtr& submission);
     void answerHeld();
     std::optional<Reply> replyTo(Held& held);
+    bool isIdleLocked() const;
     std::optional<Fault> takeFault(std::uint32_t requestType);
     std::optional<Reply> printingReply(const Exchange& exchange) const;
     std::optional<Reply> defaultPrinterReply(const Exchange& exchange) const;

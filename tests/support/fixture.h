@@ -1,6 +1,6 @@
 // Fixture for whole-system tests: a private real CUPS, a simulated host, the unmodified service.
-// Included by one file of a test, it puts the process into a guest's namespace and starts CUPS
-// before the first case. Waits return as soon as their condition holds.
+// A file that includes it puts its process into a guest's namespace, starts CUPS before the first
+// case, and replaces sleep(). Waits return as soon as their condition holds.
 
 #pragma once
 
@@ -158,9 +158,7 @@ protected:
     bool hasResults(std::size_t number) {
         return host.waitUntil([&] { return host.results().size() >= number; });
     }
-    bool isIdle() {
-        return host.waitUntil([&] { return host.isIdle(); });
-    }
+    bool isIdle() { return host.waitUntilIdle(); }
 
     sim::SimulatedHost host;
 };

@@ -113,7 +113,7 @@ TEST_F(EntryTest, ItWorksWithStandardFilesClosedAndStopSignalsBlocked) {
     sim::SimulatedHost host;
     const std::string closed = "exec '" QNT_SERVICE "' -l 1 <&- >&- 2>&-";
     service.emplace(std::vector<std::string>{"env", "--block-signal=INT", "sh", "-c", closed});
-    ASSERT_TRUE(host.waitUntil([&] { return host.isIdle(); }));
+    ASSERT_TRUE(host.waitUntilIdle());
     service->signal(SIGINT);
     EXPECT_EQ(serviceEnds(), 0);
     EXPECT_EQ(host.statusMessages().size(), 2U);
@@ -126,7 +126,7 @@ TEST_F(EntryTest, StartAndEndAreLoggedAndTheToolsInheritNoFiles) {
             "exec $real \"$@\"");
     sim::SimulatedHost host;
     startService({"-l", "2"});
-    ASSERT_TRUE(host.waitUntil([&] { return host.isIdle(); }));
+    ASSERT_TRUE(host.waitUntilIdle());
     // The check at the start, the first listing, and a worker's, which blocks the stop signals.
     const std::string count = "grep -c SigBlk: " + (folder / "files").string();
     ASSERT_TRUE(eventually([&] { return std::stoi(sim::commandOutput(count)) >= 3; }));
