@@ -1,5 +1,6 @@
 // Many guests on one machine, each with namespaces, a CUPS and a simulated host of its own, and the
-// service with five queues; every tenth guest, at least one, has a shell loop in its place.
+// service with five queues. One more guest for every ten, at least one, runs a shell loop in place
+// of the service until CPU time has been measured.
 
 #include <algorithm>
 #include <fstream>
@@ -18,7 +19,7 @@ namespace fs = std::filesystem;
 using Seconds = std::chrono::duration<double>;
 
 constexpr int kQueues = 5;
-constexpr int kAddsOfOne = 5;
+constexpr int kAddsOfOne = 15;
 constexpr double kWindow = 60;             // seconds without events
 constexpr double kDeletionInterval = 0.3;  // the guests delete one after the other
 constexpr std::size_t kStartedAtOnce = 4;
@@ -26,21 +27,24 @@ constexpr double kFewestFreeKiB = 600'000;  // a guest needs about 50,000
 constexpr std::chrono::minutes kLongest(20);
 
 constexpr double kStartInterval = 0.15;  // seconds between two services
+constexpr double kFirstAddInterval = 5;
 
 // When all guests do what, in seconds after their common start. A first add takes a processor about
 // a second, as it looks for the driver; a later one takes a quarter of a second.
 struct Schedule {
     explicit Schedule(int guests)
-        : settled(10 + kStartInterval * 1.1 * guests),
-          firstAddOfOne(settled + kWindow + 10),
-          firstAddOfAll(firstAddOfOne + 5),
+        : aloneAtFirst(std::max(1, guests / 20)),
+          settled(10 + kStartInterval * 1.1 * guests),
+          firstAddsOfOne(settled + kWindow + 10),
+          firstAddOfAll(firstAddsOfOne + kFirstAddInterval * aloneAtFirst),
           addsOfOne(firstAddOfAll + 10 + guests * 0.8),
-          addOfTenth(addsOfOne + 10),
+          addOfTenth(addsOfOne + 15),
           addOfAll(addOfTenth + 10 + guests * 0.1),
           deletions(addOfAll + 10 + guests * 0.3),
           end(deletions + kDeletionInterval * guests + 10) {}
 
-    double settled, firstAddOfOne, firstAddOfAll, addsOfOne, addOfTenth, addOfAll, deletions, end;
+    int aloneAtFirst;  // guests whose first add is alone
+    double settled, firstAddsOfOne, firstAddOfAll, addsOfOne, addOfTenth, addOfAll, deletions, end;
 };
 
 class Guest {
@@ -54,7 +58,7 @@ public:
         if (isLoop)
             scriptOf("loop.sh", {"while :; do", recordListing(m_host), "sleep 1", "done"});
         awaitStart();
-        // At any moment of a second, as guests that list their queues together go on to do so.
+        // At a random moment of a second: guests that list their queues together go on to do so.
         std::mt19937 random(static_cast<unsigned>(m_index));
         waitUntil(kStartInterval * m_index + std::uniform_real_distribution<>()(random));
         const CountedProcess process("guest" + std::to_string(m_index),
@@ -63,10 +67,10 @@ public:
             waitForIdle(m_host);
         measureWindow(process, isLoop ? "/sh" : "");
         if (isLoop)
-            return waitUntil(m_schedule.end);
+            return;
         printMemory("farm/" + std::to_string(m_guests), process.pid());
-        if (m_index == 0)
-            addAt(m_schedule.firstAddOfOne, "first one");
+        if (m_index < m_schedule.aloneAtFirst)
+            addAt(m_schedule.firstAddsOfOne + kFirstAddInterval * m_index, "first one");
         else
             addAt(m_schedule.firstAddOfAll, "first all");
         for (int number = 0; m_index == 0 && number < kAddsOfOne; ++number)
@@ -75,7 +79,8 @@ public:
             addAt(m_schedule.addOfTenth, "tenth");
         addAt(m_schedule.addOfAll, "all");
         deleteOne();
-        waitUntil(m_schedule.end);  // so that no guest works less beside the last ones
+        // Goes on listing its queues, so that the last guests share the machine as the first did.
+        waitUntil(m_schedule.end);
     }
 
 private:
@@ -106,7 +111,7 @@ private:
     }
 
     void measureWindow(const CountedProcess& process, const std::string& side) const {
-        // The guests look at different moments, as this takes time itself.
+        // The guests read their counters at different moments, as reading takes time itself.
         waitUntil(m_schedule.settled + 5.0 * m_index / m_guests);
         const Usage from = process.usageAtRest();
         const double wakeUpsBefore = wakeUps(process.pid());
