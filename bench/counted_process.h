@@ -38,7 +38,8 @@ private:
     sim::Process m_process;
 };
 
-// The number behind a word of a file in /proc.
+// Returns the number after a word in a file of /proc or of a control group; throws
+// std::runtime_error if there is none.
 double numberAfter(const std::filesystem::path& path, const std::string& field);
 // KiB, as resident/NAME and proportional/NAME.
 void printMemory(const std::string& name, pid_t process);

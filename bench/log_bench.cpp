@@ -65,8 +65,7 @@ void spdlogToFile(benchmark::State& state) {
 void suppressedRecord(benchmark::State& state) {
     qnt::logSetLevel(2);
     for (auto _ : state) {
-        if (qnt::logGetLevel() >= 3)
-            qnt::logRecord("", qnt::kServiceTag, 3, "isPrinterOnline: %s", kId);
+        QNT_LOG(3, "isPrinterOnline: %s", kId);
         benchmark::ClobberMemory();
     }
 }

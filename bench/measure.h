@@ -1,5 +1,5 @@
-// Measurements of the whole service, compared with what else would do the same work. Each takes
-// the service and its counterpart in turn and prints every value, a number of rounds.
+// Measurements of the whole service, compared with what else would do the same work. Each measures
+// the service and its counterpart in turn, for a number of rounds, and prints every value.
 
 #pragma once
 

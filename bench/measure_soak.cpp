@@ -3,10 +3,9 @@
 #include <algorithm>
 #include <atomic>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <stdexcept>
 
+#include "bench/counted_process.h"
 #include "bench/measure.h"
 #include "sim/private_cups.h"
 
@@ -18,7 +17,7 @@ using sim::Fault;
 constexpr std::chrono::seconds kShortest(10);
 constexpr double kMostGrowthKiB = 128;
 
-struct Usage {
+struct Sample {
     double exchanges, kilobytes, descriptors, threads, zombies, logBytes;
 };
 
@@ -30,20 +29,17 @@ double least(const std::string& count) {
     return number;
 }
 
-Usage usageOf(const sim::Process& service, double exchanges) {
+Sample sampleOf(const sim::Process& service, double exchanges) {
     const std::string pid = std::to_string(service.pid());
-    std::ostringstream status;
-    status << std::ifstream("/proc/" + pid + "/status").rdbuf();
-    const std::string text = status.str();
     const auto field = [&](const std::string& name) {
-        return std::stod(text.substr(text.find(name) + name.size()));
+        return numberAfter("/proc/" + pid + "/status", name);
     };
-    const Usage now{exchanges,
-                    field("RssAnon:"),
-                    least("ls /proc/" + pid + "/fd | wc -l"),
-                    field("Threads:"),
-                    least("ps -o stat= --ppid " + pid + " | grep -c ^Z"),
-                    static_cast<double>(std::filesystem::file_size("/var/log/quintaris.log"))};
+    const Sample now{exchanges,
+                     field("RssAnon:"),
+                     least("ls /proc/" + pid + "/fd | wc -l"),
+                     field("Threads:"),
+                     least("ps -o stat= --ppid " + pid + " | grep -c ^Z"),
+                     static_cast<double>(std::filesystem::file_size("/var/log/quintaris.log"))};
     printValue("soak/exchanges", now.exchanges);
     printValue("soak/KiB", now.kilobytes);
     printValue("soak/descriptors", now.descriptors);
@@ -86,14 +82,14 @@ void measureSoak(int minutes) {
     sim::SimulatedHost host{[&](const std::string&) { ++exchanges; }};
     const sim::Process service = startQuietly({QNT_SERVICE});
     const auto time = std::max<std::chrono::seconds>(std::chrono::minutes(minutes), kShortest);
-    std::vector<Usage> usages;
+    std::vector<Sample> samples;
     for (int round = 0; const int fifths : {1, 2, 2}) {
         for (const auto end = Clock::now() + time * fifths / 5; Clock::now() < end; ++round)
             converse(host, round);
-        usages.push_back(usageOf(service, exchanges));
+        samples.push_back(sampleOf(service, exchanges));
     }
-    const Usage &start = usages[0], &middle = usages[1], &end = usages[2];
-    const auto logPerExchange = [](const Usage& from, const Usage& to) {
+    const Sample &start = samples[0], &middle = samples[1], &end = samples[2];
+    const auto logPerExchange = [](const Sample& from, const Sample& to) {
         return (to.logBytes - from.logBytes) / (to.exchanges - from.exchanges);
     };
     if (end.kilobytes - middle.kilobytes > kMostGrowthKiB || end.descriptors != start.descriptors ||

@@ -74,8 +74,8 @@ std::uint32_t number(const std::string& text) {
     return value;
 }
 
-std::chrono::seconds seconds(const Console::Words& words, std::size_t index) {
-    const std::uint32_t value = words.size() > index ? number(words[index]) : kIdleSeconds;
+std::chrono::seconds seconds(const Console::Words& words) {
+    const std::uint32_t value = words.empty() ? kIdleSeconds : number(words.front());
     return std::chrono::seconds(std::min(value, kMaxWaitSeconds));
 }
 
@@ -338,7 +338,7 @@ void Console::status(const Words&) {
 }
 
 void Console::waitIdle(const Words& words) {
-    const auto time = seconds(words, 0);
+    const auto time = seconds(words);
     const auto isIdleOrEnded = [&] { return m_host.isIdle() || exitCode(); };
     if (!m_host.waitUntil(isIdleOrEnded, time))
         throw ConsoleError("the service is not idle after " + std::to_string(time.count()) +
@@ -348,7 +348,7 @@ void Console::waitIdle(const Words& words) {
 }
 
 void Console::wait(const Words& words) {
-    std::this_thread::sleep_for(seconds(words, 0));
+    std::this_thread::sleep_for(seconds(words));
 }
 
 void Console::echo(const Words& words) {

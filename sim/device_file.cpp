@@ -10,11 +10,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <stdexcept>
 #include <string_view>
 #include <thread>
@@ -37,7 +37,6 @@ constexpr std::size_t kMaxBufferSize = 64u << 20;  // larger buffers are not rea
 // A request record in the sender's memory.
 struct Record {
     pid_t thread = 0;
-    std::uint64_t deviceFile = 0;
     std::uint64_t address = 0;
     qnt::DeviceRequestHeader header{};
     std::vector<qnt::BufferDescriptor> buffers;
@@ -67,7 +66,6 @@ public:
     ~Write() override { answer(EIO); }
 
     pid_t thread() const override { return m_record.thread; }
-    std::uint64_t deviceFile() const override { return m_record.deviceFile; }
     const qnt::DeviceRequestHeader& header() const override { return m_record.header; }
     const std::vector<qnt::BufferDescriptor>& buffers() const override { return m_record.buffers; }
 
@@ -152,9 +150,7 @@ void getAttributes(fuse_req_t request, fuse_ino_t inode, fuse_file_info*) {
 // Written out, as libfuse's reply to an open supports only some of the flags. All three are needed:
 // otherwise the kernel makes a file's second write wait for the answer to the first.
 void openFile(fuse_req_t request, fuse_ino_t, fuse_file_info*) {
-    static std::atomic<std::uint64_t> deviceFiles{0};
     fuse_open_out reply{};
-    reply.fh = ++deviceFiles;
     reply.open_flags = FOPEN_DIRECT_IO | FOPEN_STREAM | FOPEN_PARALLEL_DIRECT_WRITES;
     fuse_reply_buf(request, reinterpret_cast<const char*>(&reply), sizeof reply);
 }
@@ -235,7 +231,7 @@ private:
     }
 
     static void takeWrite(fuse_req_t request, fuse_ino_t, const char* bytes, std::size_t size,
-                          off_t, fuse_file_info* file) {
+                          off_t, fuse_file_info*) {
         Record record;
         if (size != sizeof record.address) {
             fuse_reply_err(request, EINVAL);
@@ -243,7 +239,6 @@ private:
         }
         std::memcpy(&record.address, bytes, size);
         record.thread = fuse_req_ctx(request)->pid;
-        record.deviceFile = file->fh;
         if (const int error = record.read(); error != 0) {
             fuse_reply_err(request, error);
             return;

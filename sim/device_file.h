@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -25,8 +24,7 @@ class Submission {
 public:
     virtual ~Submission() = default;
 
-    virtual pid_t thread() const = 0;              // the sender's kernel thread id
-    virtual std::uint64_t deviceFile() const = 0;  // identifies the sender's open file
+    virtual pid_t thread() const = 0;  // the sender's kernel thread id
     virtual const qnt::DeviceRequestHeader& header() const = 0;
     virtual const std::vector<qnt::BufferDescriptor>& buffers() const = 0;
     // The current bytes of a buffer in the sender's memory; none if they can't be read.

@@ -65,12 +65,6 @@ unsigned sleep(unsigned seconds) {
     return 0;
 }
 
-// The wait for the tool's mutex.
-int nanosleep(const timespec* time, timespec*) {
-    waitSlices(time->tv_sec * 1000 + time->tv_nsec / 1'000'000);
-    return 0;
-}
-
 int waitid(idtype_t kind, id_t id, siginfo_t* info, int options) {
     static const auto call = next<decltype(waitid)>("waitid");
     info->si_pid = 0;
