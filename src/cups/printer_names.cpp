@@ -17,7 +17,7 @@ constexpr std::string_view kNeverInIds("\0\t\n\v\f\r =", 8);
 constexpr std::size_t kLongestQuotedName = kArgumentLimit - 4096;
 
 // What validate_name() of lpadmin refuses in CUPS 2.4. (After an "@" lpadmin leaves the check to
-// cupsd, which refuses less.)
+// cupsd, which refuses fewer bytes; all of these are replaced there too.)
 bool isRefusedByCups(char byte) {
     constexpr std::string_view kRefused = "/\\?'\"#\x7f";
     return (byte >= 0 && byte <= ' ') || kRefused.find(byte) != std::string_view::npos;
