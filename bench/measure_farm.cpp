@@ -2,6 +2,8 @@
 // service with five queues. One more guest for every ten, at least one, runs a shell loop in place
 // of the service until CPU time has been measured.
 
+#include <sys/mman.h>
+
 #include <algorithm>
 #include <fstream>
 #include <list>
@@ -23,11 +25,13 @@ constexpr int kAddsOfOne = 15;
 constexpr double kWindow = 60;             // seconds without events
 constexpr double kDeletionInterval = 0.3;  // the guests delete one after the other
 constexpr std::size_t kStartedAtOnce = 4;
-constexpr double kFewestFreeKiB = 600'000;  // a guest needs about 50,000
+constexpr std::size_t kLeastMemory = 600'000'000;  // free bytes; a guest needs about 50,000,000
 constexpr std::chrono::minutes kLongest(20);
 
-constexpr double kStartInterval = 0.15;  // seconds between two services
-constexpr double kFirstAddInterval = 5;
+constexpr double kStartInterval = 0.15;            // seconds between two services
+constexpr double kFirstAddInterval = 5;            // seconds
+constexpr std::size_t kMemoryOfAdd = 100'000'000;  // bytes that CUPS uses for an add
+constexpr double kTouching = 0.4;                  // seconds, at most, to get them
 
 // When all guests do what, in seconds after their common start. A first add takes a processor about
 // a second, as it looks for the driver; a later one takes a quarter of a second.
@@ -36,15 +40,21 @@ struct Schedule {
         : aloneAtFirst(std::max(1, guests / 20)),
           settled(10 + kStartInterval * 1.1 * guests),
           firstAddsOfOne(settled + kWindow + 10),
-          firstAddOfAll(firstAddsOfOne + kFirstAddInterval * aloneAtFirst),
+          firstAddOfAll(firstAddsOfOne + kFirstAddInterval * aloneAtFirst + kTouching * guests),
           addsOfOne(firstAddOfAll + 10 + guests * 0.8),
           addOfTenth(addsOfOne + 15),
-          addOfAll(addOfTenth + 10 + guests * 0.1),
+          addOfAll(addOfTenth + 10 + kTouching * guests),
           deletions(addOfAll + 10 + guests * 0.3),
           end(deletions + kDeletionInterval * guests + 10) {}
 
+    void waitUntil(double seconds) const {
+        std::this_thread::sleep_until(
+            start + std::chrono::duration_cast<Clock::duration>(Seconds(seconds)));
+    }
+
     int aloneAtFirst;  // guests whose first add is alone
     double settled, firstAddsOfOne, firstAddOfAll, addsOfOne, addOfTenth, addOfAll, deletions, end;
+    Clock::time_point start;
 };
 
 class Guest {
@@ -60,7 +70,7 @@ public:
         awaitStart();
         // At a random moment of a second: guests that list their queues together go on to do so.
         std::mt19937 random(static_cast<unsigned>(m_index));
-        waitUntil(kStartInterval * m_index + std::uniform_real_distribution<>()(random));
+        m_schedule.waitUntil(kStartInterval * m_index + std::uniform_real_distribution<>()(random));
         const CountedProcess process("guest" + std::to_string(m_index),
                                      isLoop ? "sh loop.sh" : QNT_SERVICE);
         if (!isLoop)
@@ -80,7 +90,7 @@ public:
         addAt(m_schedule.addOfAll, "all");
         deleteOne();
         // Goes on listing its queues, so that the last guests share the machine as the first did.
-        waitUntil(m_schedule.end);
+        m_schedule.waitUntil(m_schedule.end);
     }
 
 private:
@@ -94,12 +104,7 @@ private:
             std::this_thread::sleep_for(std::chrono::milliseconds(200));
         std::time_t start = 0;
         std::ifstream(m_folder / "start") >> start;
-        m_start = Clock::from_time_t(start);
-    }
-
-    void waitUntil(double seconds) const {
-        std::this_thread::sleep_until(
-            m_start + std::chrono::duration_cast<Clock::duration>(Seconds(seconds)));
+        m_schedule.start = Clock::from_time_t(start);
     }
 
     static double wakeUps(pid_t process) {
@@ -112,10 +117,10 @@ private:
 
     void measureWindow(const CountedProcess& process, const std::string& side) const {
         // The guests read their counters at different moments, as reading takes time itself.
-        waitUntil(m_schedule.settled + 5.0 * m_index / m_guests);
+        m_schedule.waitUntil(m_schedule.settled + 5.0 * m_index / m_guests);
         const Usage from = process.usageAtRest();
         const double wakeUpsBefore = wakeUps(process.pid());
-        waitUntil(m_schedule.settled + kWindow + 5.0 * m_index / m_guests);
+        m_schedule.waitUntil(m_schedule.settled + kWindow + 5.0 * m_index / m_guests);
         const Usage to = process.usageAtRest();
         const double seconds = secondsSince(from.when, to.when);
         print("own" + side, (to.own - from.own) / seconds);
@@ -129,12 +134,12 @@ private:
         const std::string number = std::to_string(++m_added);
         const std::string id = "TAG9" + number;
         m_host.plug(id, "Added " + number);
-        waitUntil(when);
+        m_schedule.waitUntil(when);
         print("add " + what, execute(m_host, sim::addPrinter(id)));
     }
 
     void deleteOne() {
-        waitUntil(m_schedule.deletions + kDeletionInterval * m_index);
+        m_schedule.waitUntil(m_schedule.deletions + kDeletionInterval * m_index);
         const auto reports = [&] { return m_host.exchanges(qnt::UserDeletedPrinters); };
         if (!reports().empty())
             throw std::runtime_error("A deletion is reported that has not happened.");
@@ -148,14 +153,30 @@ private:
     const int m_index;
     const int m_guests;
     const fs::path m_folder;
-    const Schedule m_schedule;
-    Clock::time_point m_start;
+    Schedule m_schedule;
     int m_added = 0;
     sim::SimulatedHost m_host;
 };
 
-bool hasMemoryForAGuest() {
-    return numberAfter("/proc/meminfo", "MemAvailable:") > kFewestFreeKiB;
+std::size_t availableMemory() {
+    return static_cast<std::size_t>(numberAfter("/proc/meminfo", "MemAvailable:")) * 1024;
+}
+
+// The host of a virtual machine may take back free memory, and getting it again can take longer
+// than an add. So memory is used, and freed a second before all guests add.
+void touchMemory(int guests, Clock::time_point start) {
+    Schedule schedule(guests);
+    schedule.start = start;
+    for (const double when : {schedule.firstAddOfAll, schedule.addOfAll}) {
+        schedule.waitUntil(when - kTouching * guests);
+        const std::size_t size =
+            std::min(kMemoryOfAdd * static_cast<std::size_t>(guests), availableMemory() / 2);
+        void* const memory = mmap(nullptr, size, PROT_READ | PROT_WRITE,
+                                  MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
+        schedule.waitUntil(when - 1);
+        if (memory != MAP_FAILED)
+            munmap(memory, size);
+    }
 }
 
 }  // namespace
@@ -175,7 +196,7 @@ void measureFarm(int guests) {
         return fs::exists(folder / ("ready" + std::to_string(index)));
     };
     for (int index = 0; index < guests + loops; ++index) {
-        if (!hasMemoryForAGuest())
+        if (availableMemory() < kLeastMemory)
             throw std::runtime_error("Not enough memory for more than " + std::to_string(index) +
                                      " guests.");
         processes.emplace_back(
@@ -195,8 +216,10 @@ void measureFarm(int guests) {
                 throw std::runtime_error("A guest does not start.");
         }
     }
-    std::ofstream(folder / "start~") << Clock::to_time_t(Clock::now()) + 1 << std::flush;
+    const std::time_t start = Clock::to_time_t(Clock::now()) + 1;
+    std::ofstream(folder / "start~") << start << std::flush;
     fs::rename(folder / "start~", folder / "start");
+    touchMemory(guests, Clock::from_time_t(start));
     for (sim::Process& process : processes) {
         if (process.wait(kLongest) != 0)
             throw std::runtime_error("A guest has failed; see " + (folder / "values").string());
