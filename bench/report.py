@@ -164,7 +164,7 @@ def farm():
 
     def adds(which, of_all, of_one, guests, limit):
         count = len(values[f"farm add {of_all}/{most}"])
-        alone = "in one of them" if guests == most else "where there is one guest"
+        alone = "while the other guests are idle" if guests == most else "of the only guest"
         return (f"{count} {which} adds at once, the slowest, over {count} times one add {alone}, "
                 f"divided by {processors} processors",
                 add_ratio(of_all, of_one, guests), limit, two_digits)
@@ -176,10 +176,10 @@ def farm():
              ratio(f"farm all/{most}", f"farm all/sh/{most}"), 1, two_digits),
             (f"proportional share of memory, {most} guests",
              median(values[f"proportional/farm/{most}"]), 500, kibibytes),
-            adds("first", "first all", "first one", most, 1.1),
-            adds("later", "all", "one", most, 1.1),
-            adds("first", "first all", "first one", 1, None),
-            adds("later", "all", "one", 1, None),
+            adds("first", "first all", "first one", 1, 1.1),
+            adds("later", "all", "one", 1, 1.1),
+            adds("first", "first all", "first one", most, None),
+            adds("later", "all", "one", most, None),
             (f"deletion to report, {most} guests, 99th percentile",
              percentile99(values[f"farm deletion/{most}"]), 1.5, seconds)):
         bound = f"at most {text(limit)}" if limit else ""
