@@ -27,6 +27,10 @@ fs::path newGroup(const std::string& name) {
     return group;
 }
 
+double cpuSecondsOfGroup(const fs::path& group) {
+    return numberAfter(group / "cpu.stat", "usage_usec") * 1e-6;
+}
+
 // CPU seconds of a process without its children.
 double cpuSeconds(pid_t process) {
     clockid_t clock{};
@@ -67,9 +71,19 @@ Usage CountedProcess::usageAtRest() const {
     return last;
 }
 
+void CountedProcess::freeze(bool frozen) const {
+    std::ofstream file(m_group / "cgroup.freeze");
+    if (!(file << frozen << std::flush))
+        throw std::runtime_error("A control group can't be frozen.");
+}
+
 Usage CountedProcess::usage() const {
-    return {Clock::now(), numberAfter(m_group / "cpu.stat", "usage_usec") * 1e-6,
-            cpuSeconds(m_process.pid()), cpuSeconds(cupsProcess())};
+    return {Clock::now(), cpuSecondsOfGroup(m_group), cpuSeconds(m_process.pid()),
+            cpuSeconds(cupsProcess())};
+}
+
+double cpuSecondsOfMachine() {
+    return cpuSecondsOfGroup(kGroups);
 }
 
 double numberAfter(const fs::path& path, const std::string& field) {

@@ -30,6 +30,8 @@ public:
     // The usage at the end of the next burst of work. Between two of these lies a whole number of
     // bursts.
     Usage usageAtRest() const;
+    // Freezes the process and its children, or lets them go on.
+    void freeze(bool frozen) const;
 
 private:
     Usage usage() const;
@@ -37,6 +39,9 @@ private:
     const std::filesystem::path m_group;
     sim::Process m_process;
 };
+
+// CPU seconds of all processors since the machine was started, idle time left out.
+double cpuSecondsOfMachine();
 
 // Returns the number after a word in a file of /proc or of a control group; throws
 // std::runtime_error if there is none.

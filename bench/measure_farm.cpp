@@ -22,6 +22,9 @@ using Seconds = std::chrono::duration<double>;
 
 constexpr int kQueues = 5;
 constexpr int kAddsOfOne = 15;
+constexpr double kTurnOfAdds = 20;         // seconds for so many adds
+constexpr double kTurnOfFirstAdd = 5;      // seconds
+constexpr double kWaking = 2;              // seconds until a thawed service asks for commands again
 constexpr double kWindow = 60;             // seconds without events
 constexpr double kDeletionInterval = 0.3;  // the guests delete one after the other
 constexpr std::size_t kStartedAtOnce = 4;
@@ -29,7 +32,6 @@ constexpr std::size_t kLeastMemory = 600'000'000;  // free bytes; a guest needs 
 constexpr std::chrono::minutes kLongest(20);
 
 constexpr double kStartInterval = 0.15;            // seconds between two services
-constexpr double kFirstAddInterval = 5;            // seconds
 constexpr std::size_t kMemoryOfAdd = 100'000'000;  // bytes that CUPS uses for an add
 constexpr double kTouching = 0.4;                  // seconds, at most, to get them
 
@@ -39,9 +41,10 @@ struct Schedule {
     explicit Schedule(int guests)
         : aloneAtFirst(std::max(1, guests / 20)),
           settled(10 + kStartInterval * 1.1 * guests),
-          firstAddsOfOne(settled + kWindow + 10),
-          firstAddOfAll(firstAddsOfOne + kFirstAddInterval * aloneAtFirst + kTouching * guests),
-          addsOfOne(firstAddOfAll + 10 + guests * 0.8),
+          firstAddsAlone(settled + kWindow + 10),
+          firstAddOfAll(firstAddsAlone + kTurnOfFirstAdd * aloneAtFirst + 5 + kTouching * guests),
+          addsAlone(firstAddOfAll + 10 + guests * 0.8),
+          addsOfOne(addsAlone + kTurnOfAdds + 5),
           addOfTenth(addsOfOne + 15),
           addOfAll(addOfTenth + 10 + kTouching * guests),
           deletions(addOfAll + 10 + guests * 0.3),
@@ -53,7 +56,8 @@ struct Schedule {
     }
 
     int aloneAtFirst;  // guests whose first add is alone
-    double settled, firstAddsOfOne, firstAddOfAll, addsOfOne, addOfTenth, addOfAll, deletions, end;
+    double settled, firstAddsAlone, firstAddOfAll, addsAlone, addsOfOne, addOfTenth, addOfAll;
+    double deletions, end;
     Clock::time_point start;
 };
 
@@ -79,10 +83,14 @@ public:
         if (isLoop)
             return;
         printMemory("farm/" + std::to_string(m_guests), process.pid());
-        if (m_index < m_schedule.aloneAtFirst)
-            addAt(m_schedule.firstAddsOfOne + kFirstAddInterval * m_index, "first one");
-        else
+        takeTurns(process, m_schedule.firstAddsAlone, m_schedule.aloneAtFirst, kTurnOfFirstAdd,
+                  [&] { addAlone("first alone"); });
+        if (m_index >= m_schedule.aloneAtFirst)
             addAt(m_schedule.firstAddOfAll, "first all");
+        takeTurns(process, m_schedule.addsAlone, 1, kTurnOfAdds, [&] {
+            for (int number = 0; number < kAddsOfOne; ++number)
+                addAlone("alone");
+        });
         for (int number = 0; m_index == 0 && number < kAddsOfOne; ++number)
             addAt(m_schedule.addsOfOne, "one");
         if (m_index < std::max(1, m_guests / 10))
@@ -128,6 +136,30 @@ private:
         print("all" + side, (to.all - from.all) / seconds);
         print("cupsd" + side, (to.cups - from.cups) / seconds);
         print("wake-ups" + side, (wakeUps(process.pid()) - wakeUpsBefore) / seconds);
+    }
+
+    // In each turn, one guest acts while the services of all others are frozen.
+    template <typename Act>
+    void takeTurns(const CountedProcess& process, double start, int turns, double length,
+                   const Act& act) const {
+        m_schedule.waitUntil(start);
+        process.freeze(true);
+        if (m_index < turns) {
+            m_schedule.waitUntil(start + length * m_index);
+            process.freeze(false);
+            m_schedule.waitUntil(start + length * m_index + kWaking);
+            act();
+            process.freeze(true);
+        }
+        m_schedule.waitUntil(start + length * turns);
+        process.freeze(false);
+    }
+
+    void addAlone(const std::string& what) {
+        waitForIdle(m_host);
+        const double before = cpuSecondsOfMachine();
+        addAt(0, what);
+        print("processors " + what, cpuSecondsOfMachine() - before);
     }
 
     void addAt(double when, const std::string& what) {

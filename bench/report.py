@@ -124,7 +124,7 @@ def farm():
     sizes = sorted({int(name.split("/")[1]) for name in values if name.startswith("farm load/")})
     most, processors = sizes[-1], os.cpu_count()
     median, two_digits = statistics.median, "{:.2f}".format
-    values["farm add first all/1"] = values["farm add first one/1"]
+    values["farm add first all/1"] = values["farm add first alone/1"]
 
     def milliseconds(value):
         return f"{value * 1e3:.2f} ms"
@@ -146,9 +146,12 @@ def farm():
             ("wake-ups of the service a second", "farm wake-ups/{}", median, two_digits),
             ("memory of the service: resident", "resident/farm/{}", median, kibibytes),
             ("... proportional share (PSS)", "proportional/farm/{}", median, kibibytes),
-            ("first add, in one guest", "farm add first one/{}", median, seconds),
+            ("first add, alone on the machine", "farm add first alone/{}", median, seconds),
+            ("... its CPU time", "farm processors first alone/{}", statistics.mean, seconds),
             ("... in all guests at once, the slowest", "farm add first all/{}", max, seconds),
-            ("later add, in one guest", "farm add one/{}", median, seconds),
+            ("later add, alone on the machine", "farm add alone/{}", median, seconds),
+            ("... its CPU time", "farm processors alone/{}", statistics.mean, seconds),
+            ("... in one guest, the others idle", "farm add one/{}", median, seconds),
             ("... in a tenth of the guests at once, the slowest", "farm add tenth/{}", max, seconds),
             ("... in all guests at once, the slowest", "farm add all/{}", max, seconds),
             ("deletion to report, 99th percentile", "farm deletion/{}", percentile99, seconds),
@@ -158,16 +161,11 @@ def farm():
     def ratio(name, other):
         return median(values[name]) / median(values[other])
 
-    def add_ratio(of_all, of_one, guests):
-        every = values[f"farm add {of_all}/{most}"]
-        return max(every) * processors / (len(every) * median(values[f"farm add {of_one}/{guests}"]))
-
-    def adds(which, of_all, of_one, guests, limit):
-        count = len(values[f"farm add {of_all}/{most}"])
-        alone = "while the other guests are idle" if guests == most else "of the only guest"
-        return (f"{count} {which} adds at once, the slowest, over {count} times one add {alone}, "
+    def adds(which, what, compared, alone, limit):
+        every = values[f"farm add {what}all/{most}"]
+        return (f"{len(every)} {which} adds at once, the slowest, over {len(every)} times {compared}, "
                 f"divided by {processors} processors",
-                add_ratio(of_all, of_one, guests), limit, two_digits)
+                max(every) * processors / (len(every) * alone), limit, two_digits)
 
     print("\n| figure | limit | measured | |\n|---|---|---|---|")
     for what, value, limit, text in (
@@ -176,10 +174,13 @@ def farm():
              ratio(f"farm all/{most}", f"farm all/sh/{most}"), 1, two_digits),
             (f"proportional share of memory, {most} guests",
              median(values[f"proportional/farm/{most}"]), 500, kibibytes),
-            adds("first", "first all", "first one", 1, 1.1),
-            adds("later", "all", "one", 1, 1.1),
-            adds("first", "first all", "first one", most, None),
-            adds("later", "all", "one", most, None),
+            *(adds(which, what, "the CPU time of one alone",
+                   statistics.mean(values[f"farm processors {what}alone/{most}"]), 1.1)
+              for which, what in (("first", "first "), ("later", ""))),
+            *(adds(which, what, f"the time of one alone{where}",
+                   median(values[f"farm add {what}alone/{guests}"]), None)
+              for guests, where in ((most, ""), (1, ", of the only guest"))
+              for which, what in (("first", "first "), ("later", ""))),
             (f"deletion to report, {most} guests, 99th percentile",
              percentile99(values[f"farm deletion/{most}"]), 1.5, seconds)):
         bound = f"at most {text(limit)}" if limit else ""
