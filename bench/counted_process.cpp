@@ -27,10 +27,6 @@ fs::path newGroup(const std::string& name) {
     return group;
 }
 
-double cpuSecondsOfGroup(const fs::path& group) {
-    return numberAfter(group / "cpu.stat", "usage_usec") * 1e-6;
-}
-
 // CPU seconds of a process without its children.
 double cpuSeconds(pid_t process) {
     clockid_t clock{};
@@ -78,12 +74,8 @@ void CountedProcess::freeze(bool frozen) const {
 }
 
 Usage CountedProcess::usage() const {
-    return {Clock::now(), cpuSecondsOfGroup(m_group), cpuSeconds(m_process.pid()),
-            cpuSeconds(cupsProcess())};
-}
-
-double cpuSecondsOfMachine() {
-    return cpuSecondsOfGroup(kGroups);
+    return {Clock::now(), numberAfter(m_group / "cpu.stat", "usage_usec") * 1e-6,
+            cpuSeconds(m_process.pid()), cpuSeconds(cupsProcess())};
 }
 
 double numberAfter(const fs::path& path, const std::string& field) {

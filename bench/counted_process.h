@@ -40,9 +40,6 @@ private:
     sim::Process m_process;
 };
 
-// CPU seconds of all processors since the machine was started, idle time left out.
-double cpuSecondsOfMachine();
-
 // Returns the number after a word in a file of /proc or of a control group; throws
 // std::runtime_error if there is none.
 double numberAfter(const std::filesystem::path& path, const std::string& field);

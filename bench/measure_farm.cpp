@@ -22,7 +22,8 @@ using Seconds = std::chrono::duration<double>;
 
 constexpr int kQueues = 5;
 constexpr int kAddsOfOne = 15;
-constexpr double kTurnOfAdds = 20;         // seconds for so many adds
+constexpr double kAddInterval = 1;         // seconds
+constexpr double kTurnOfAdds = 20;         // seconds for all adds of one
 constexpr double kTurnOfFirstAdd = 5;      // seconds
 constexpr double kWaking = 2;              // seconds until a thawed service asks for commands again
 constexpr double kWindow = 60;             // seconds without events
@@ -35,16 +36,30 @@ constexpr double kStartInterval = 0.15;            // seconds between two servic
 constexpr std::size_t kMemoryOfAdd = 100'000'000;  // bytes that CUPS uses for an add
 constexpr double kTouching = 0.4;                  // seconds, at most, to get them
 
+// Turns in which so many guests act at the same moment, while the services of all others are
+// frozen.
+struct Turns {
+    double end() const { return start + length * count; }
+
+    double start;  // seconds after the common start
+    int firstGuest;
+    int guestsOfTurn;
+    int count;
+    double length;  // seconds
+};
+
 // When all guests do what, in seconds after their common start. A first add takes a processor about
 // a second, as it looks for the driver; a later one takes a quarter of a second.
 struct Schedule {
     explicit Schedule(int guests)
-        : aloneAtFirst(std::max(1, guests / 20)),
-          settled(10 + kStartInterval * 1.1 * guests),
-          firstAddsAlone(settled + kWindow + 10),
-          firstAddOfAll(firstAddsAlone + kTurnOfFirstAdd * aloneAtFirst + 5 + kTouching * guests),
-          addsAlone(firstAddOfAll + 10 + guests * 0.8),
-          addsOfOne(addsAlone + kTurnOfAdds + 5),
+        : settled(10 + kStartInterval * 1.1 * guests),
+          firstAddsAlone{settled + kWindow + 10, 0, 1, std::max(1, guests / 20), kTurnOfFirstAdd},
+          firstAddsOfEach{firstAddsAlone.end(), firstAddsAlone.count, processors,
+                          guests > 1 ? firstAddsAlone.count : 0, kTurnOfFirstAdd},
+          firstAddOfAll(firstAddsOfEach.end() + 5 + kTouching * guests),
+          addsAlone{firstAddOfAll + 10 + guests * 0.8, 0, 1, 1, kTurnOfAdds},
+          addsOfEach{addsAlone.end(), 0, processors, 1, kTurnOfAdds},
+          addsOfOne(addsOfEach.end() + 5),
           addOfTenth(addsOfOne + 15),
           addOfAll(addOfTenth + 10 + kTouching * guests),
           deletions(addOfAll + 10 + guests * 0.3),
@@ -55,9 +70,12 @@ struct Schedule {
             start + std::chrono::duration_cast<Clock::duration>(Seconds(seconds)));
     }
 
-    int aloneAtFirst;  // guests whose first add is alone
-    double settled, firstAddsAlone, firstAddOfAll, addsAlone, addsOfOne, addOfTenth, addOfAll;
-    double deletions, end;
+    int processors = static_cast<int>(std::thread::hardware_concurrency());
+    double settled;
+    Turns firstAddsAlone, firstAddsOfEach;  // of one guest, and of one for each processor
+    double firstAddOfAll;
+    Turns addsAlone, addsOfEach;
+    double addsOfOne, addOfTenth, addOfAll, deletions, end;
     Clock::time_point start;
 };
 
@@ -83,14 +101,18 @@ public:
         if (isLoop)
             return;
         printMemory("farm/" + std::to_string(m_guests), process.pid());
-        takeTurns(process, m_schedule.firstAddsAlone, m_schedule.aloneAtFirst, kTurnOfFirstAdd,
-                  [&] { addAlone("first alone"); });
-        if (m_index >= m_schedule.aloneAtFirst)
+        takeTurns(process, m_schedule.firstAddsAlone,
+                  [&](double now) { addAt(now, "first alone"); });
+        takeTurns(process, m_schedule.firstAddsOfEach,
+                  [&](double now) { addAt(now, "first each"); });
+        if (m_added == 0)
             addAt(m_schedule.firstAddOfAll, "first all");
-        takeTurns(process, m_schedule.addsAlone, 1, kTurnOfAdds, [&] {
+        const auto addOften = [&](double now, const std::string& what) {
             for (int number = 0; number < kAddsOfOne; ++number)
-                addAlone("alone");
-        });
+                addAt(now + kAddInterval * number, what);
+        };
+        takeTurns(process, m_schedule.addsAlone, [&](double now) { addOften(now, "alone"); });
+        takeTurns(process, m_schedule.addsOfEach, [&](double now) { addOften(now, "each"); });
         for (int number = 0; m_index == 0 && number < kAddsOfOne; ++number)
             addAt(m_schedule.addsOfOne, "one");
         if (m_index < std::max(1, m_guests / 10))
@@ -138,28 +160,20 @@ private:
         print("wake-ups" + side, (wakeUps(process.pid()) - wakeUpsBefore) / seconds);
     }
 
-    // In each turn, one guest acts while the services of all others are frozen.
     template <typename Act>
-    void takeTurns(const CountedProcess& process, double start, int turns, double length,
-                   const Act& act) const {
-        m_schedule.waitUntil(start);
+    void takeTurns(const CountedProcess& process, const Turns& turns, const Act& act) const {
+        m_schedule.waitUntil(turns.start);
         process.freeze(true);
-        if (m_index < turns) {
-            m_schedule.waitUntil(start + length * m_index);
+        const int guest = m_index - turns.firstGuest;
+        if (guest >= 0 && guest < turns.count * turns.guestsOfTurn) {
+            const int turn = guest / turns.guestsOfTurn;
+            m_schedule.waitUntil(turns.start + turns.length * turn);
             process.freeze(false);
-            m_schedule.waitUntil(start + length * m_index + kWaking);
-            act();
+            act(turns.start + turns.length * turn + kWaking);
             process.freeze(true);
         }
-        m_schedule.waitUntil(start + length * turns);
+        m_schedule.waitUntil(turns.end());
         process.freeze(false);
-    }
-
-    void addAlone(const std::string& what) {
-        waitForIdle(m_host);
-        const double before = cpuSecondsOfMachine();
-        addAt(0, what);
-        print("processors " + what, cpuSecondsOfMachine() - before);
     }
 
     void addAt(double when, const std::string& what) {

@@ -125,6 +125,7 @@ def farm():
     most, processors = sizes[-1], os.cpu_count()
     median, two_digits = statistics.median, "{:.2f}".format
     values["farm add first all/1"] = values["farm add first alone/1"]
+    values["farm add first each/1"] = values["farm add first alone/1"]
 
     def milliseconds(value):
         return f"{value * 1e3:.2f} ms"
@@ -147,10 +148,10 @@ def farm():
             ("memory of the service: resident", "resident/farm/{}", median, kibibytes),
             ("... proportional share (PSS)", "proportional/farm/{}", median, kibibytes),
             ("first add, alone on the machine", "farm add first alone/{}", median, seconds),
-            ("... its CPU time", "farm processors first alone/{}", statistics.mean, seconds),
+            ("... in a guest for each processor at once", "farm add first each/{}", median, seconds),
             ("... in all guests at once, the slowest", "farm add first all/{}", max, seconds),
             ("later add, alone on the machine", "farm add alone/{}", median, seconds),
-            ("... its CPU time", "farm processors alone/{}", statistics.mean, seconds),
+            ("... in a guest for each processor at once", "farm add each/{}", median, seconds),
             ("... in one guest, the others idle", "farm add one/{}", median, seconds),
             ("... in a tenth of the guests at once, the slowest", "farm add tenth/{}", max, seconds),
             ("... in all guests at once, the slowest", "farm add all/{}", max, seconds),
@@ -161,8 +162,8 @@ def farm():
     def ratio(name, other):
         return median(values[name]) / median(values[other])
 
-    def adds(which, what, compared, alone, limit):
-        every = values[f"farm add {what}all/{most}"]
+    def adds(which, kind, compared, alone, limit):
+        every = values[f"farm add {kind}all/{most}"]
         return (f"{len(every)} {which} adds at once, the slowest, over {len(every)} times {compared}, "
                 f"divided by {processors} processors",
                 max(every) * processors / (len(every) * alone), limit, two_digits)
@@ -174,13 +175,12 @@ def farm():
              ratio(f"farm all/{most}", f"farm all/sh/{most}"), 1, two_digits),
             (f"proportional share of memory, {most} guests",
              median(values[f"proportional/farm/{most}"]), 500, kibibytes),
-            *(adds(which, what, "the CPU time of one alone",
-                   statistics.mean(values[f"farm processors {what}alone/{most}"]), 1.1)
-              for which, what in (("first", "first "), ("later", ""))),
-            *(adds(which, what, f"the time of one alone{where}",
-                   median(values[f"farm add {what}alone/{guests}"]), None)
-              for guests, where in ((most, ""), (1, ", of the only guest"))
-              for which, what in (("first", "first "), ("later", ""))),
+            *(adds(which, kind, compared, median(values[f"farm add {kind}{other}/{guests}"]), limit)
+              for which, kind in (("first", "first "), ("later", ""))
+              for compared, other, guests, limit in (
+                  (f"one of {processors} at once", "each", most, 1.1),
+                  ("one alone", "alone", most, 1.1),
+                  ("one of the only guest", "alone", 1, None))),
             (f"deletion to report, {most} guests, 99th percentile",
              percentile99(values[f"farm deletion/{most}"]), 1.5, seconds)):
         bound = f"at most {text(limit)}" if limit else ""
