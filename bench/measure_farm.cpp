@@ -105,7 +105,9 @@ public:
                   [&](double now) { addAt(now, "first alone"); });
         takeTurns(process, m_schedule.firstAddsOfEach,
                   [&](double now) { addAt(now, "first each"); });
-        if (m_added == 0)
+        if (m_added > 0)
+            process.freeze(true);  // until the next turns end
+        else
             addAt(m_schedule.firstAddOfAll, "first all");
         const auto addOften = [&](double now, const std::string& what) {
             for (int number = 0; number < kAddsOfOne; ++number)
