@@ -84,10 +84,10 @@ public:
     // The command that the service has received but not yet reported on.
     std::optional<HostCommand> currentCommand() const;
     // Waits until isIdle(); false after the time.
-    bool waitUntilIdle(std::chrono::milliseconds time = std::chrono::seconds(20)) const;
+    bool waitUntilIdle(std::chrono::milliseconds time = std::chrono::seconds(60)) const;
     // Waits until the condition holds, which is checked at each exchange; false after the time.
     bool waitUntil(const std::function<bool()>& condition,
-                   std::chrono::milliseconds time = std::chrono::seconds(20)) const;
+                   std::chrono::milliseconds time = std::chrono::seconds(60)) const;
 
 private:
     struct Held {

@@ -23,6 +23,10 @@ bool isRefusedByCups(char byte) {
     return (byte >= 0 && byte <= ' ') || kRefused.find(byte) != std::string_view::npos;
 }
 
+char lowerCase(char byte) {
+    return byte >= 'A' && byte <= 'Z' ? static_cast<char>(byte - 'A' + 'a') : byte;
+}
+
 bool continuesUtf8Character(char byte) {
     return (byte & 0xC0) == 0x80;
 }
@@ -73,11 +77,20 @@ std::string acceptedQueueName(std::string queueName) {
     return truncated(std::move(queueName), kLongestQueueName);
 }
 
+bool areSameQueue(std::string_view one, std::string_view other) {
+    return std::ranges::equal(one, other, {}, lowerCase, lowerCase);
+}
+
 std::string acceptedDescription(std::string description) {
     std::replace_if(
         description.begin(), description.end(),
         [](char byte) { return byte == '\n' || byte == '\r'; }, ' ');
     return truncated(std::move(description), kLongestDescription);
+}
+
+bool isOneQueueToLpstat(const std::string& queueName) {
+    return queueName.front() != '-' && queueName.find(',') == std::string::npos &&
+           queueName != "all";
 }
 
 std::optional<std::string> quotedQueueName(const std::string& queueName) {

@@ -39,11 +39,18 @@ std::string queueNameFor(std::string name);
 // name longer than kLongestQueueName is truncated at the end of a UTF-8 character.
 std::string acceptedQueueName(std::string queueName);
 
+// True if CUPS takes both names for the same queue: it ignores the case of ASCII letters.
+bool areSameQueue(std::string_view one, std::string_view other);
+
 // The form of a description that CUPS can store: each carriage return and newline, which would
 // begin another line of printers.conf, is replaced by a blank, and a description longer than an
 // attribute of IPP, 32,767 bytes (RFC 8010, value-length), is truncated at the end of a UTF-8
 // character.
 std::string acceptedDescription(std::string description);
+
+// False for a name that lpstat does not take as the name of one queue: with commas it is a list,
+// "all" is every queue, and a leading "-" makes it an option. The name is not empty.
+bool isOneQueueToLpstat(const std::string& queueName);
 
 // The queue name as one shell word. Logs and returns nothing if it contains a zero byte.
 std::optional<std::string> quotedQueueName(const std::string& queueName);

@@ -7,6 +7,7 @@
 #include "cups/printer_names.h"
 #include "cups/queue_listing.h"
 #include "cups/queue_operations.h"
+#include "cups/trusted_queues.h"
 #include "cups/usb_discovery.h"
 #include "log/log_record.h"
 #include "posix/shell_command.h"
@@ -47,9 +48,12 @@ bool createQueue(const std::string& queueName, const std::string& id,
         " -L 'Host OS'" + " -o printer-is-shared=false";
     QNT_LOG(3, "Adding printer: [%s]", command.c_str());
     const int status = runCommand(command);
-    if (status != 0)
+    if (status != 0) {
         QNT_LOG(0, "Failed add printer '%s', rc=%d", id.c_str(), status);
-    return status == 0;
+        return false;
+    }
+    adoptCreatedQueue({id, queueName});
+    return true;
 }
 
 std::string readPpdModel() {
@@ -73,6 +77,7 @@ void addPrinter(std::string& name, const std::string& id) {
     QNT_LOG(0, "addPrinter: id=%s name=%s", id.c_str(), name.c_str());
     std::string givenName;
     givenName.swap(name);
+    forgetAppliedDefault(id);
     if (rejectInvalidId(id))
         return;
     if (givenName.empty() && !id.empty())
@@ -104,14 +109,14 @@ bool renamePrinter(const std::string& currentName, std::string& newName) {
     if (currentName == acceptedQueueName(newName))
         return true;
     QueueBindingList queues;
-    if (!getHostPrinterQueues(queues, kListHostQueues))
+    if (!listTrustedQueues(queues, {}))
         return false;
     const auto queue = std::find_if(
         queues.begin(), queues.end(),
         [&](const QueueBinding& candidate) { return candidate.queueName == currentName; });
-    if (queue == queues.end() || rejectInvalidId(queue->id))
+    if (queue == queues.end() || rejectInvalidId(queue->id) ||
+        !deletePrinter(currentName, queue->id))
         return false;
-    deletePrinter(currentName, queue->id);
     std::string createdName = newName;
     addPrinter(createdName, queue->id);
     if (currentName == lastDefaultQueueName())

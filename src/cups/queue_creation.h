@@ -25,8 +25,8 @@ void addPrinter(std::string& name, const std::string& id);
 // Renames a queue: deletes it, creates it again under the new name, and makes it the default again
 // if it was. Replaces the blanks of `newName` in place. True if the queue already has the new name
 // or its accepted form, and after a deletion and creation, even if these failed. False, with no
-// queue changed, if the queues can't be listed, no host printer's queue has the current name, or
-// addPrinter would refuse its id or the new name.
+// queue changed, if the queues can't be listed, no trusted queue has the current name, CUPS does
+// not confirm its binding, or addPrinter would refuse its id or the new name.
 bool renamePrinter(const std::string& currentName, std::string& newName);
 
 // Selects the driver that every queue gets: the one that CUPS names, or a fixed one if it names

@@ -30,6 +30,10 @@ inline constexpr std::int32_t kListHostQueues = 1;
 // not answer. Logs nothing. The caller holds the tool's mutex once there are workers.
 bool listPrinterQueues(QueueBindingList& queues, const std::string& id);
 
+// As listPrinterQueues for every host printer, but returns true only if CUPS has answered and the
+// list is complete. What was added otherwise is not complete.
+bool listQueuesIfAnswered(QueueBindingList& queues);
+
 // listPrinterQueues for every host printer; without kListHostQueues, returns true with nothing
 // added.
 bool getHostPrinterQueues(QueueBindingList& queues, std::int32_t flags);

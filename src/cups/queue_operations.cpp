@@ -2,6 +2,7 @@
 
 #include "cups/printer_names.h"
 #include "cups/queue_listing.h"
+#include "cups/trusted_queues.h"
 #include "cups/usb_discovery.h"
 #include "log/log_record.h"
 #include "posix/shell_command.h"
@@ -11,12 +12,7 @@ namespace {
 
 std::string defaultPrinterName;
 
-// lpstat treats an argument with commas as a list, "all" as every queue and a leading "-" as an
-// option. Such queues are found by filtering the full list.
-bool isOneQueueToLpstat(const std::string& queueName) {
-    return queueName.front() != '-' && queueName.find(',') == std::string::npos &&
-           queueName != "all";
-}
+std::string appliedDefaultId;
 
 // The names come from the listing, whose lines contain neither a zero byte nor a newline, so they
 // always have a pattern and a quoted form.
@@ -33,7 +29,7 @@ bool isQueueEnabled(const std::string& queueName) {
 
 bool isOnline(const std::string& id) {
     QueueBindingList queues;
-    if (!listPrinterQueues(queues, id) || queues.empty())
+    if (!listTrustedQueues(queues, id) || queues.empty())
         return false;
     return isQueueEnabled(queues.back().queueName) && !getUsbProductBySerial(id).empty();
 }
@@ -49,32 +45,43 @@ bool isPrinterOnline(const std::string& id) {
 
 void setDefaultPrinter(const std::string& id) {
     QueueBindingList queues;
-    if (!listPrinterQueues(queues, id) || queues.empty())
+    if (!listTrustedQueues(queues, id) || queues.empty() || !confirmBinding(queues.back()))
         return;
     const std::string& queueName = queues.back().queueName;
     const std::string command = "lpadmin -d " + shellQuote(queueName).value();
     QNT_LOG(3, "%s", command.c_str());
-    if (runCommand(command) == 0)
-        defaultPrinterName = queueName;
-    else
+    if (runCommand(command) != 0) {
         QNT_LOG(0, "Failed to set default printer '%s'", id.c_str());
+        return;
+    }
+    defaultPrinterName = queueName;
+    appliedDefaultId = id;
+}
+
+bool isAppliedDefault(const std::string& id) {
+    return id == appliedDefaultId;
+}
+
+void forgetAppliedDefault(const std::string& id) {
+    if (isAppliedDefault(id))
+        appliedDefaultId.clear();
 }
 
 const std::string& lastDefaultQueueName() {
     return defaultPrinterName;
 }
 
-void deletePrinter(const std::string& queueName, const std::string& id) {
+bool deletePrinter(const std::string& queueName, const std::string& id) {
     QNT_LOG(0, "deletePrinter: name=%s id=%s", queueName.c_str(), id.c_str());
-    if (queueName.empty())
-        return;
-    const auto word = quotedQueueName(queueNameFor(queueName));
-    if (!word)
-        return;
+    const QueueBinding queue{id, queueNameFor(queueName)};
+    const auto word = quotedQueueName(queue.queueName);
+    if (queueName.empty() || !word || !confirmBinding(queue))
+        return false;
     const std::string command = "lpadmin -x " + *word;
     QNT_LOG(3, "Deleting printer with cmd [%s]", command.c_str());
     if (const int status = runCommand(command); status != 0)
         QNT_LOG(0, "Failed to delete printer '%s', rc=%d", id.c_str(), status);
+    return true;
 }
 
 void deletePrinterById(const std::string& id) {

@@ -1,10 +1,11 @@
 // Operations on the queues of host printers, by printer id.
 //
-// The operations on an id list its queues first; the last one that lpstat lists counts as the
-// printer's queue. For isPrinterOnline and setDefaultPrinter, the empty id stands for all host
-// printers. Each change is one CUPS command line, which the operation waits for and does not
-// retry. The caller holds the tool's mutex, which also guards the name of the default queue.
-// Failures are logged. The operations may throw std::bad_alloc.
+// The functions on an id list its queues first; the last trusted one that lpstat lists counts as
+// the printer's queue. For isPrinterOnline and setDefaultPrinter, the empty id stands for all host
+// printers. Each change is one CUPS command line, which the function waits for and does not retry.
+// Before it, CUPS is asked whether it binds the queue to the id; if not, the queue is left alone.
+// The caller holds the tool's mutex, which also guards what is known of the default queue. Failures
+// are logged. May throw std::bad_alloc.
 
 #pragma once
 
@@ -22,10 +23,17 @@ void setDefaultPrinter(const std::string& id);
 // at first.
 const std::string& lastDefaultQueueName();
 
-// Deletes a queue by its name, after replacing blanks by "_". The id only appears in the records.
-void deletePrinter(const std::string& queueName, const std::string& id);
+// True if setDefaultPrinter has succeeded for this id, later than for any other id and later than
+// the last forgetAppliedDefault. addPrinter calls that function, because a queue that is created
+// again is no longer the default.
+bool isAppliedDefault(const std::string& id);
+void forgetAppliedDefault(const std::string& id);
 
-// Deletes every queue that is bound to the id.
+// Deletes a queue by its name, after replacing blanks by "_". False if it was left alone; true also
+// if lpadmin failed.
+bool deletePrinter(const std::string& queueName, const std::string& id);
+
+// Deletes every queue that is bound to the id, temporary ones too.
 void deletePrinterById(const std::string& id);
 
 }  // namespace qnt

@@ -29,7 +29,7 @@ public:
         sigset_t signals;
         sigemptyset(&signals);
         posix_spawnattr_setsigmask(&m_attributes, &signals);
-        for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGPIPE, SIGCHLD})
+        for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGPIPE, SIGCHLD, SIGALRM})
             sigaddset(&signals, signal);
         posix_spawnattr_setsigdefault(&m_attributes, &signals);
     }
@@ -128,9 +128,9 @@ bool CommandOutput::readLine(char (&line)[kLineBufferSize]) {
     return true;
 }
 
-void CommandOutput::close() {
+int CommandOutput::close() {
     m_output.reset();
-    m_child.wait();
+    return m_child.wait();
 }
 
 std::optional<std::string> shellQuote(std::string_view text) {

@@ -59,8 +59,9 @@ public:
     // Reads the next line with its newline; a longer line comes in pieces of kLineBufferSize - 1
     // bytes. False at the end of the output and on a read error; an interrupted read is repeated.
     bool readLine(char (&line)[kLineBufferSize]);
-    // Closes the pipe and waits for the command to end.
-    void close();
+    // Closes the pipe and waits for the command to end. Returns its wait status, as
+    // ShellChild::wait does.
+    int close();
 
 private:
     ShellChild m_child;

@@ -2,19 +2,23 @@
 
 #include <algorithm>
 #include <iterator>
+#include <span>
 #include <string_view>
 #include <unordered_map>
+#include <vector>
 
+#include "cups/printer_names.h"
 #include "cups/queue_creation.h"
 #include "cups/queue_listing.h"
 #include "cups/queue_operations.h"
+#include "cups/trusted_queues.h"
 
 namespace qnt {
 namespace {
 
 QueueBindingList listHostQueues() {
     QueueBindingList listing;
-    getHostPrinterQueues(listing, kListHostQueues);
+    listTrustedQueues(listing, {});
     return listing;
 }
 
@@ -28,14 +32,65 @@ QueuesById indexById(const QueueBindingList& listing) {
     return queues;
 }
 
-}  // namespace
-
-QueueBindingList getUserDeletedPrinters(QueueBindingList& knownQueues) {
-    QueueBindingList listing = listHostQueues();
+QueueBindingList vanishedFrom(const QueueBindingList& known, const QueueBindingList& listing) {
     const QueuesById listed = indexById(listing);
     QueueBindingList vanished;
-    std::copy_if(knownQueues.begin(), knownQueues.end(), std::back_inserter(vanished),
-                 [&](const QueueBinding& known) { return !listed.contains(known.id); });
+    std::copy_if(known.begin(), known.end(), std::back_inserter(vanished),
+                 [&](const QueueBinding& queue) { return !listed.contains(queue.id); });
+    return vanished;
+}
+
+// A printer of the host's list whose queue has another name.
+struct Rename {
+    const QueueBinding& queue;
+    std::string newName;
+    bool isQueueDeleted = false;
+
+    // False if the host's name only contains bytes that a queue name can't contain.
+    bool changesName() const {
+        const std::string queueName = queueNameFor(newName);
+        return queue.queueName != queueName && queue.queueName != acceptedQueueName(queueName);
+    }
+    bool takesNameOf(const QueueBinding& other) const {
+        const std::string queueName = queueNameFor(newName);
+        return areSameQueue(other.queueName, queueName) ||
+               areSameQueue(other.queueName, acceptedQueueName(queueName));
+    }
+};
+
+std::vector<Rename> findRenames(const QueueBindingList& hostPrinters, const QueuesById& queues) {
+    std::vector<Rename> renames;
+    for (const QueueBinding& printer : hostPrinters) {
+        const auto found = queues.find(printer.id);
+        if (found != queues.end() && found->second->queueName != printer.queueName)
+            renames.push_back({*found->second, printer.queueName});
+    }
+    return renames;
+}
+
+// Deletes the queues of later printers whose name this one gets. CUPS would otherwise bind such a
+// queue, with its jobs, to this printer.
+void freeName(const Rename& rename, std::span<Rename> later) {
+    if (!rename.changesName())
+        return;
+    for (Rename& other : later)
+        if (other.changesName() && rename.takesNameOf(other.queue))
+            other.isQueueDeleted = deletePrinter(other.queue.queueName, other.queue.id);
+}
+
+}  // namespace
+
+// A listing that fails looks like one without queues, so what has vanished from it is looked for in
+// a second one, which proves that CUPS has answered.
+QueueBindingList getUserDeletedPrinters(QueueBindingList& knownQueues) {
+    QueueBindingList listing = listHostQueues();
+    QueueBindingList vanished = vanishedFrom(knownQueues, listing);
+    if (!vanished.empty()) {
+        listing.clear();
+        if (!listTrustedQueuesIfAnswered(listing))
+            return {};
+        vanished = vanishedFrom(knownQueues, listing);
+    }
     knownQueues.swap(listing);
     return vanished;
 }
@@ -48,7 +103,8 @@ void forgetPrinter(QueueBindingList& knownQueues, const std::string& id) {
 }
 
 bool hasQueueForId(const std::string& id) {
-    const QueueBindingList listing = listHostQueues();
+    QueueBindingList listing;
+    getHostPrinterQueues(listing, kListHostQueues);
     return std::any_of(listing.begin(), listing.end(),
                        [&](const QueueBinding& queue) { return queue.id == id; });
 }
@@ -68,13 +124,17 @@ bool areAllPrintersOffline() {
 
 void syncPrinterNames(const QueueBindingList& hostPrinters) {
     const QueueBindingList listing = listHostQueues();
-    const QueuesById queues = indexById(listing);
-    for (const QueueBinding& printer : hostPrinters) {
-        const auto found = queues.find(printer.id);
-        if (found == queues.end() || found->second->queueName == printer.queueName)
+    std::vector<Rename> renames = findRenames(hostPrinters, indexById(listing));
+    const std::string defaultQueueName = lastDefaultQueueName();
+    for (auto rename = renames.begin(); rename != renames.end(); ++rename) {
+        freeName(*rename, {rename + 1, renames.end()});
+        if (!rename->isQueueDeleted) {
+            renamePrinter(rename->queue.queueName, rename->newName);
             continue;
-        std::string newName = printer.queueName;
-        renamePrinter(found->second->queueName, newName);
+        }
+        addPrinter(rename->newName, rename->queue.id);
+        if (rename->queue.queueName == defaultQueueName)
+            setDefaultPrinter(rename->queue.id);
     }
 }
 

@@ -59,7 +59,10 @@ struct Guest : testing::Environment {
 };
 inline Guest& guest = dynamic_cast<Guest&>(*testing::AddGlobalTestEnvironment(new Guest));
 
-inline bool eventually(const std::function<bool()>& condition, Milliseconds time = 10s) {
+// For waits that end with their condition, on any machine.
+inline constexpr Milliseconds kPatience = 60s;
+
+inline bool eventually(const std::function<bool()>& condition, Milliseconds time = kPatience) {
     const auto end = std::chrono::steady_clock::now() + time;
     while (!condition() && std::chrono::steady_clock::now() < end)
         std::this_thread::sleep_for(5ms);
@@ -106,7 +109,7 @@ protected:
         startService(options, variables);
     }
     // The exit code of a service that ends by itself, or after SIGTERM; -1 if it does not in time.
-    int serviceEnds(Milliseconds time = 10s) { return service->wait(time).value_or(-1); }
+    int serviceEnds(Milliseconds time = kPatience) { return service->wait(time).value_or(-1); }
     int stopService(Milliseconds time = 5s) {
         service->signal(SIGTERM);
         return serviceEnds(time);

@@ -6,6 +6,7 @@
 #include "cups/queue_creation.h"
 #include "cups/queue_listing.h"
 #include "cups/queue_operations.h"
+#include "cups/trusted_queues.h"
 #include "cups/usb_discovery.h"
 #include "tests/support/captured_log.h"
 #include "tests/support/fixture.h"
@@ -149,12 +150,51 @@ TEST_F(Cups, DeletesQueuesByNameAndById) {
     forget();
     deletePrinter("", "TAG1");
     deletePrinter("B B", "TAG7");
-    deletePrinter("B B", "TAG7");
+    deletePrinter("B B", "TAG1");
+    addQueue("B_B", "TAG1");
+    standIn("lpadmin", "exit 1");
+    deletePrinter("B B", "TAG1");
     const std::string deletion =
-        "F deletePrinter: name=B B id=TAG7\nD Deleting printer with cmd [lpadmin -x 'B_B']\n";
-    EXPECT_EQ(said, "F deletePrinter: name= id=TAG1\n" + deletion + deletion +
-                        "F Failed to delete printer 'TAG7', rc=256\n");
-    EXPECT_EQ(queues(), "C\n");
+        "F deletePrinter: name=B B id=TAG1\nD Deleting printer with cmd [lpadmin -x 'B_B']\n";
+    EXPECT_EQ(said,
+              "F deletePrinter: name= id=TAG1\nF deletePrinter: name=B B id=TAG7\n"
+              "W Queue 'B_B' is left alone: CUPS does not bind it to 'TAG7'\n" +
+                  deletion + deletion + "F Failed to delete printer 'TAG1', rc=256\n");
+    EXPECT_EQ(queues(), "B_B\nC\n");
+}
+
+TEST_F(Cups, ConfirmsABindingByTheFirstLineForTheQueueOrItsOnlyOne) {
+    const std::string line = "device for N: ", usb = "usb://HP/x?serial=", filler(1100, 'x');
+    struct Row {
+        std::string lines;
+        bool ofOne, ofAll;  // for a queue that lpstat shows alone, and for one that it does not
+    };
+    const Row rows[] = {
+        {"", false, false},
+        {line + usb + "TAG1\n", true, true},
+        {"some warning\n" + line + usb + "TAG1", true, true},
+        {line + usb + "TAG1\n" + line + "ipp://x\n", true, false},
+        {line + "ipp://x\n" + line + usb + "TAG1\n", false, false},
+        {line + usb + filler + "=TAG1\n", true, true},
+        {line + usb + filler.substr(0, 1023 - line.size() - usb.size()) + line + usb + "TAG10\n",
+         false, false},
+        {line + "ipp://x?serial=TAG1\n", false, false},
+        {line + usb + "1TAG1\n", false, false},
+        {line + "usb:TAG1\n", false, false},
+        {line + usb + "TAG1 \n", false, false},
+        {line + usb + "TAG.\n", false, false},
+        {"device for n: " + usb + "TAG1\n", false, false},
+        {"device for N/i: " + usb + "TAG1\n", false, false},
+        {" " + line + usb + "TAG1\n", false, false}};
+    standIn("lpstat", "cat $folder/lines");
+    for (const auto& [lines, ofOne, ofAll] : rows)
+        for (const std::string name : {"N", "all", "-N", "N,N"}) {
+            std::string named = lines;
+            for (std::size_t at = 0; (at = named.find(" N", at)) != std::string::npos; ++at)
+                named.replace(at + 1, 1, name);
+            std::ofstream(folder / "lines") << named;
+            EXPECT_EQ(confirmBinding({"TAG1", name}), name == "N" ? ofOne : ofAll) << named;
+        }
 }
 
 TEST_F(Cups, RenamesTheQueueOfAHostPrinterAndKeepsTheDefault) {

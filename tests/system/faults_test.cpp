@@ -3,6 +3,8 @@
 
 #include <gmock/gmock.h>
 
+#include <random>
+
 #include "tests/support/fixture.h"
 
 namespace qnt {
@@ -52,6 +54,31 @@ const Failure kFailures[] = {
               "mount -t tmpfs -o ro log /var/log; sleep 1.1",
      .add = Add::kIsDone,
      .record = "addPrinter: id="},
+};
+
+// Ways in which CUPS does not answer; happens to lpstat.
+struct Silence {
+    const char* what;
+    const char* lpstat = "";
+    const char* begin = ":";
+    const char* end = ":";
+};
+
+const Silence kSilences[] = {
+    {.what = "cupsd is killed", .begin = "kill -9 $CUPSD"},
+    {.what = "cupsd is killed during a listing",
+     .lpstat = R"([ -n "$1" ] && { $real "$@" & kill -9 $CUPSD; wait $!; exit; })"},
+    {.what = "cupsd ends", .begin = "kill $CUPSD"},
+    {.what = "cupsd is stopped", .begin = "kill -STOP $CUPSD", .end = "kill -CONT $CUPSD"},
+    {.what = "400 connections are held",
+     .begin = "perl -MIO::Socket::UNIX -e 'for (1 .. 400) { push @s, IO::Socket::UNIX->new("
+              "Peer => $ENV{CUPS_SERVER}, Blocking => 0, Timeout => 1) || last } "
+              "print \"held\\n\"; close STDOUT; sleep 600' >held & echo $! >holder; "
+              "until [ -s held ]; do sleep .1; done",
+     .end = "kill $(cat holder); rm held"},
+    {.what = "lpstat is killed", .lpstat = "kill -9 $$"},
+    {.what = "lpstat fails without output", .lpstat = "exit 1"},
+    {.what = "a listing is empty", .lpstat = "[ $# = 0 ] || exit 0"},
 };
 
 class Faults : public ServiceTest {
@@ -115,6 +142,37 @@ TEST_F(Faults, AreSurvivedInOneRun) {
     }
     EXPECT_EQ(stopService(), 0);
     run("umount /var/log /var/log /etc/passwd");
+}
+
+// QNT_ROUNDS sets how often each of them happens, and QNT_SECONDS how long it lasts.
+TEST_F(Faults, NoQueueCountsAsDeletedWhileCupsDoesNotAnswer) {
+    const auto setting = [](const char* variable, int otherwise) {
+        const char* text = std::getenv(variable);
+        return text != nullptr ? std::atoi(text) : otherwise;
+    };
+    std::mt19937 random;
+    standIn("lpstat", "[ -e $folder/script ] && . $folder/script\nexec $real \"$@\"");
+    addQueue("One", "TAG1");
+    addQueue("Two", "TAG2");
+    startService();
+    ASSERT_TRUE(isIdle());
+    for (const Silence& each : kSilences)
+        for (int rounds = setting("QNT_ROUNDS", 1); rounds > 0; --rounds) {
+            SCOPED_TRACE(each.what);
+            std::this_thread::sleep_for(Milliseconds(random() % 1000));
+            std::ofstream(folder / "new script") << variables() << each.lpstat << std::endl;
+            fs::rename(folder / "new script", folder / "script");
+            run(each.begin);
+            std::this_thread::sleep_for(std::chrono::seconds(setting("QNT_SECONDS", 2)));
+            run(each.end);
+            fs::remove(folder / "script");
+            startCupsWhereItIsGone();
+            EXPECT_THAT(host.deletedPrinters(), testing::IsEmpty());
+        }
+    sim::commandOutput("lpadmin -x One");
+    EXPECT_TRUE(host.waitUntil([&] { return !host.deletedPrinters().empty(); }));
+    std::this_thread::sleep_for(1500ms);  // longer than between two checks
+    EXPECT_THAT(host.deletedPrinters(), testing::ElementsAre("TAG1"));
 }
 
 TEST_F(Faults, ExchangesThatFailAreRepeatedEachSecond) {

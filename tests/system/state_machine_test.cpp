@@ -5,6 +5,9 @@
 
 #include <gmock/gmock.h>
 
+#include "cups/printer_names.h"
+#include "cups/queue_creation.h"
+#include "cups/queue_operations.h"
 #include "hostlink/request_device.h"
 #include "log/log_record.h"
 #include "printing/printing_tool.h"
@@ -135,18 +138,64 @@ TEST_F(StateMachineTest, AnAddStaysPendingUntilTheNextCommandWhichIsDropped) {
     EXPECT_EQ(commands.pendingTimeLeft(), 0xFFFFFFFF);
 }
 
-TEST_F(StateMachineTest, QueuesThatNoListingShowsCountAsDeletedOnce) {
+TEST_F(StateMachineTest, QueuesCountAsDeletedOnceIfCupsAnswers) {
     addQueue("One", "TAG1001");
     addQueue("Two", "TAG1002");
     vanished();
-    setenv("CUPS_SERVER", "/nowhere", 1);
-    EXPECT_THAT(vanished(), ElementsAre(isOf("TAG1001"), isOf("TAG1002")));
-    EXPECT_THAT(vanished(), IsEmpty());
-    setenv("CUPS_SERVER", guest.cups->socketPath().c_str(), 1);
-    vanished();
+    for (const char* lpstat : {"exit 0", "exit 1", "kill -9 $$", "CUPS_SERVER=/none $real \"$@\"",
+                               "[ $# = 0 ] || ! echo 'lpstat: Scheduler is not running.' >&2"}) {
+        standIn("lpstat", lpstat);
+        EXPECT_THAT(vanished(), IsEmpty()) << lpstat;
+    }
+    fs::remove(folder / "bin/lpstat");
     sim::commandOutput("lpadmin -x One");
     addQueue("Uno", "TAG1001");
     EXPECT_THAT(vanished(), IsEmpty());
+    for (const auto& [name, id] : {std::pair{"Uno", "TAG1001"}, {"Two", "TAG1002"}}) {
+        sim::commandOutput(std::string("lpadmin -x ") + name);
+        EXPECT_THAT(vanished(), ElementsAre(isOf(id)));
+        EXPECT_THAT(vanished(), IsEmpty());
+    }
+}
+
+// Each row: the names of the printers TAG1, TAG2 ... before and after a list, and which of them is
+// the default, counted from 0.
+TEST_F(StateMachineTest, PrintersMayTakeNamesFromEachOther) {
+    using Names = std::vector<std::string>;
+    const std::tuple<Names, Names, std::size_t> rows[] = {
+        {{"A", "B"}, {"B", "A"}, 0},
+        {{"A", "B"}, {"B", "A"}, 1},
+        {{"A", "B"}, {"B", "C"}, 1},
+        {{"A", "B"}, {"C", "A"}, 0},
+        {{"A", "B", "C"}, {"B", "C", "A"}, 1},
+        {{"A", "B", "C"}, {"C", "A", "B"}, 2},
+        {{"Lab", "Desk"}, {"DESK", "lab"}, 1},
+        {{"A", "Bob_s_1"}, {"bob's 1", "#"}, 0},
+        {{"A", "B", "D"}, {"B", "B_", "D"}, 2},
+    };
+    standIn("lpinfo", "echo raw");  // a queue without a driver, which is quicker
+    selectPpdModel();
+    const auto idOf = [](std::size_t number) { return "TAG" + std::to_string(number + 1); };
+    const auto nameFor = [](const std::string& name) {
+        return acceptedQueueName(queueNameFor(name));
+    };
+    for (const auto& [before, after, preferred] : rows) {
+        SCOPED_TRACE(testing::PrintToString(after) + idOf(preferred));
+        std::vector<sim::HostPrinter> printers;
+        for (std::size_t i = 0; i < before.size(); ++i) {
+            addQueue(before[i], idOf(i));
+            printers.push_back({idOf(i), after[i]});
+        }
+        setDefaultPrinter(idOf(preferred));
+        vanished();
+        ASSERT_TRUE(commanded(sim::printerList(printers)));
+        for (std::size_t i = 0; i < after.size(); ++i)
+            EXPECT_TRUE(hasQueue(nameFor(after[i]), idOf(i)));
+        EXPECT_TRUE(isDefault(nameFor(after[preferred])));
+        EXPECT_THAT(vanished(), IsEmpty());
+        sim::commandOutput("lpstat -e | xargs -rn1 lpadmin -x");
+        vanished();
+    }
 }
 
 TEST_F(StateMachineTest, OfflineIsWhatIsUnpluggedOrDisabled) {

@@ -1,0 +1,16 @@
+// Whether the guest has a CUPS that works.
+
+#pragma once
+
+namespace qnt {
+
+inline constexpr int kCupsTries = 7;
+inline constexpr unsigned kCupsPauseSeconds = 10;  // between two tries
+
+// True if CUPS answers.
+bool isCupsAnswering();
+
+// True if the tools are installed and CUPS answers within kCupsTries tries. Logs the reason if not.
+bool checkCups();
+
+}  // namespace qnt

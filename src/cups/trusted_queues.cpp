@@ -1,0 +1,138 @@
+#include "cups/trusted_queues.h"
+
+#include <map>
+#include <string_view>
+#include <utility>
+
+#include "cups/cups_check.h"
+#include "cups/printer_names.h"
+#include "log/log_record.h"
+#include "posix/shell_command.h"
+
+namespace qnt {
+namespace {
+
+// Nothing: CUPS knows no such queue or does not answer.
+using IsBound = std::optional<bool>;
+
+// Whether a queue is trusted, by its name and id, in the order of QueueBinding's fields.
+std::map<std::pair<std::string, std::string>, bool> g_verdicts;
+
+std::pair<std::string, std::string> keyOf(const QueueBinding& queue) {
+    return {queue.id, queue.queueName};
+}
+
+// Reads a line of any length, without its newline.
+bool readWholeLine(CommandOutput& output, std::string& line) {
+    char piece[kLineBufferSize];
+    line.clear();
+    while (output.readLine(piece)) {
+        line += piece;
+        if (line.ends_with('\n')) {
+            line.pop_back();
+            return true;
+        }
+    }
+    return !line.empty();
+}
+
+bool isUriOf(std::string_view uri, const std::string& id) {
+    return uri.starts_with("usb:") && uri.ends_with("=" + id);
+}
+
+// Asked for one queue, lpstat prints its true line first. In the listing of all queues a forged
+// line may come first, so two lines for the queue are no answer.
+IsBound askBinding(const QueueBinding& queue) {
+    const bool isOnly = isOneQueueToLpstat(queue.queueName);
+    const std::string start = "device for " + queue.queueName + ": ";
+    CommandOutput output;
+    if (!output.open("LANG=C lpstat -v" +
+                     (isOnly ? " " + shellQuote(queue.queueName).value() : std::string())))
+        return std::nullopt;
+    IsBound bound;
+    std::string line;
+    while (readWholeLine(output, line)) {
+        if (!line.starts_with(start))
+            continue;
+        if (!bound)
+            bound = isUriOf(std::string_view(line).substr(start.size()), queue.id);
+        else if (!isOnly)
+            bound = false;
+    }
+    output.close();
+    return bound;
+}
+
+// Also false if lpoptions fails. Every text that another user may have put into the options of a
+// queue is in the options of a temporary queue, so it can only add the word that is searched for.
+bool isTemporary(const std::string& queueName) {
+    return runCommand("lpoptions -p " + shellQuote(queueName).value() +
+                      " | grep -qF ' printer-is-temporary=true'") == 0;
+}
+
+bool askVerdict(const QueueBinding& queue) {
+    const IsBound bound = askBinding(queue);
+    if (!bound && !isCupsAnswering())
+        return true;  // for this time; before a change, CUPS is asked again
+    return g_verdicts[keyOf(queue)] = bound.value_or(false) && !isTemporary(queue.queueName);
+}
+
+bool isTrusted(const QueueBinding& queue) {
+    const auto known = g_verdicts.find(keyOf(queue));
+    return known != g_verdicts.end() ? known->second : askVerdict(queue);
+}
+
+void forgetAllBut(const QueueBindingList& listing) {
+    decltype(g_verdicts) listed;
+    for (const QueueBinding& queue : listing)
+        if (auto verdict = g_verdicts.extract(keyOf(queue)))
+            listed.insert(std::move(verdict));
+    g_verdicts.swap(listed);
+}
+
+void keepTrusted(QueueBindingList& listing) {
+    listing.remove_if([](const QueueBinding& queue) { return !isTrusted(queue); });
+}
+
+}  // namespace
+
+bool listTrustedQueues(QueueBindingList& queues, const std::string& id) {
+    QueueBindingList listing;
+    if (!listPrinterQueues(listing, id))
+        return false;
+    if (id.empty())
+        forgetAllBut(listing);
+    keepTrusted(listing);
+    queues.splice(queues.end(), listing);
+    return true;
+}
+
+bool listTrustedQueuesIfAnswered(QueueBindingList& queues) {
+    QueueBindingList listing;
+    if (!listQueuesIfAnswered(listing))
+        return false;
+    keepTrusted(listing);
+    queues.splice(queues.end(), listing);
+    return true;
+}
+
+void adoptCreatedQueue(const QueueBinding& queue) {
+    if (isTemporary(queue.queueName)) {
+        const std::string command =
+            "lpadmin -p " + shellQuote(queue.queueName).value() + " -o printer-is-temporary=false";
+        if (const int status = runCommand(command); status != 0)
+            QNT_LOG(0, "Failed to make queue '%s' permanent, rc=%d", queue.queueName.c_str(),
+                    status);
+    }
+    g_verdicts[keyOf(queue)] = true;
+}
+
+bool confirmBinding(const QueueBinding& queue) {
+    if (askBinding(queue).value_or(false))
+        return true;
+    QNT_LOG(1, "Queue '%s' is left alone: CUPS does not bind it to '%s'", queue.queueName.c_str(),
+            queue.id.c_str());
+    return false;
+}
+
+}  // namespace qnt
