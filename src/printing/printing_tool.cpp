@@ -5,10 +5,10 @@
 #include <new>
 #include <optional>
 
-#include "cups/queue_listing.h"
-#include "cups/queue_operations.h"
+#include "cups/trusted_queues.h"
 #include "hostlink/request_device.h"
 #include "log/log_record.h"
+#include "printing/default_printer.h"
 #include "printing/workers.h"
 #include "protocol/state_machine.h"
 
@@ -39,7 +39,7 @@ std::int32_t CPrintingTool::run() {
     m_defaultPrinterId.clear();
     m_listSequence = 0;
     CCommandManager commands(m_knownQueues);
-    getHostPrinterQueues(m_knownQueues, kListHostQueues);
+    listTrustedQueues(m_knownQueues, {});
     if (!m_bufferCmd.resize(kPrintingCmdHeaderSize)) {
         QNT_LOG(0, "Not enough memory to init m_bufferCmd");
         return 1;
@@ -95,7 +95,7 @@ std::int32_t CPrintingTool::converse(ICommandManager& commands) {
             QNT_LOG(0, "Error in state machine execution");
             return 1;
         }
-        while (!applyPendingDefault() && m_running) {
+        while (!applyPendingDefault(*this) && m_running) {
             lock.unlock();
             sleep(kRetryDelaySeconds);
             lock = lockForStep();
@@ -131,28 +131,12 @@ std::unique_lock<ToolMutex> CPrintingTool::lockForStep() {
 
 bool CPrintingTool::takeStep(AnswerResult answer, ICommandManager& commands) {
     try {
-        return executeStateMachine(*this, answer, commands);
+        m_addedPrinterId.clear();
+        const bool goOn = executeStateMachine(*this, answer, commands);
+        noteAddedPrinter(*this, m_addedPrinterId);
+        return goOn;
     } catch (const std::bad_alloc&) {
         logNoMemory("executeStateMachine");
-        return false;
-    }
-}
-
-// Applies a default whose queue exists by now. False if there was not enough memory: the host may
-// have nothing to send after this step, so the caller repeats the call.
-bool CPrintingTool::applyPendingDefault() {
-    if (!m_defaultPrinterPending)
-        return true;
-    try {
-        QueueBindingList queues;
-        listPrinterQueues(queues, m_defaultPrinterId);
-        if (!queues.empty()) {
-            setDefaultPrinter(m_defaultPrinterId);
-            m_defaultPrinterPending = false;
-        }
-        return true;
-    } catch (const std::bad_alloc&) {
-        logNoMemory("setDefaultPrinter");
         return false;
     }
 }

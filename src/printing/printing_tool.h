@@ -60,7 +60,6 @@ private:
     bool exchangeUnlessStopped();
     std::unique_lock<ToolMutex> lockForStep();
     bool takeStep(AnswerResult answer, ICommandManager& commands);
-    bool applyPendingDefault();
 
     // Under the mutex: the last report was cancelled, after a stop request.
     bool m_reportCanceledByStop = false;

@@ -2,15 +2,15 @@
 
 #include <unistd.h>
 
+#include <mutex>
 #include <new>
+#include <string>
 
-#include "cups/printer_names.h"
-#include "cups/queue_listing.h"
-#include "cups/queue_operations.h"
 #include "hostlink/request_device.h"
 #include "log/log_record.h"
 #include "log/log_time.h"
 #include "posix/stop_signals.h"
+#include "printing/default_printer.h"
 #include "protocol/printing_format.h"
 #include "protocol/printing_messages.h"
 #include "protocol/reconciliation.h"
@@ -128,20 +128,6 @@ void defaultPrinterLoop(CPrintingTool& tool) {
         if (!query.ask())
             sleep(kRetryDelaySeconds);
     }
-}
-
-bool applyDefaultPrinter(CPrintingTool& tool, const std::string& receivedId) {
-    const std::lock_guard lock(tool.m_mutex);
-    tool.m_defaultPrinterId = receivedId;
-    QueueBindingList queues;
-    const bool rejected = rejectInvalidId(receivedId);
-    const bool listed = !rejected && listPrinterQueues(queues, receivedId);
-    // Set before lpadmin runs, so that the run loop does not run lpadmin again if this worker is
-    // cancelled while it waits for it.
-    tool.m_defaultPrinterPending = queues.empty();
-    if (!queues.empty())
-        setDefaultPrinter(receivedId);
-    return rejected || listed;
 }
 
 }  // namespace qnt

@@ -7,8 +7,6 @@
 
 #pragma once
 
-#include <string>
-
 #include "printing/printing_tool.h"
 
 namespace qnt {
@@ -24,10 +22,5 @@ void deletedPrintersLoop(CPrintingTool& tool);
 // and makes that printer's queue the guest's default.
 void* defaultPrinterEntry(void* tool);
 void defaultPrinterLoop(CPrintingTool& tool);
-
-// Stores the id as the host's default and makes its queue the CUPS default. If there is no such
-// queue yet, leaves that to the run loop. False if the queues could not be listed: the caller must
-// repeat the call. Takes the mutex. May throw std::bad_alloc.
-bool applyDefaultPrinter(CPrintingTool& tool, const std::string& receivedId);
 
 }  // namespace qnt

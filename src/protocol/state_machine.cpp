@@ -23,6 +23,8 @@ bool carryOutCommand(IPrintingTool& tool, ICommandManager& commands) {
         return false;
     if (command.code == CmdPrinterList)
         tool.m_listSequence = answerSequence(tool.m_bufferCmd);
+    if (command.code == CmdAddPrinter)
+        tool.m_addedPrinterId = command.printerId;
     const PrintingCmdResult result = commands.processPrintingCmd(command);
     if (result == CmdPending) {
         fillPendingRequest(tool);

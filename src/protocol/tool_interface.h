@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include "cups/queue_listing.h"
 #include "protocol/byte_array.h"
@@ -35,6 +36,7 @@ public:
     std::uint32_t m_listSequence = 0;  // run loop: sequence of the last CmdPrinterList answer
     ByteArray m_bufferCmd;             // run loop: request and answer of the command channel
     std::uint32_t m_requestSize = 0;   // run loop: bytes of the request in m_bufferCmd
+    std::string m_addedPrinterId;      // run loop: set by a step that carries out CmdAddPrinter
 };
 
 }  // namespace qnt
