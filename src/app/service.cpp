@@ -9,12 +9,12 @@
 #include <new>
 
 #include "app/options.h"
+#include "cups/cups_check.h"
 #include "hostlink/kavelink.h"
 #include "hostlink/request_device.h"
 #include "hostlink/status_messages.h"
 #include "log/log_record.h"
 #include "log/log_time.h"
-#include "posix/shell_command.h"
 #include "posix/stop_signals.h"
 #include "printing/printing_tool.h"
 
@@ -24,8 +24,10 @@ namespace {
 constexpr char kApplicationId[] = "quintaris.PrintingTool.guest.lin";
 constexpr char kApplicationName[] = "Quintaris Shared Printers Tool";
 
-constexpr int kCupsTries = 7;
-constexpr unsigned kCupsPauseSeconds = 10;  // between two tries
+// How often a stop request is repeated to the run loop until the process ends.
+constexpr unsigned kStopRepeatSeconds = 1;
+// How long the host may take to accept the status "stopped" after a stop request.
+constexpr unsigned kStoppedGraceSeconds = 5;
 
 // Set once, before the tool runs; the tool is never destroyed.
 std::atomic<CPrintingTool*> g_printingTool{nullptr};
@@ -49,36 +51,36 @@ void openStandardStreams() {
 // exit status would be lost.
 void resetInheritedState() {
     openStandardStreams();
+    alarm(0);  // execve(2) keeps a pending one
     for (const int signal : {SIGTERM, SIGINT, SIGCHLD})
         std::signal(signal, SIG_DFL);
     unblockStopSignals();
     setenv("LC_ALL", "C", 1);  // fails only if there is not enough memory
 }
 
-bool waitForCups() {
-    for (int tries = 1; runCommand("lpstat >/dev/null 2>&1") != 0; ++tries) {
-        if (tries == kCupsTries)
-            return false;
-        sleep(kCupsPauseSeconds);
-    }
-    return true;
+void requestStop() {
+    if (CPrintingTool* tool = g_printingTool; tool != nullptr)
+        tool->m_running = false;
 }
 
-bool checkCups() {
-    if (runCommand("type lpadmin >/dev/null 2>&1") != 0) {
-        QNT_LOG(0, "lpadmin not found in system");
-        return false;
-    }
-    if (!waitForCups()) {
-        QNT_LOG(0, "cups is not responding");
-        return false;
-    }
-    return true;
+// The request is lost if it comes before the tool exists or runs, and it does not interrupt a write
+// to the device that begins after it. So it is repeated, without a record. alarm(2) is
+// async-signal-safe, and the tools do not inherit it.
+void repeatStop(int) {
+    requestStop();
+    alarm(kStopRepeatSeconds);
 }
 
 void installStopHandler() {
     std::signal(SIGTERM, stopSignalHandler);
     std::signal(SIGINT, stopSignalHandler);
+    std::signal(SIGALRM, repeatStop);
+}
+
+// A signal that comes while the host accepts "stopped" would cancel that message.
+void delayStopRepeat() {
+    if (alarm(0) != 0)
+        alarm(kStoppedGraceSeconds);
 }
 
 bool openLink() {
@@ -132,6 +134,7 @@ int startAndRun() {
 void closeLink() {
     if (!g_linkOpen)
         return;
+    delayStopRepeat();
     sendToolStatus(&g_link, {.applicationId = kApplicationId, .state = "stopped"});
     g_linkOpen = false;
     kavelinkClose(&g_link);
@@ -143,8 +146,7 @@ void closeLink() {
 void stopSignalHandler(int) {
     const SignalLogScope signalLogScope;
     QNT_LOG(2, "Closing . . .");
-    if (CPrintingTool* tool = g_printingTool; tool != nullptr)
-        tool->m_running = false;
+    repeatStop(0);
 }
 
 int runService(int argc, char** argv) {

@@ -9,8 +9,9 @@ namespace qnt {
 // runs out. To be called once in a process, on the main thread.
 int runService(int argc, char** argv);
 
-// Handles SIGTERM and SIGINT: asks the run loop and the workers to end. Takes no lock and allocates
-// nothing, not even to write its record (see SignalLogScope).
+// Handles SIGTERM and SIGINT: asks the run loop and the workers to end, again each second until the
+// process ends. Takes no lock and allocates nothing, not even to write its record (see
+// SignalLogScope).
 void stopSignalHandler(int signal);
 
 }  // namespace qnt

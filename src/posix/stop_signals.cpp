@@ -12,6 +12,7 @@ void maskStopSignals(int how) {
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGALRM);
     pthread_sigmask(how, &signals, nullptr);
 }
 

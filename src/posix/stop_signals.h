@@ -1,4 +1,4 @@
-// The signals that stop the service: SIGINT and SIGTERM.
+// The signals that stop the service: SIGINT, SIGTERM, and SIGALRM, which repeats their request.
 
 #pragma once
 
