@@ -25,6 +25,9 @@ using Path = char[kLogPathSize];
 // Any thread.
 std::atomic<int> g_openFd{-1};  // g_logFd while a file is open there, else -1
 std::atomic<std::time_t> g_lastCheck{0};
+// The log's path: one of g_paths. The text of the one before it stays until the next placement, so
+// that a signal handler can use it while the placement changes.
+std::atomic<const char*> g_path{""};
 
 std::mutex g_placementMutex;
 
@@ -32,7 +35,7 @@ std::mutex g_placementMutex;
 int g_logFd = -1;  // the log's descriptor number, chosen when a file is first opened
 bool g_fallbackTaken = false;
 Path g_directory = "";  // empty: the next record starts again with the default placement
-Path g_path = "";
+Path g_paths[2] = {"", ""};
 Path g_userDir = "";
 
 // Truncates what does not fit.
@@ -62,8 +65,10 @@ void closeFile() {
 }
 
 void setPlacement(const char* directory, const char* fileName) {
+    Path& next = g_path == g_paths[0] ? g_paths[1] : g_paths[0];
     formatPath(g_directory, "%s", directory);
-    formatPath(g_path, "%s/%s", directory, fileName);
+    formatPath(next, "%s/%s", directory, fileName);
+    g_path = next;
     g_fallbackTaken = false;
     closeFile();
 }
@@ -101,8 +106,8 @@ bool openAndInstall(const char* path) {
 }
 
 // Opens the path, or switches to the user directory, once per placement. Without a user directory
-// the path is quintaris.log under the root directory, and each later record tries the default
-// placement again. Returns the log's descriptor, or -1.
+// the path is quintaris.log under the root directory, and as long as that can't be opened, each
+// record tries the default placement again. Returns the log's descriptor, or -1.
 int openOrFallBack() {
     if (openAndInstall(ensurePath()))
         return g_logFd;
@@ -124,6 +129,17 @@ int reopenIfMoved(int fd) {
     if (!lock.owns_lock() || isOpenAt(fd, g_path))
         return fd;
     return openOrFallBack();
+}
+
+// Takes no lock and installs nothing. If the file has been moved, the record goes to a new file at
+// its path, which the next other record opens. As for other records, the file is not compared with
+// its path again in the same second.
+ssize_t writeInSignalHandler(const char* record, std::size_t length) {
+    const int fd = g_openFd;
+    if (fd != -1 && (g_lastCheck == std::time(nullptr) || isOpenAt(fd, g_path)))
+        return write(fd, record, length);
+    const UniqueFd file(logFileOpen(g_path));
+    return write(file.isOpen() ? file.get() : fd, record, length);
 }
 
 }  // namespace
@@ -152,8 +168,6 @@ const char* logUserDir() {
 
 int logFileDescriptor() {
     const int fd = g_openFd;
-    if (SignalLogScope::active())
-        return fd;
     if (fd == -1)
         return openFirst();
     const std::time_t now = std::time(nullptr);
@@ -163,10 +177,11 @@ int logFileDescriptor() {
 }
 
 int logFileWrite(const char* record, std::int32_t length) {
+    const auto size = static_cast<std::size_t>(length);
+    if (SignalLogScope::active())
+        return static_cast<int>(writeInSignalHandler(record, size));
     const int fd = logFileDescriptor();
-    if (fd == -1)
-        return -1;
-    return static_cast<int>(write(fd, record, static_cast<std::size_t>(length)));
+    return fd == -1 ? -1 : static_cast<int>(write(fd, record, size));
 }
 
 }  // namespace qnt

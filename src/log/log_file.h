@@ -7,7 +7,7 @@
 //
 // Opening and placement are serialised by a mutex that the common path never takes: a thread that
 // finds it held continues with the open file, and waits only when there is none. Signal handlers
-// never take it (see SignalLogScope).
+// never take it (see SignalLogScope): they open a moved file for one record.
 
 #pragma once
 

@@ -66,6 +66,7 @@ void formatLocalSecond(std::time_t second, char (&text)[kLocalSecondSize]) {
 }
 
 void refreshUtcOffset() {
+    tzset();  // localtime_r(3) reads /etc/localtime only once
     localTime(std::time(nullptr));
 }
 

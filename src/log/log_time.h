@@ -15,15 +15,15 @@ inline constexpr std::size_t kLocalSecondSize = 15;  // "11-16 18:12:11" and the
 // known UTC offset instead of libc.
 void formatLocalSecond(std::time_t second, char (&text)[kLocalSecondSize]);
 
-// Takes the current UTC offset from libc, for records inside a SignalLogScope. To be called about
-// once a second: a handler's record then has the right hour although nothing else has been logged
-// since a change of daylight saving time. Any thread; not in a signal handler.
+// Reads the time zone again if /etc/localtime has changed, and takes the current UTC offset from
+// libc for records inside a SignalLogScope. To be called about once a second: a handler's record
+// then has the right hour although nothing else has been logged since a change of daylight saving
+// time. Any thread; not in a signal handler.
 void refreshUtcOffset();
 
 // While an object of this class lives, records of the calling thread use nothing that the code
 // interrupted by a signal may hold: no time zone lock (a handler that called localtime_r while the
-// interrupted code is inside it would never return), no heap, no opening of files. Such a record is
-// lost when no log file is open.
+// interrupted code is inside it would never return), no heap, no lock of the log file.
 class SignalLogScope {
 public:
     SignalLogScope();
