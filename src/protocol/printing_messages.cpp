@@ -82,15 +82,18 @@ struct SeenItems {
     bool id = false;
     bool list = false;
 
-    bool sufficeFor(std::uint32_t commandCode) const {
+    // What is missing for the command, or null.
+    const char* missingFor(std::uint32_t commandCode) const {
+        if (!code)
+            return "command code";
         switch (commandCode) {
             case CmdAddPrinter:
             case CmdDeletePrinter:
-                return id;
+                return id ? nullptr : "printer id";
             case CmdPrinterList:
-                return list;
+                return list ? nullptr : "complete printer list";
             default:
-                return true;
+                return nullptr;
         }
     }
 };
@@ -204,21 +207,34 @@ const std::uint8_t* answerPayload(const ByteArray& buffer) {
 bool parsePrintingCmd(PrintingCmd& command, const std::uint8_t* payload,
                       std::uint32_t payloadLength) {
     ItemStream stream;
-    if (stream.open(payload, payloadLength, 0) != kStreamOk)
+    if (const std::int32_t result = stream.open(payload, payloadLength, 0); result != kStreamOk) {
+        QNT_LOG_AS(kProtocolLogPrefix, kServiceTag, 1,
+                   "Unusable command: no item stream (%d), payload size = %u", result,
+                   payloadLength);
         return false;
+    }
     SeenItems seen;
     forEachItem(stream, [&](const ItemStream& item) {
         readTopLevelItem(command, seen, item);
         return true;
     });
-    return seen.code && seen.sufficeFor(command.code);
+    const char* const missing = seen.missingFor(command.code);
+    if (missing == nullptr)
+        return true;
+    QNT_LOG_AS(kProtocolLogPrefix, kServiceTag, 1,
+               "Unusable command: no %s, code = %u, stream size = %u, payload size = %u", missing,
+               command.code, stream.streamEnd(), payloadLength);
+    return false;
 }
 
 bool parseDefaultPrinterAnswer(std::string& printerId, const std::uint8_t* payload,
                                std::uint32_t payloadLength) {
     ItemStream stream;
-    if (stream.open(payload, payloadLength, 0) != kStreamOk || stream.itemType() != PrinterId)
+    if (stream.open(payload, payloadLength, 0) != kStreamOk || stream.itemType() != PrinterId) {
+        QNT_LOG_AS(kProtocolLogPrefix, kServiceTag, 2,
+                   "Unusable default printer answer, payload size = %u", payloadLength);
         return false;
+    }
     printerId = stream.itemText();
     return true;
 }

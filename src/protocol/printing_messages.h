@@ -59,13 +59,14 @@ std::uint32_t answerRequiredSize(const ByteArray& buffer);
 std::uint32_t answerPayloadLength(const ByteArray& buffer);
 const std::uint8_t* answerPayload(const ByteArray& buffer);
 
-// Parses a command answer into a default-constructed PrintingCmd. False if the stream does not
-// open, there is no code, or the id or the complete list that the code needs is missing.
+// Parses a command answer into a default-constructed PrintingCmd. False, with a record, if the
+// stream does not open, there is no code, or the id or the complete list that the code needs is
+// missing.
 bool parsePrintingCmd(PrintingCmd& command, const std::uint8_t* payload,
                       std::uint32_t payloadLength);
 
-// Parses the id of the host's default printer. False, with the id unchanged, if the first item is
-// no PrinterId.
+// Parses the id of the host's default printer. False, with a record and the id unchanged, if the
+// first item is no PrinterId.
 bool parseDefaultPrinterAnswer(std::string& printerId, const std::uint8_t* payload,
                                std::uint32_t payloadLength);
 
