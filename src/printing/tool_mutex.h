@@ -21,19 +21,25 @@ public:
     void lock() {
         std::unique_lock state(m_state);
         const Waiter waiter(m_waiting);
-        m_unlocked.wait(state, [this] { return !m_locked; });
+        m_unlocked.wait(state, [this] { return !m_locked && !(m_lastWaits && isTurnOfLast()); });
         m_locked = true;
+        ++m_turnsOfOthers;
     }
-    // Waits at most `time` until the mutex is free and no thread waits in lock(). False if that did
-    // not happen. Without the second condition, a thread that soon locks again would hardly ever
-    // leave the mutex to another. (That such a wait was cancelled is noticed only when the time
-    // ends.)
+    // Waits at most `time` until the mutex is free and no thread waits in lock(); but after two
+    // turns of other threads, this one is next. False if that did not happen. Without the wait for
+    // others, a thread that soon locks again would hardly ever leave the mutex to another; without
+    // its end, two others that overlap would never leave it to this one. (That such a wait was
+    // cancelled is noticed only when the time ends.) One thread only.
     bool tryLockAfterOthers(std::chrono::milliseconds time) {
         std::unique_lock state(m_state);
-        const auto isFree = [this] { return !m_locked && m_waiting == 0; };
-        if (!m_unlocked.wait_for(state, time, isFree))
+        const auto isFree = [this] { return !m_locked && (m_waiting == 0 || isTurnOfLast()); };
+        m_lastWaits = true;
+        const bool free = m_unlocked.wait_for(state, time, isFree);
+        m_lastWaits = false;
+        if (!free)
             return false;
         m_locked = true;
+        m_turnsOfOthers = 0;
         return true;
     }
     void unlock() {
@@ -57,9 +63,13 @@ private:
         int& m_waiting;
     };
 
-    std::mutex m_state;  // guards the two below
+    bool isTurnOfLast() const { return m_turnsOfOthers >= 2; }
+
+    std::mutex m_state;  // guards all below
     bool m_locked = false;
-    int m_waiting = 0;  // threads in lock()
+    int m_waiting = 0;                  // threads in lock()
+    bool m_lastWaits = false;           // a thread is in tryLockAfterOthers()
+    unsigned long m_turnsOfOthers = 0;  // lock() since tryLockAfterOthers() last succeeded
     std::condition_variable m_unlocked;
 };
 
