@@ -11,6 +11,7 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::StartsWith;
 using Fault = sim::Fault;
 
 using EntryTest = GuestTest;
@@ -109,15 +110,25 @@ TEST_F(EntryTest, ADeviceLostAfterTheLinkEndsItWithStopped) {
     EXPECT_EQ(host.statusMessages()[0].size(), 111U);
 }
 
-TEST_F(EntryTest, ItWorksWithStandardFilesClosedAndStopSignalsBlocked) {
+TEST_F(EntryTest, ItWorksWhateverItInherits) {
     sim::SimulatedHost host;
-    const std::string closed = "exec '" QNT_SERVICE "' -l 1 <&- >&- 2>&-";
-    service.emplace(std::vector<std::string>{"env", "--block-signal=INT", "sh", "-c", closed});
+    sim::commandOutput("localedef -i de_DE -f UTF-8 " + (folder / "de_DE.UTF-8").string());
+    const std::string german = "LC_ALL=de_DE.UTF-8 LOCPATH=" + folder.string();
+    addQueue("Office_Laser", "TAG1");
+    host.setDefault("TAG1");
+    ASSERT_THAT(sim::commandOutput(german + " lpstat -v"), StartsWith("Ger\u00e4t "));
+    // Standard files, a blocked and an ignored signal, a pending alarm, the language.
+    const std::string closed = "exec <&- >&- 2>&-; exec env " + german +
+                               " perl -e 'alarm 1; exec @ARGV' '" QNT_SERVICE "' -l 1";
+    service.emplace(std::vector<std::string>{"env", "--block-signal=INT", "--ignore-signal=CHLD",
+                                             "sh", "-c", closed});
     ASSERT_TRUE(host.waitUntilIdle());
+    expectDefault("Office_Laser");
     service->signal(SIGINT);
     EXPECT_EQ(serviceEnds(), 0);
     EXPECT_EQ(host.statusMessages().size(), 2U);
-    EXPECT_THAT(records(), ElementsAre("starting . . .", "closed, rc = 0"));
+    EXPECT_THAT(records(),
+                ElementsAre("starting . . .", "Set default printer: 'TAG1'", "closed, rc = 0"));
 }
 
 TEST_F(EntryTest, StartAndEndAreLoggedAndTheToolsInheritNoFiles) {
