@@ -243,5 +243,28 @@ TEST(Answers, HaveTheirSkippedItemsLoggedFromLevelTwo) {
     }
 }
 
+TEST(Answers, HaveWhatIsMissingLogged) {
+    const std::string unusable = "W [PRINTING_TOOL] Unusable command: no ";
+    const std::pair<Bytes, std::string> rows[] = {
+        {{}, "item stream (-3), payload size = 0\n"},
+        {stream({}), "item stream (-7), payload size = 12\n"},
+        {stream({id("TAG1")}), "command code, code = 0, stream size = 28, payload size = 28\n"},
+        {stream({code(2)}), "printer id, code = 2, stream size = 28, payload size = 28\n"},
+        {stream({code(4)}) + "rest",
+         "complete printer list, code = 4, stream size = 28, payload size = 32\n"}};
+    for (const auto& [payload, missing] : rows) {
+        const CapturedLog log(2);
+        parsed(payload);
+        EXPECT_EQ(log.text, unusable + missing);
+        log.clear();
+        std::string printerId;
+        if (parseDefaultPrinterAnswer(printerId, payload.data(),
+                                      static_cast<std::uint32_t>(payload.size())))
+            continue;
+        EXPECT_EQ(log.text, "I [PRINTING_TOOL] Unusable default printer answer, payload size = " +
+                                std::to_string(payload.size()) + '\n');
+    }
+}
+
 }  // namespace
 }  // namespace qnt
