@@ -25,6 +25,11 @@ bool isAlive(pid_t pid) {
     return !stat.empty() && stat.find(") Z") == std::string::npos;
 }
 
+int setting(const char* variable, int otherwise) {
+    const char* text = std::getenv(variable);
+    return text != nullptr ? std::atoi(text) : otherwise;
+}
+
 TEST_F(ServiceTest, AHostPrinterBecomesAQueueThatFollowsItsHost) {
     startService();
     addPrinter("TAG1001", "Office Laser");
@@ -289,10 +294,6 @@ TEST_F(ServiceTest, TheServiceFailsUnlessBothWorkersStart) {
 // While it adds, renames, deletes, sets a default and reports a deletion. QNT_ROUNDS sets how
 // often, QNT_START at which random moments.
 TEST_F(GuestTest, AStopAtAnyMomentIsOrderly) {
-    const auto setting = [](const char* variable, int otherwise) {
-        const char* text = std::getenv(variable);
-        return text != nullptr ? std::atoi(text) : otherwise;
-    };
     std::mt19937 random(static_cast<unsigned>(setting("QNT_START", 1)));
     const auto below = [&](unsigned limit) { return static_cast<unsigned>(random() % limit); };
     prctl(PR_SET_CHILD_SUBREAPER, 1);  // what the service leaves is found here
@@ -337,6 +338,68 @@ TEST_F(GuestTest, AStopAtAnyMomentIsOrderly) {
         fs::remove(moved);
     }
     std::cout << "longest stop: " << longest / 1ms << " ms\n";
+}
+
+// One round of everything: room that grows, a command and a list that change nothing, an add, a
+// default, a rename, a deletion by the user or the host.
+void converse(sim::SimulatedHost& host, int round) {
+    for (std::uint32_t room = 80; room < 980; room += 10)
+        host.fault(sim::kRunLoopRequest, {Fault::Kind::kAskFor, room, {}});
+    host.fault(GetDefaultPrinter,
+               {Fault::Kind::kAskFor, 80 + static_cast<unsigned>(round % 9), {}});
+    host.send({9, "", {}});
+    host.send(sim::printerList({{"TAG7", "Office"}, {"TAG8", "Front Desk"}}));
+    const std::string id = "TAG" + std::to_string(round % 4);
+    host.plug(id, "Office " + std::to_string(round % 3));
+    host.send(sim::addPrinter(id));
+    host.setDefault(id);
+    ASSERT_TRUE(host.waitUntilIdle());
+    host.rename(id, "Desk " + std::to_string(round % 3));
+    host.sendPrinterList();
+    ASSERT_TRUE(host.waitUntilIdle());
+    if (round % 2 == 0)
+        sim::commandOutput("lpstat -e | tail -n 1 | xargs lpadmin -x");
+    host.send(sim::deletePrinter(id));
+    host.unplug(id);
+    host.send(sim::deleteOffline());
+    ASSERT_TRUE(host.waitUntilIdle());
+}
+
+// QNT_SECONDS sets its length: a fifth for warming up, then two halves, whose growth is compared.
+TEST_F(ServiceTest, ALongConversationLeavesNothingBehind) {
+    if (QNT_SANITIZED)
+        GTEST_SKIP() << "Sanitizers have threads and memory of their own.";
+    startService();
+    const fs::path process = "/proc/" + std::to_string(service->pid());
+    const auto entries = [&](const char* name) {
+        return std::distance(fs::directory_iterator(process / name), {});
+    };
+    // A worker that lists the queues has a pipe and a child meanwhile.
+    const auto isAtRest = [&] {
+        std::string children;
+        for (const auto& thread : fs::directory_iterator(process / "task"))
+            children += contents(thread.path() / "children");
+        return children.empty() && entries("fd") == 8;
+    };
+    const std::chrono::milliseconds fifth(setting("QNT_SECONDS", 10) * 1000 / 5);
+    std::vector<int> kilobytes;
+    std::vector<double> logPerRound;
+    for (int round = 0, before = 0; const int fifths : {1, 2, 2}) {
+        const auto logBefore = fs::file_size(kLog);
+        const auto end = std::chrono::steady_clock::now() + fifths * fifth;
+        for (before = round; std::chrono::steady_clock::now() < end; ++round)
+            converse(host, round);
+        EXPECT_TRUE(eventually(isAtRest));
+        EXPECT_EQ(entries("task"), 3);
+        const std::string status = contents(process / "status");
+        kilobytes.push_back(std::stoi(status.substr(status.find("RssAnon:") + 8)));
+        logPerRound.push_back(static_cast<double>(fs::file_size(kLog) - logBefore) /
+                              (round - before));
+        std::printf("%d rounds, %zu exchanges: %d KiB, %.0f bytes of log a round\n", round,
+                    host.exchanges().size(), kilobytes.back(), logPerRound.back());
+    }
+    EXPECT_LE(kilobytes[2] - kilobytes[1], 128);
+    EXPECT_LE(logPerRound[2], 2 * logPerRound[1]);
 }
 
 }  // namespace
