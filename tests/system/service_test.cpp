@@ -353,16 +353,16 @@ void converse(sim::SimulatedHost& host, int round) {
     host.plug(id, "Office " + std::to_string(round % 3));
     host.send(sim::addPrinter(id));
     host.setDefault(id);
-    ASSERT_TRUE(host.waitUntilIdle());
+    ASSERT_TRUE(host.waitUntilIdle(60s));
     host.rename(id, "Desk " + std::to_string(round % 3));
     host.sendPrinterList();
-    ASSERT_TRUE(host.waitUntilIdle());
+    ASSERT_TRUE(host.waitUntilIdle(60s));
     if (round % 2 == 0)
         sim::commandOutput("lpstat -e | tail -n 1 | xargs lpadmin -x");
     host.send(sim::deletePrinter(id));
     host.unplug(id);
     host.send(sim::deleteOffline());
-    ASSERT_TRUE(host.waitUntilIdle());
+    ASSERT_TRUE(host.waitUntilIdle(60s));
 }
 
 // QNT_SECONDS sets its length: a fifth for warming up, then two halves, whose growth is compared.
