@@ -18,6 +18,7 @@ create() {
     lpadmin -p "$2" -u allow:all -m "$ppd" \
         -v "usb://HP/Color%20LaserJet%208500?serial=$1" -o printer-error-policy=retry-job -E \
         -D "$2" -L 'Host OS' -o printer-is-shared=false
+    lpoptions -p "$2" | grep -qF ' printer-is-temporary=true'
 }
 
 # add ID NAME: a CmdAddPrinter.
@@ -37,6 +38,7 @@ rename_to() {
     n=0
     while [ $n -lt "$3" ]; do
         list 'TAG.*'
+        LANG=C lpstat -v "$1_$n"
         lpadmin -x "$1_$n"
         create TAG$n "$2_$n"
         n=$((n + 1))
