@@ -27,7 +27,8 @@ user_path() {
     esac
 }
 
-# require_packages PACKAGE...: installs the Debian packages that are not installed yet.
+# require_packages PACKAGE...: installs the Debian packages that are not installed yet, after it has
+# printed which, and how much apt-get downloads and installs with all that they need.
 require_packages() {
     local absent=() package
     for package; do
@@ -38,10 +39,13 @@ require_packages() {
     [ "$(id -u)" = 0 ] || missing "root is needed to install ${absent[*]}"
     command -v apt-get >/dev/null || missing "apt-get is needed to install ${absent[*]}"
     echo "installing ${absent[*]}"
-    { apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq \
-        --no-install-recommends "${absent[@]}"; } >/dev/null 2>/tmp/qnt-install.$$ ||
-        missing "could not install ${absent[*]}: $(tail -n 1 /tmp/qnt-install.$$)"
-    rm -f /tmp/qnt-install.$$
+    local began=$SECONDS complaints install=(apt-get install --no-install-recommends "${absent[@]}")
+    complaints=$(apt-get update -qq 2>&1 >/dev/null) ||
+        missing "could not update the list of packages: ${complaints##*$'\n'}"
+    { LC_ALL=C "${install[@]}" --assume-no 2>/dev/null || true; } | sed -n '/^Need to get/p; /^After/p'
+    complaints=$(DEBIAN_FRONTEND=noninteractive "${install[@]}" -y -qq 2>&1 >/dev/null) ||
+        missing "could not install ${absent[*]}: ${complaints##*$'\n'}"
+    echo "installed in $((SECONDS - began)) s"
 }
 
 # find_clang_tool TOOL: sets clang_tool to TOOL in the version that the project uses. Other versions
