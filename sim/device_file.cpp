@@ -10,18 +10,18 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <stdexcept>
 #include <string_view>
-#include <thread>
+#include <system_error>
 #include <utility>
 
 #include "sim/guest_namespace.h"
-#include "sim/process_memory.h"
+#include "sim/process.h"
 
 namespace sim {
 namespace {
@@ -33,92 +33,6 @@ constexpr double kForever = 1e9;  // seconds that the kernel may cache an attrib
 constexpr off_t kReportedSize = off_t{1} << 60;
 constexpr std::size_t kMaxBuffers = 16;
 constexpr std::size_t kMaxBufferSize = 64u << 20;  // larger buffers are not read
-
-// A request record in the sender's memory.
-struct Record {
-    pid_t thread = 0;
-    std::uint64_t address = 0;
-    qnt::DeviceRequestHeader header{};
-    std::vector<qnt::BufferDescriptor> buffers;
-
-    // Returns 0, or the errno for an invalid record.
-    int read() {
-        if (!readMemory(thread, address, &header, sizeof header))
-            return EFAULT;
-        if (header.inlineSize % 8 != 0 || header.bufferCount > kMaxBuffers)
-            return EINVAL;
-        buffers.resize(header.bufferCount);
-        const std::size_t size = buffers.size() * sizeof(qnt::BufferDescriptor);
-        const std::uint64_t start = address + sizeof header + header.inlineSize;
-        return size == 0 || readMemory(thread, start, buffers.data(), size) ? 0 : EFAULT;
-    }
-
-    bool writeStatus(std::uint32_t status) const {
-        return writeMemory(thread, address + offsetof(qnt::DeviceRequestHeader, status), &status,
-                           sizeof status);
-    }
-};
-
-class Write : public Submission {
-public:
-    Write(fuse_req_t request, Record record) : m_record(std::move(record)), m_request(request) {}
-    // An unanswered write must still return.
-    ~Write() override { answer(EIO); }
-
-    pid_t thread() const override { return m_record.thread; }
-    const qnt::DeviceRequestHeader& header() const override { return m_record.header; }
-    const std::vector<qnt::BufferDescriptor>& buffers() const override { return m_record.buffers; }
-
-    std::optional<Bytes> readBuffer(std::size_t index) const override {
-        if (index >= buffers().size() || buffers()[index].size > kMaxBufferSize)
-            return std::nullopt;
-        Bytes bytes(buffers()[index].size);
-        if (!bytes.empty() &&
-            !readMemory(thread(), buffers()[index].address, bytes.data(), bytes.size()))
-            return std::nullopt;
-        return bytes;
-    }
-
-    bool writeBuffer(std::size_t index, const Bytes& bytes) override {
-        const std::lock_guard lock(m_mutex);
-        if (m_request == nullptr || index >= buffers().size())
-            return false;
-        const std::size_t size = std::min<std::size_t>(bytes.size(), buffers()[index].size);
-        return size == 0 || writeMemory(thread(), buffers()[index].address, bytes.data(), size);
-    }
-
-    void complete(std::uint32_t status) override {
-        const std::lock_guard lock(m_mutex);
-        if (m_request != nullptr)
-            answerLocked(m_record.writeStatus(status) ? 0 : EFAULT);
-    }
-
-    void refuse(int error) override { answer(error); }
-
-    bool isWriteOf(fuse_req_t request) const {
-        const std::lock_guard lock(m_mutex);
-        return m_request == request;
-    }
-
-private:
-    void answer(int error) {
-        const std::lock_guard lock(m_mutex);
-        if (m_request != nullptr)
-            answerLocked(error);
-    }
-
-    void answerLocked(int error) {
-        if (error == 0)
-            fuse_reply_write(m_request, sizeof(std::uint64_t));
-        else
-            fuse_reply_err(m_request, error);
-        m_request = nullptr;
-    }
-
-    const Record m_record;
-    mutable std::mutex m_mutex;
-    fuse_req_t m_request;  // guarded by the mutex; null once answered
-};
 
 struct stat attributesOf(fuse_ino_t inode) {
     struct stat attributes {};
@@ -157,126 +71,155 @@ void openFile(fuse_req_t request, fuse_ino_t, fuse_file_info*) {
 
 }  // namespace
 
-class DeviceFile::Session {
-public:
-    explicit Session(Handlers handlers) : m_handlers(std::move(handlers)) {
-        if (geteuid() != 0)
-            throw std::runtime_error("Mounting the request device needs root.");
-        if (access("/dev/fuse", R_OK | W_OK) != 0)
-            throw std::runtime_error("/dev/fuse can't be opened; the request device needs it.");
-        mountDevice();
-        m_loop = std::thread([this] { serve(); });
-    }
+Submission::Submission(fuse_req* write, std::uint64_t address)
+    : m_thread(fuse_req_ctx(write)->pid), m_address(address), m_write(write) {
+    const auto read = [&](std::uint64_t start, void* bytes, std::size_t size) {
+        if (size != 0 && !readMemory(m_thread, start, bytes, size))
+            throw std::system_error(EFAULT, std::generic_category());
+    };
+    read(address, &m_header, sizeof m_header);
+    if (m_header.inlineSize % 8 != 0 || m_header.bufferCount > kMaxBuffers)
+        throw std::system_error(EINVAL, std::generic_category());
+    m_buffers.resize(m_header.bufferCount);
+    read(address + sizeof m_header + m_header.inlineSize, m_buffers.data(),
+         m_buffers.size() * sizeof(qnt::BufferDescriptor));
+}
 
-    ~Session() {
-        eventfd_write(m_end, 1);
-        m_loop.join();
-        for (const std::weak_ptr<Write>& write : m_writes) {
-            if (const std::shared_ptr<Write> open = write.lock())
-                open->refuse(ENODEV);
-        }
-        fuse_session_unmount(m_fuse);
-        fuse_session_destroy(m_fuse);
-        close(m_end);
-    }
-    Session(const Session&) = delete;
-    Session& operator=(const Session&) = delete;
+std::optional<Bytes> Submission::readBuffer(std::size_t index) const {
+    if (index >= m_buffers.size() || m_buffers[index].size > kMaxBufferSize)
+        return std::nullopt;
+    Bytes bytes(m_buffers[index].size);
+    if (!bytes.empty() &&
+        !readMemory(m_thread, m_buffers[index].address, bytes.data(), bytes.size()))
+        return std::nullopt;
+    return bytes;
+}
 
-private:
-    void mountDevice() {
-        char program[] = "qnthost";
-        char options[] = "-oallow_other,fsname=qnt_kl";
-        char* words[] = {program, options, nullptr};
-        fuse_args arguments = FUSE_ARGS_INIT(2, words);
-        fuse_lowlevel_ops operations{};
-        operations.lookup = lookUp;
-        operations.getattr = getAttributes;
-        operations.open = openFile;
-        operations.write = takeWrite;
-        m_fuse = fuse_session_new(&arguments, &operations, sizeof operations, this);
-        fuse_opt_free_args(&arguments);
-        if (m_fuse == nullptr || fuse_session_mount(m_fuse, kDriverFolder) != 0) {
-            if (m_fuse != nullptr)
-                fuse_session_destroy(m_fuse);
-            throw std::runtime_error("The request device could not be mounted over /proc/driver.");
-        }
-        m_end = eventfd(0, EFD_CLOEXEC);
-        fcntl(fuse_session_fd(m_fuse), F_SETFL, O_RDWR | O_NONBLOCK);
-    }
+bool Submission::writeBuffer(std::size_t index, const Bytes& bytes) {
+    const std::lock_guard lock(m_mutex);
+    if (m_write == nullptr || index >= m_buffers.size())
+        return false;
+    const std::size_t size = std::min<std::size_t>(bytes.size(), m_buffers[index].size);
+    return size == 0 || writeMemory(m_thread, m_buffers[index].address, bytes.data(), size);
+}
 
-    void serve() {
-        sigset_t signals;
-        sigfillset(&signals);
-        pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-        fuse_buf buffer{};
-        while (awaitRequest() && takeRequest(buffer)) {
-            for (const std::shared_ptr<Write>& write : std::exchange(m_interrupted, {}))
-                m_handlers.interrupted(write);
-        }
-        std::free(buffer.mem);
-    }
+void Submission::complete(std::uint32_t status) {
+    const std::lock_guard lock(m_mutex);
+    const std::uint64_t place = m_address + offsetof(qnt::DeviceRequestHeader, status);
+    if (m_write != nullptr)
+        answerLocked(writeMemory(m_thread, place, &status, sizeof status) ? 0 : EFAULT);
+}
 
-    // False if the session is to end.
-    bool awaitRequest() const {
-        pollfd sources[] = {{fuse_session_fd(m_fuse), POLLIN, 0}, {m_end, POLLIN, 0}};
-        return poll(sources, std::size(sources), -1) > 0 && sources[1].revents == 0;
-    }
+void Submission::refuse(int error) {
+    const std::lock_guard lock(m_mutex);
+    if (m_write != nullptr)
+        answerLocked(error);
+}
 
-    // False if the device has been unmounted from outside.
-    bool takeRequest(fuse_buf& buffer) {
-        const int size = fuse_session_receive_buf(m_fuse, &buffer);
-        if (size > 0)
-            fuse_session_process_buf(m_fuse, &buffer);
-        return size > 0 || size == -EAGAIN || size == -EINTR;
-    }
+void Submission::answerLocked(int error) {
+    if (error == 0)
+        fuse_reply_write(m_write, sizeof m_address);
+    else
+        fuse_reply_err(m_write, error);
+    m_write = nullptr;
+}
 
-    static void takeWrite(fuse_req_t request, fuse_ino_t, const char* bytes, std::size_t size,
-                          off_t, fuse_file_info*) {
-        Record record;
-        if (size != sizeof record.address) {
-            fuse_reply_err(request, EINVAL);
-            return;
-        }
-        std::memcpy(&record.address, bytes, size);
-        record.thread = fuse_req_ctx(request)->pid;
-        if (const int error = record.read(); error != 0) {
-            fuse_reply_err(request, error);
-            return;
-        }
-        static_cast<Session*>(fuse_req_userdata(request))->submit(request, std::move(record));
-    }
-
-    void submit(fuse_req_t request, Record record) {
-        const auto write = std::make_shared<Write>(request, std::move(record));
-        std::erase_if(m_writes, [](const std::weak_ptr<Write>& old) { return old.expired(); });
-        m_writes.push_back(write);
-        fuse_req_interrupt_func(request, noteInterrupt, this);
-        m_handlers.submitted(write);
-    }
-
-    // libfuse holds the request's lock here, so the handler is called after this has returned.
-    static void noteInterrupt(fuse_req_t request, void* session) {
-        auto* self = static_cast<Session*>(session);
-        for (const std::weak_ptr<Write>& write : self->m_writes) {
-            const std::shared_ptr<Write> open = write.lock();
-            if (open != nullptr && open->isWriteOf(request))
-                self->m_interrupted.push_back(open);
-        }
-    }
-
-    const Handlers m_handlers;
-    fuse_session* m_fuse = nullptr;
-    int m_end = -1;  // eventfd, readable when the loop is to end
-    std::thread m_loop;
-
-    // Used by the loop's thread, and by the destructor after it has ended.
-    std::vector<std::weak_ptr<Write>> m_writes;
-    std::vector<std::shared_ptr<Write>> m_interrupted;
-};
+bool Submission::isAnswerTo(const fuse_req* write) const {
+    const std::lock_guard lock(m_mutex);
+    return m_write == write;
+}
 
 DeviceFile::DeviceFile(Handlers handlers)
-    : m_session(std::make_unique<Session>(std::move(handlers))) {}
+    : m_handlers(std::move(handlers)), m_end(eventfd(0, EFD_CLOEXEC)) {
+    if (geteuid() != 0)
+        throw std::runtime_error("Mounting the request device needs root.");
+    if (access("/dev/fuse", R_OK | W_OK) != 0)
+        throw std::runtime_error("/dev/fuse can't be opened; the request device needs it.");
+    mountDevice();
+    m_loop = std::thread([this] { serve(); });
+}
 
-DeviceFile::~DeviceFile() = default;
+DeviceFile::~DeviceFile() {
+    eventfd_write(m_end.get(), 1);
+    m_loop.join();
+    for (const std::weak_ptr<Submission>& submission : m_submissions) {
+        if (const SubmissionPtr open = submission.lock())
+            open->refuse(ENODEV);
+    }
+    fuse_session_unmount(m_session);
+    fuse_session_destroy(m_session);
+}
+
+void DeviceFile::mountDevice() {
+    char program[] = "qnthost";
+    char options[] = "-oallow_other,fsname=qnt_kl";
+    char* words[] = {program, options, nullptr};
+    fuse_args arguments = FUSE_ARGS_INIT(2, words);
+    fuse_lowlevel_ops operations{};
+    operations.lookup = lookUp;
+    operations.getattr = getAttributes;
+    operations.open = openFile;
+    operations.write = takeWrite;
+    m_session = fuse_session_new(&arguments, &operations, sizeof operations, this);
+    fuse_opt_free_args(&arguments);
+    if (m_session == nullptr || fuse_session_mount(m_session, kDriverFolder) != 0) {
+        if (m_session != nullptr)
+            fuse_session_destroy(m_session);
+        throw std::runtime_error("The request device could not be mounted over /proc/driver.");
+    }
+    fcntl(fuse_session_fd(m_session), F_SETFL, O_RDWR | O_NONBLOCK);
+}
+
+// Ends with the object, or if the device has been unmounted from outside.
+void DeviceFile::serve() {
+    sigset_t signals;
+    sigfillset(&signals);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    fuse_buf buffer{};
+    for (int size = -EAGAIN; (size > 0 || size == -EAGAIN) && awaitRequest();) {
+        size = fuse_session_receive_buf(m_session, &buffer);
+        if (size > 0)
+            fuse_session_process_buf(m_session, &buffer);
+        for (const SubmissionPtr& submission : std::exchange(m_interrupted, {}))
+            m_handlers.interrupted(submission);
+    }
+    std::free(buffer.mem);
+}
+
+// False if the loop is to end.
+bool DeviceFile::awaitRequest() const {
+    pollfd sources[] = {{fuse_session_fd(m_session), POLLIN, 0}, {m_end.get(), POLLIN, 0}};
+    return poll(sources, std::size(sources), -1) > 0 && sources[1].revents == 0;
+}
+
+void DeviceFile::takeWrite(fuse_req* write, std::uint64_t, const char* bytes, std::size_t size,
+                           off_t, fuse_file_info*) {
+    auto* self = static_cast<DeviceFile*>(fuse_req_userdata(write));
+    std::uint64_t address = 0;
+    if (size != sizeof address) {
+        fuse_reply_err(write, EINVAL);
+        return;
+    }
+    std::memcpy(&address, bytes, size);
+    try {
+        const auto submission = std::make_shared<Submission>(write, address);
+        std::erase_if(self->m_submissions, [](const auto& old) { return old.expired(); });
+        self->m_submissions.push_back(submission);
+        fuse_req_interrupt_func(write, noteInterrupt, self);
+        self->m_handlers.submitted(submission);
+    } catch (const std::system_error& error) {
+        fuse_reply_err(write, error.code().value());
+    }
+}
+
+// libfuse holds the request's lock here, so the handler is called after this has returned.
+void DeviceFile::noteInterrupt(fuse_req* write, void* device) {
+    auto* self = static_cast<DeviceFile*>(device);
+    for (const std::weak_ptr<Submission>& submission : self->m_submissions) {
+        const SubmissionPtr open = submission.lock();
+        if (open != nullptr && open->isAnswerTo(write))
+            self->m_interrupted.push_back(open);
+    }
+}
 
 }  // namespace sim

@@ -5,14 +5,21 @@
 
 #include <sys/types.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
-#include <string>
+#include <thread>
 #include <vector>
 
 #include "hostlink/device_request.h"
+#include "posix/unique_fd.h"
+
+struct fuse_file_info;
+struct fuse_req;
+struct fuse_session;
 
 namespace sim {
 
@@ -22,18 +29,35 @@ using Bytes = std::vector<std::uint8_t>;
 // refuse(); only the first call has an effect. Any thread may use it.
 class Submission {
 public:
-    virtual ~Submission() = default;
+    // Reads the request record at the address in the sender's memory. Throws std::system_error with
+    // the errno for an invalid one.
+    Submission(fuse_req* write, std::uint64_t address);
+    ~Submission() { refuse(EIO); }  // an unanswered write must still return
+    Submission(const Submission&) = delete;
+    Submission& operator=(const Submission&) = delete;
 
-    virtual pid_t thread() const = 0;  // the sender's kernel thread id
-    virtual const qnt::DeviceRequestHeader& header() const = 0;
-    virtual const std::vector<qnt::BufferDescriptor>& buffers() const = 0;
+    pid_t thread() const { return m_thread; }  // the sender's kernel thread id
+    const qnt::DeviceRequestHeader& header() const { return m_header; }
+    const std::vector<qnt::BufferDescriptor>& buffers() const { return m_buffers; }
     // The current bytes of a buffer in the sender's memory; none if they can't be read.
-    virtual std::optional<Bytes> readBuffer(std::size_t index) const = 0;
+    std::optional<Bytes> readBuffer(std::size_t index) const;
     // Writes into a buffer in the sender's memory, never beyond its size.
-    virtual bool writeBuffer(std::size_t index, const Bytes& bytes) = 0;
+    bool writeBuffer(std::size_t index, const Bytes& bytes);
 
-    virtual void complete(std::uint32_t status) = 0;  // stores the status; the write returns 8
-    virtual void refuse(int error) = 0;               // the write fails with this errno
+    void complete(std::uint32_t status);  // stores the status; the write returns 8
+    void refuse(int error);               // the write fails with this errno
+    bool isAnswerTo(const fuse_req* write) const;
+
+private:
+    void answerLocked(int error);
+
+    const pid_t m_thread;
+    const std::uint64_t m_address;
+    qnt::DeviceRequestHeader m_header{};
+    std::vector<qnt::BufferDescriptor> m_buffers;
+
+    mutable std::mutex m_mutex;
+    fuse_req* m_write;  // guarded by the mutex; null once answered
 };
 using SubmissionPtr = std::shared_ptr<Submission>;
 
@@ -55,8 +79,21 @@ public:
     DeviceFile& operator=(const DeviceFile&) = delete;
 
 private:
-    class Session;
-    std::unique_ptr<Session> m_session;
+    void mountDevice();
+    void serve();
+    bool awaitRequest() const;
+    static void takeWrite(fuse_req* write, std::uint64_t inode, const char* bytes, std::size_t size,
+                          off_t offset, fuse_file_info* file);
+    static void noteInterrupt(fuse_req* write, void* device);
+
+    const Handlers m_handlers;
+    fuse_session* m_session = nullptr;
+    const qnt::UniqueFd m_end;  // eventfd, readable when the loop is to end
+    std::thread m_loop;
+
+    // Used by the loop's thread, and by the destructor after it has ended.
+    std::vector<std::weak_ptr<Submission>> m_submissions;
+    std::vector<SubmissionPtr> m_interrupted;
 };
 
 }  // namespace sim

@@ -18,8 +18,8 @@ constexpr std::size_t kLinkMessageBuffer = 1;
 constexpr std::size_t kPrintingRequestBuffer = 0;
 constexpr std::size_t kPrintingAnswerBuffer = 1;
 
-const Reply kRefusal{.status = kRequestRefused};
-const Reply kUnreadable{.error = EFAULT};
+const Reply kRefusal{Reply::Kind::kStatus, kRequestRefused};
+const Reply kUnreadable{Reply::Kind::kWriteError, EFAULT};
 
 std::optional<Reply> readPrinting(const Submission& submission, Exchange& exchange) {
     const auto& buffers = submission.buffers();
@@ -64,15 +64,15 @@ std::optional<Reply> readLinkCall(const Submission& submission, Exchange& exchan
     return std::nullopt;
 }
 
-Reply linkReplyWith(const Exchange& exchange, std::uint32_t answerSize, std::int32_t hostStatus) {
-    if (exchange.request.empty())
-        return {};  // a probe has no header
-    qnt::KavelinkCallHeader header;
-    header.inputSize = exchange.inSize;
-    header.answerSize = answerSize;
-    header.hostStatus = hostStatus;
-    const auto* bytes = reinterpret_cast<const std::uint8_t*>(&header);
-    return {.answer = {bytes, bytes + sizeof header}};
+Bytes answerOf(const Reply& reply) {
+    switch (reply.kind) {
+        case Reply::Kind::kAskFor:
+            return roomRequest(reply.value);
+        case Reply::Kind::kMalformed:
+            return malformedAnswer();
+        default:
+            return reply.answer;
+    }
 }
 
 }  // namespace
@@ -91,51 +91,34 @@ std::optional<Reply> readRequest(const Submission& submission, Exchange& exchang
     }
 }
 
-Reply faultReply(const Exchange& exchange, const Fault& fault) {
-    const bool printing = exchange.code == qnt::QntKlReqPrinting;
-    switch (fault.kind) {
-        case Fault::Kind::kStatus:
-            return {.status = fault.value};
-        case Fault::Kind::kWriteError:
-            return {.error = static_cast<int>(fault.value)};
-        case Fault::Kind::kRaw:
-            return {.answer = fault.answer};
-        case Fault::Kind::kAskFor:
-            return printing ? Reply{.answer = roomRequest(fault.value)}
-                            : linkReplyWith(exchange, fault.value, 0);
-        case Fault::Kind::kMalformed:
-            return printing ? Reply{.answer = malformedAnswer()} : linkReplyWith(exchange, 0, -1);
-        default:
-            return {.status = qnt::kRequestCanceled};
-    }
-}
-
-Reply fittedReply(const Exchange& exchange, const Bytes& answer) {
-    const bool fits = answer.size() <= exchange.outSize;
-    return {.answer = fits ? answer : roomRequest(static_cast<std::uint32_t>(answer.size()))};
-}
-
 Reply linkReply(const Exchange& exchange) {
-    return linkReplyWith(exchange, 0, 0);
+    if (exchange.request.empty())
+        return {Reply::Kind::kRaw};  // a probe has no header
+    qnt::KavelinkCallHeader header;
+    header.inputSize = exchange.inSize;
+    const auto* bytes = reinterpret_cast<const std::uint8_t*>(&header);
+    return {Reply::Kind::kRaw, 0, {bytes, bytes + sizeof header}};
 }
 
 void deliver(Submission& submission, Exchange& exchange, const Reply& reply) {
+    exchange.answered = std::chrono::system_clock::now();
+    const Bytes answer = answerOf(reply);
     const std::size_t buffer =
         exchange.code == qnt::QntKlReqPrinting ? kPrintingAnswerBuffer : kLinkHeaderBuffer;
-    exchange.answered = std::chrono::system_clock::now();
-    exchange.error = reply.error;
-    if (reply.error == 0 && !reply.answer.empty()) {
-        if (submission.writeBuffer(buffer, reply.answer))
-            exchange.answer = reply.answer;
-        else
-            exchange.error = EFAULT;
-    }
+    if (reply.kind == Reply::Kind::kWriteError)
+        exchange.error = static_cast<int>(reply.value);
+    else if (!answer.empty() && !submission.writeBuffer(buffer, answer))
+        exchange.error = EFAULT;
     if (exchange.error != 0)
         return;
-    exchange.status = reply.status;
-    if (!exchange.answer.empty())
+    exchange.status = reply.kind == Reply::Kind::kCancel   ? qnt::kRequestCanceled
+                      : reply.kind == Reply::Kind::kStatus ? reply.value
+                                                           : qnt::kRequestDone;
+    if (!answer.empty()) {
+        exchange.answer = answer;
         exchange.answer.resize(
-            std::min<std::size_t>(reply.answer.size(), submission.buffers()[buffer].size));
+            std::min<std::size_t>(answer.size(), submission.buffers()[buffer].size));
+    }
 }
 
 void finish(Submission& submission, const Exchange& exchange) {

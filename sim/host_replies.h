@@ -28,31 +28,21 @@ struct Exchange {
     std::optional<std::chrono::system_clock::time_point> answered;
 };
 
-// A reply in place of the proper answer. For a link call, kAskFor announces an answer of that size,
-// kMalformed reports a failure in the call header, and kRaw replaces that header. kSilence: none,
-// the request is held for ever.
-struct Fault {
+// The reply to a request. kRaw writes the answer and stores the status 0; kAskFor and kMalformed
+// do so with an answer to a printing request. kSilence: none, the request is held for ever.
+struct Reply {
     enum class Kind { kCancel, kStatus, kAskFor, kMalformed, kRaw, kSilence, kWriteError };
     Kind kind = Kind::kCancel;
     std::uint32_t value = 0;  // kStatus: the status; kAskFor: bytes; kWriteError: the errno
-    Bytes answer;             // kRaw: all bytes of the answer
+    Bytes answer = {};        // kRaw: all bytes of the answer
 };
-
-// The reply to a request: a status and an answer, or the errno of the write.
-struct Reply {
-    std::uint32_t status = 0;
-    int error = 0;
-    Bytes answer = {};
-    bool takesCommand = false;  // the answer is the first waiting command
-};
+using Fault = Reply;  // in place of the host's own
 
 // Fills in the request's part of the exchange. Returns a reply only if the request is malformed: a
 // refusal, or EFAULT if its memory can't be read.
 std::optional<Reply> readRequest(const Submission& submission, Exchange& exchange);
 
-Reply faultReply(const Exchange& exchange, const Fault& fault);
-// The answer, or the buffer size that it needs if it does not fit.
-Reply fittedReply(const Exchange& exchange, const Bytes& answer);
+// The host's own reply to a link call.
 Reply linkReply(const Exchange& exchange);
 
 // Two steps, so that the exchange can be recorded between them: deliver() writes the answer into

@@ -10,7 +10,7 @@
 #include <stdexcept>
 
 #include "hostlink/kavelink_backdoor.h"
-#include "sim/process_memory.h"
+#include "sim/process.h"
 
 namespace sim {
 namespace {
@@ -38,8 +38,7 @@ int awaitStop(pid_t process) {
 }  // namespace
 
 // All calls of ptrace must come from the thread that has attached.
-Hypervisor::Hypervisor(pid_t process, Receive receive)
-    : m_process(process), m_receive(std::move(receive)) {
+Hypervisor::Hypervisor(pid_t process, SimulatedHost& host) : m_process(process), m_host(host) {
     std::promise<bool> attached;
     m_thread = std::thread([this, &attached] {
         sigset_t signals;
@@ -94,7 +93,7 @@ bool Hypervisor::executeCommand(qnt::RdpmcRegisters& registers) {
     switch (registers.rax) {
         case qnt::kBackdoorProbe:
             registers = {qnt::kBackdoorSignature, qnt::kBackdoorVersion, kMaxTransfer, 0, 0, 0};
-            m_receive({}, 1);
+            m_host.receiveFromBackdoor({}, 1);
             return true;
         case qnt::kBackdoorBegin:
             m_totalInput = static_cast<std::uint32_t>(registers.rbx);
@@ -125,7 +124,7 @@ std::int32_t Hypervisor::transfer(const qnt::RdpmcRegisters& registers) {
     m_input.insert(m_input.end(), chunk.begin(), chunk.end());
     if (m_input.size() < m_totalInput)
         return qnt::kHostStatusMore;
-    m_receive(m_input, m_transfers);
+    m_host.receiveFromBackdoor(m_input, m_transfers);
     return qnt::kHostStatusComplete;
 }
 

@@ -1,11 +1,7 @@
 #include "sim/private_cups.h"
 
-#include <sys/wait.h>
-
-#include <array>
 #include <chrono>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
@@ -19,47 +15,21 @@ PrivateCups::PrivateCups(const std::string& folder)
     start();
 }
 
-PrivateCups::~PrivateCups() = default;
-
-pid_t PrivateCups::pid() const {
-    return m_daemon ? m_daemon->pid() : -1;
-}
-
-std::string PrivateCups::socketPath() const {
-    return m_folder + "/cups.sock";
-}
-
 void PrivateCups::start() {
+    const std::string output = m_folder + "/cupsd.out";
     m_daemon.emplace(std::vector<std::string>{QNT_PRIVATE_CUPS, m_folder},
-                     std::map<std::string, std::string>{}, m_folder + "/cupsd.out");
-    for (int tries = 0; commandOutput("lpstat -r 2>&1") != "scheduler is running\n"; ++tries) {
-        if (tries == 200 || m_daemon->wait(std::chrono::milliseconds(50)))
-            throw std::runtime_error("cupsd does not start; see " + m_folder + "/cupsd.out");
+                     std::map<std::string, std::string>{}, output);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (commandOutput("lpstat -r 2>&1") != "scheduler is running\n") {
+        if (std::chrono::steady_clock::now() > end || m_daemon->wait(std::chrono::milliseconds(20)))
+            throw std::runtime_error("cupsd does not start; see " + output);
     }
 }
 
 void PrivateCups::stop() {
     m_daemon->signal(SIGTERM);
-    if (!m_daemon->wait(std::chrono::seconds(10)))
+    if (!m_daemon->wait(std::chrono::seconds(60)))
         throw std::runtime_error("cupsd does not stop");
-}
-
-void PrivateCups::kill() {
-    m_daemon.reset();
-}
-
-std::string commandOutput(const std::string& command, int* status) {
-    std::string output;
-    std::FILE* const pipe = popen(command.c_str(), "re");
-    if (pipe == nullptr)
-        throw std::runtime_error("Could not run " + command);
-    std::array<char, 4096> piece;
-    for (std::size_t got = 0; (got = std::fread(piece.data(), 1, piece.size(), pipe)) > 0;)
-        output.append(piece.data(), got);
-    const int result = pclose(pipe);
-    if (status != nullptr)
-        *status = WIFEXITED(result) ? WEXITSTATUS(result) : 128 + WTERMSIG(result);
-    return output;
 }
 
 }  // namespace sim

@@ -1,4 +1,4 @@
-// A real CUPS for the simulated guest, and what its tools print.
+// A real CUPS for the simulated guest.
 
 #pragma once
 
@@ -17,22 +17,17 @@ namespace sim {
 class PrivateCups {
 public:
     explicit PrivateCups(const std::string& folder);
-    ~PrivateCups();
 
-    pid_t pid() const;
-    void stop();   // SIGTERM and wait
-    void start();  // once more, with the queues it had
-    void kill();   // SIGKILL and wait
+    pid_t pid() const { return m_daemon ? m_daemon->pid() : -1; }
+    void stop();                       // SIGTERM and wait
+    void start();                      // once more, with the queues it had
+    void kill() { m_daemon.reset(); }  // SIGKILL and wait
 
-    std::string socketPath() const;  // the value of CUPS_SERVER
+    std::string socketPath() const { return m_folder + "/cups.sock"; }  // the value of CUPS_SERVER
 
 private:
     std::string m_folder;
     std::optional<Process> m_daemon;
 };
-
-// Returns what a command prints on standard output. Stores its exit code in `status` unless that is
-// null.
-std::string commandOutput(const std::string& command, int* status = nullptr);
 
 }  // namespace sim

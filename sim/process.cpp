@@ -4,11 +4,12 @@
 #include <poll.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <stdexcept>
 
 #include "posix/unique_fd.h"
@@ -18,34 +19,8 @@ namespace {
 
 constexpr int kNotStarted = 127;
 
-// A null-terminated array of pointers to the texts, for exec.
-std::vector<char*> pointersTo(const std::vector<std::string>& texts) {
-    std::vector<char*> pointers;
-    pointers.reserve(texts.size() + 1);
-    for (const std::string& text : texts)
-        pointers.push_back(const_cast<char*>(text.c_str()));
-    pointers.push_back(nullptr);
-    return pointers;
-}
-
-std::vector<std::string> environmentWith(const std::map<std::string, std::string>& variables) {
-    std::vector<std::string> lines;
-    for (char** line = environ; *line != nullptr; ++line) {
-        const std::string text = *line;
-        if (!variables.contains(text.substr(0, text.find('='))))
-            lines.push_back(text);
-    }
-    for (const auto& [name, value] : variables)
-        lines.push_back(std::string(name).append("=").append(value));
-    return lines;
-}
-
-int openOutput(const std::string& path) {
-    return path.empty() ? -1 : open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
-}
-
 // Runs in the child: makes a new process group, unblocks all signals, redirects input and output.
-[[noreturn]] void runChild(char* const* command, char* const* environment, int input, int output) {
+[[noreturn]] void runChild(char* const* command, int input, int output) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     setpgid(0, 0);
     sigset_t none;
@@ -56,7 +31,7 @@ int openOutput(const std::string& path) {
         dup2(output, STDOUT_FILENO);
         dup2(output, STDERR_FILENO);
     }
-    execvpe(command[0], command, environment);
+    execvp(command[0], command);
     _exit(kNotStarted);
 }
 
@@ -66,19 +41,27 @@ int exitCodeOf(int status) {
 
 }  // namespace
 
-Process::Process(const std::vector<std::string>& command,
+Process::Process(std::vector<std::string> command,
                  const std::map<std::string, std::string>& variables,
                  const std::string& outputFile) {
-    const std::vector<std::string> environment = environmentWith(variables);
-    const std::vector<char*> words = pointersTo(command);
-    const std::vector<char*> lines = pointersTo(environment);
+    for (const auto& [name, value] : variables)
+        command.insert(command.begin(), std::string(name).append("=").append(value));
+    if (!variables.empty())
+        command.insert(command.begin(), "env");
+    std::vector<char*> words;
+    for (std::string& word : command)
+        words.push_back(word.data());
+    words.push_back(nullptr);
     const qnt::UniqueFd input(open("/dev/null", O_RDONLY | O_CLOEXEC));
-    const qnt::UniqueFd output(openOutput(outputFile));
+    const qnt::UniqueFd output(
+        outputFile.empty()
+            ? -1
+            : open(outputFile.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666));
     m_pid = fork();
     if (m_pid == -1)
         throw std::runtime_error("Could not start " + command.front());
     if (m_pid == 0)
-        runChild(words.data(), lines.data(), input.get(), output.get());
+        runChild(words.data(), input.get(), output.get());
     setpgid(m_pid, m_pid);
 }
 
@@ -109,6 +92,31 @@ std::optional<int> Process::wait(std::chrono::milliseconds time) {
         return std::nullopt;
     m_result = collect();
     return m_result;
+}
+
+std::string commandOutput(const std::string& command, int* status) {
+    std::FILE* const pipe = popen(command.c_str(), "re");
+    if (pipe == nullptr)
+        throw std::runtime_error("Could not run " + command);
+    std::string output;
+    for (int byte = 0; (byte = std::fgetc(pipe)) != EOF;)
+        output.push_back(static_cast<char>(byte));
+    const int result = pclose(pipe);
+    if (status != nullptr)
+        *status = exitCodeOf(result);
+    return output;
+}
+
+bool readMemory(pid_t thread, std::uint64_t address, void* bytes, std::size_t size) {
+    const iovec local{bytes, size};
+    const iovec remote{reinterpret_cast<void*>(address), size};
+    return process_vm_readv(thread, &local, 1, &remote, 1, 0) == static_cast<ssize_t>(size);
+}
+
+bool writeMemory(pid_t thread, std::uint64_t address, const void* bytes, std::size_t size) {
+    const iovec local{const_cast<void*>(bytes), size};
+    const iovec remote{reinterpret_cast<void*>(address), size};
+    return process_vm_writev(thread, &local, 1, &remote, 1, 0) == static_cast<ssize_t>(size);
 }
 
 }  // namespace sim

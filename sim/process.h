@@ -1,10 +1,11 @@
-// A child process that ends with its owner.
+// Child processes and the memory of processes.
 
 #pragma once
 
 #include <sys/types.h>
 
 #include <chrono>
+#include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
@@ -19,7 +20,7 @@ public:
     // Starts a program found on PATH, with the environment plus `variables` and with standard input
     // from /dev/null. Standard output and error are appended to `outputFile`, or inherited if it is
     // empty. The exit code is 127 if the program can't be started.
-    Process(const std::vector<std::string>& command,
+    Process(std::vector<std::string> command,
             const std::map<std::string, std::string>& variables = {},
             const std::string& outputFile = {});
     ~Process();  // SIGKILL
@@ -37,5 +38,14 @@ private:
     pid_t m_pid = -1;
     std::optional<int> m_result;
 };
+
+// Returns what a shell command prints on standard output. Stores its exit code, or 128 plus the
+// signal that ended it, in `status` unless that is null.
+std::string commandOutput(const std::string& command, int* status = nullptr);
+
+// Copy bytes from and to the process of the thread, which must not have ended. False if some of
+// them are not accessible.
+bool readMemory(pid_t thread, std::uint64_t address, void* bytes, std::size_t size);
+bool writeMemory(pid_t thread, std::uint64_t address, const void* bytes, std::size_t size);
 
 }  // namespace sim

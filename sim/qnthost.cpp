@@ -5,12 +5,9 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <fstream>
 #include <iostream>
-#include <map>
 
 #include "sim/console.h"
 #include "sim/guest_namespace.h"
@@ -34,86 +31,66 @@ constexpr char kUsage[] =
     "virtual USB printers in /sys/bus/usb, and a folder over /var/log, in a mount namespace that\n"
     "is not visible from outside. Needs root and /dev/fuse. Reads commands from standard input,\n"
     "with a prompt on a terminal, and prints each exchange with the service once it is answered:\n"
-    "time, request (bytes sent/bytes of room for the answer), answer, time for which it was held.\n"
+    "time, request (bytes sent/size of the answer buffer), answer, time for which it was held.\n"
     "\n"
     "  --log FOLDER         mount this folder over /var/log (default: a new folder in /tmp)\n"
     "  --cups FOLDER        start a private cupsd with its files there, which the tools of CUPS\n"
     "                       reach with CUPS_SERVER=FOLDER/cups.sock (default: none is started)\n"
-    "  --link TRANSPORT     'device' (default), or 'backdoor': refuse link calls on the device "
-    "and\n"
-    "                       take them from the program of --run as its hypervisor\n"
-    "  --script FILE        read the commands from a file; the first that fails ends qnthost\n"
+    "  --backdoor           refuse link calls on the device, and take them from the program of\n"
+    "                       --run as its hypervisor\n"
     "  --namespace-entered  use the current mount namespace, made by unshare -m, so that other\n"
     "                       programs in it can use the device\n"
-    "  --quiet              print no exchanges\n"
-    "  --output FILE        append the output of the program and of its tools to this file\n"
     "  --run PROGRAM...     start this program in the guest; 'stop' and the end of qnthost end it\n"
     "  --help               print this text and the commands\n"
     "\n"
-    "Prints 'ready' once the device is mounted. Exit codes: 0 at the end of the commands, 1 after\n"
-    "a failed script, 64 for wrong arguments, 69 if the machine lacks something.\n"
+    "Prints 'ready' once the device is mounted. Exit codes: 0 at the end of the commands, 64 for\n"
+    "wrong arguments, 69 if the machine lacks something.\n"
     "\n";
 
 struct Options {
     std::string logFolder;
     std::string cupsFolder;
-    std::string script;
-    std::string output;
-    std::string link = "device";
+    bool backdoor = false;
     bool namespaceEntered = false;
-    bool quiet = false;
     bool help = false;
     bool wrong = false;
     std::vector<std::string> program;
-
-    bool isBackdoor() const { return link == "backdoor"; }
 };
 
 Options readOptions(int argc, char** argv) {
     const option known[] = {{"log", required_argument, nullptr, 'l'},
                             {"cups", required_argument, nullptr, 'c'},
-                            {"link", required_argument, nullptr, 'k'},
-                            {"script", required_argument, nullptr, 's'},
+                            {"backdoor", no_argument, nullptr, 'b'},
                             {"namespace-entered", no_argument, nullptr, 'n'},
-                            {"quiet", no_argument, nullptr, 'q'},
-                            {"output", required_argument, nullptr, 'o'},
                             {"run", no_argument, nullptr, 'r'},
                             {"help", no_argument, nullptr, 'h'},
                             {nullptr, 0, nullptr, 0}};
     Options options;
-    bool runs = false;
-    const std::map<int, std::string*> texts = {{'l', &options.logFolder},
-                                               {'c', &options.cupsFolder},
-                                               {'k', &options.link},
-                                               {'s', &options.script},
-                                               {'o', &options.output}};
-    const std::map<int, bool*> switches = {{'n', &options.namespaceEntered},
-                                           {'q', &options.quiet},
-                                           {'r', &runs},
-                                           {'h', &options.help}};
-    for (int key = 0; !runs && (key = getopt_long(argc, argv, "+h", known, nullptr)) != -1;) {
-        if (texts.contains(key))
-            *texts.at(key) = optarg;
-        else if (switches.contains(key))
-            *switches.at(key) = true;
-        else
-            options.wrong = true;
+    int key = 0;
+    while (key != 'r' && (key = getopt_long(argc, argv, "+h", known, nullptr)) != -1) {
+        if (key == 'l')
+            options.logFolder = optarg;
+        else if (key == 'c')
+            options.cupsFolder = optarg;
+        options.backdoor |= key == 'b';
+        options.namespaceEntered |= key == 'n';
+        options.help |= key == 'h';
+        options.wrong |= key == '?';
     }
-    if (runs)
-        options.program.assign(argv + optind, argv + argc);
-    options.wrong |= runs == options.program.empty() || (!runs && optind != argc);
-    options.wrong |= options.isBackdoor() ? !runs : options.link != "device";
+    const bool runs = key == 'r';
+    options.program.assign(argv + optind, argv + argc);
+    options.wrong |= runs == options.program.empty() || (options.backdoor && !runs);
     return options;
 }
 
-void enterNamespace(const Options& options, Terminal& terminal) {
+void enterNamespace(const Options& options) {
     std::string folder = options.logFolder;
     if (folder.empty()) {
         char name[] = "/tmp/qnthost-log-XXXXXX";
         if (mkdtemp(name) == nullptr)
             throw std::runtime_error("Could not make a folder for the log in /tmp.");
         folder = name;
-        terminal.print("log folder " + folder);
+        printLine("log folder " + folder);
     }
     if (options.namespaceEntered)
         mountGuestFolders(folder);
@@ -121,89 +98,54 @@ void enterNamespace(const Options& options, Terminal& terminal) {
         enterGuestNamespace(folder);
 }
 
-// Returns the exit code.
-int runScript(Console& console, Terminal& terminal, const std::string& path) {
-    terminal.print("ready");
-    std::ifstream script(path);
-    int number = 0;
-    try {
-        for (std::string line; std::getline(script, line) && console.execute(line);)
-            ++number;
-    } catch (const ConsoleError& error) {
-        std::cerr << path << ":" << number + 1 << ": " << error.what() << std::endl;
-        return 1;
-    }
-    return 0;
-}
-
-void readCommands(Console& console, Terminal& terminal) {
-    const auto execute = [&](const std::string& line) {
+void readCommands(const Console& console) {
+    const auto executeOrReport = [&](const std::string& line) {
         try {
-            return console.execute(line);
+            return execute(console, line);
         } catch (const ConsoleError& error) {
             std::cerr << "qnthost: " << error.what() << std::endl;
             return true;
         }
     };
     if (isatty(STDIN_FILENO) == 1) {
-        terminal.print("ready; 'help' lists the commands");
-        terminal.readLines(execute, [&](bool first) { return console.completions(first); });
+        printLine("ready; 'help' lists the commands");
+        readLines(executeOrReport, [&](bool first) { return completions(console, first); });
         return;
     }
-    terminal.print("ready");
-    for (std::string line; std::getline(std::cin, line) && execute(line);) {
+    printLine("ready");
+    for (std::string line; std::getline(std::cin, line) && executeOrReport(line);) {
     }
 }
 
-// The service's probe of the device is held until the hypervisor takes the instruction.
-void startProgram(const Options& options, SimulatedHost& host,
-                  std::optional<Hypervisor>& hypervisor, std::optional<Process>& program) {
-    if (options.isBackdoor()) {
-        host.setLinkMode(LinkMode::kRefuse);
-        host.hold(kLinkCall);
-    }
-    program.emplace(options.program, std::map<std::string, std::string>{}, options.output);
-    if (options.isBackdoor()) {
-        hypervisor.emplace(program->pid(), [&host](Bytes message, int transfers) {
-            host.receiveFromBackdoor(std::move(message), transfers);
-        });
-        host.release(kLinkCall);
-    }
-}
-
-int simulateHost(const Options& options) {
-    if (!options.script.empty() && access(options.script.c_str(), R_OK) != 0) {
-        std::cerr << "qnthost: can't read " << options.script << std::endl;
-        return kUsageExitCode;
-    }
-    Terminal terminal;
-    const auto print = [&](const std::string& line) { terminal.print(line); };
-    enterNamespace(options, terminal);
+void simulateHost(const Options& options) {
+    enterNamespace(options);
     std::optional<PrivateCups> cups;
     if (!options.cupsFolder.empty())
         cups.emplace(options.cupsFolder);
-    SimulatedHost host(options.quiet ? nullptr : std::function<void(const std::string&)>(print));
+    SimulatedHost host(printLine);
     std::optional<Hypervisor> hypervisor;  // ends after the program
     std::optional<Process> program;
+    if (options.backdoor) {
+        host.refuseLink();
+        host.hold(kLinkCall);  // until the hypervisor takes the instruction
+    }
     if (!options.program.empty())
-        startProgram(options, host, hypervisor, program);
-    Console console(host, program, print);
-    int exitCode = 0;
-    if (options.script.empty())
-        readCommands(console, terminal);
-    else
-        exitCode = runScript(console, terminal, options.script);
+        program.emplace(options.program);
+    if (options.backdoor) {
+        hypervisor.emplace(program->pid(), host);
+        host.release(kLinkCall);
+    }
+    readCommands({host, program, printLine, isInterrupted});
     if (program) {
         program->signal(SIGTERM);
         program->wait(kProgramEndTime);
     }
-    return exitCode;
 }
 
 int runHost(int argc, char** argv) {
     const Options options = readOptions(argc, argv);
     if (options.help) {
-        std::cout << kUsage << Console::help() << std::endl;
+        std::cout << kUsage << listOfCommands() << std::endl;
         return 0;
     }
     if (options.wrong) {
@@ -211,7 +153,8 @@ int runHost(int argc, char** argv) {
         return kUsageExitCode;
     }
     try {
-        return simulateHost(options);
+        simulateHost(options);
+        return 0;
     } catch (const std::exception& error) {
         std::cerr << "qnthost: " << error.what() << std::endl;
         return kMissingExitCode;

@@ -10,7 +10,7 @@ namespace sim {
 namespace {
 
 // waitUntil() also polls: its condition may depend on more than the exchanges.
-constexpr std::chrono::milliseconds kPollInterval(50);
+constexpr std::chrono::milliseconds kPollInterval(10);
 
 bool isRunLoopType(std::uint32_t requestType) {
     return requestType == qnt::GetPrintingCmd || requestType == qnt::PrintingCmdAnswer ||
@@ -19,6 +19,13 @@ bool isRunLoopType(std::uint32_t requestType) {
 
 std::uint32_t sequenceOf(const Exchange& exchange) {
     return qnt::readU32(exchange.request.data() + qnt::PrintingCmdHeader::kSequenceOffset);
+}
+
+// The answer, or the buffer size that it needs if it does not fit.
+Reply fittedReply(const Exchange& exchange, Bytes answer) {
+    const auto size = static_cast<std::uint32_t>(answer.size());
+    return size <= exchange.outSize ? Reply{Reply::Kind::kRaw, 0, std::move(answer)}
+                                    : Reply{Reply::Kind::kAskFor, size};
 }
 
 }  // namespace
@@ -82,8 +89,8 @@ void SimulatedHost::send(HostCommand command) {
     });
 }
 
-void SimulatedHost::fault(std::uint32_t requestType, Fault fault) {
-    change([&] { m_faults[requestType].push_back(std::move(fault)); });
+void SimulatedHost::fault(std::uint32_t requestType, Fault reply) {
+    change([&] { m_queuedReplies[requestType].push_back(std::move(reply)); });
 }
 
 void SimulatedHost::hold(std::uint32_t requestType) {
@@ -94,11 +101,8 @@ void SimulatedHost::release(std::uint32_t requestType) {
     change([&] { m_holds.erase(requestType); });
 }
 
-void SimulatedHost::setLinkMode(LinkMode mode, int times) {
-    change([&] {
-        m_linkMode = mode;
-        m_linkModeTimes = times;
-    });
+void SimulatedHost::refuseLink() {
+    change([&] { m_refusesLink = true; });
 }
 
 void SimulatedHost::receiveFromBackdoor(Bytes message, int transfers) {
@@ -154,42 +158,29 @@ std::vector<std::uint32_t> SimulatedHost::results() const {
 std::size_t SimulatedHost::waiting(std::uint32_t requestType) const {
     const std::lock_guard lock(m_mutex);
     return static_cast<std::size_t>(std::ranges::count_if(m_held, [&](const Held& held) {
-        return m_exchanges[held.exchange].requestType == requestType;
+        const std::uint32_t type = m_exchanges[held.exchange].requestType;
+        return type == requestType || (requestType == kRunLoopRequest && isRunLoopType(type));
     }));
 }
 
 bool SimulatedHost::isIdle() const {
     const std::lock_guard lock(m_mutex);
-    return isIdleLocked();
-}
-
-std::optional<HostCommand> SimulatedHost::currentCommand() const {
-    const std::lock_guard lock(m_mutex);
-    return m_currentCommand;
-}
-
-bool SimulatedHost::waitUntilIdle(std::chrono::milliseconds time) const {
-    std::unique_lock lock(m_mutex);
-    return m_changed.wait_for(lock, time, [this] { return isIdleLocked(); });
+    return m_commands.empty() && std::ranges::any_of(m_held, [&](const Held& held) {
+               return isRunLoopType(m_exchanges[held.exchange].requestType);
+           });
 }
 
 // The condition may call the host, so it is called without the mutex.
 bool SimulatedHost::waitUntil(const std::function<bool()>& condition,
                               std::chrono::milliseconds time) const {
     const auto deadline = std::chrono::steady_clock::now() + time;
-    std::unique_lock lock(m_mutex);
-    while (true) {
-        const std::uint64_t seen = m_version;
-        lock.unlock();
-        if (condition())
-            return true;
-        const auto now = std::chrono::steady_clock::now();
-        if (now >= deadline)
+    while (!condition()) {
+        std::unique_lock lock(m_mutex);
+        if (std::chrono::steady_clock::now() >= deadline)
             return false;
-        lock.lock();
-        m_changed.wait_until(lock, std::min(deadline, now + kPollInterval),
-                             [&] { return m_version != seen; });
+        m_changed.wait_for(lock, kPollInterval);
     }
+    return true;
 }
 
 // Makes a change under the mutex, then answers every held request that can be answered now.
@@ -199,7 +190,6 @@ void SimulatedHost::change(Change apply) {
         const std::lock_guard lock(m_mutex);
         apply();
         answerHeld();
-        ++m_version;
     }
     m_changed.notify_all();
 }
@@ -208,8 +198,6 @@ void SimulatedHost::arrive(SubmissionPtr submission) {
     Exchange exchange;
     std::optional<Reply> reply = readRequest(*submission, exchange);
     change([&] {
-        if (isRunLoopType(exchange.requestType))
-            m_currentCommand.reset();
         m_exchanges.push_back(std::move(exchange));
         m_held.push_back({std::move(submission), m_exchanges.size() - 1, std::move(reply)});
     });
@@ -219,49 +207,40 @@ void SimulatedHost::cancel(const SubmissionPtr& submission) {
     change([&] {
         const auto held = std::ranges::find(m_held, submission, &Held::submission);
         if (held != m_held.end())
-            held->reply = Reply{.status = qnt::kRequestCanceled};
+            held->reply = Reply{Reply::Kind::kCancel};
     });
 }
 
 void SimulatedHost::answerHeld() {
     std::erase_if(m_held, [&](Held& held) {
-        const std::optional<Reply> reply = replyTo(held);
-        if (reply)
-            carryOut(held, *reply);
-        return reply.has_value();
+        const Exchange& exchange = m_exchanges[held.exchange];
+        if (!held.reply && !m_holds.contains(exchange.requestType)) {
+            held.reply = queuedReply(exchange.requestType);
+            if (!held.reply)
+                held.reply = ownReply(exchange);
+        }
+        if (!held.reply || held.reply->kind == Reply::Kind::kSilence)
+            return false;
+        carryOut(held);
+        return true;
     });
 }
 
-std::optional<Reply> SimulatedHost::replyTo(Held& held) {
-    const Exchange& exchange = m_exchanges[held.exchange];
-    if (held.reply || held.silenced || m_holds.contains(exchange.requestType))
-        return held.reply;
-    if (const std::optional<Fault> fault = takeFault(exchange.requestType)) {
-        held.silenced = fault->kind == Fault::Kind::kSilence;
-        return held.silenced ? std::nullopt : std::optional(faultReply(exchange, *fault));
-    }
-    return exchange.code == qnt::QntKlReqPrinting ? printingReply(exchange)
-                                                  : linkModeReply(exchange);
-}
-
-bool SimulatedHost::isIdleLocked() const {
-    return m_commands.empty() && std::ranges::any_of(m_held, [&](const Held& held) {
-               return isRunLoopType(m_exchanges[held.exchange].requestType);
-           });
-}
-
-std::optional<Fault> SimulatedHost::takeFault(std::uint32_t requestType) {
-    std::deque<Fault>* faults = &m_faults[requestType];
-    if (faults->empty() && isRunLoopType(requestType))
-        faults = &m_faults[kRunLoopRequest];
-    if (faults->empty())
+std::optional<Reply> SimulatedHost::queuedReply(std::uint32_t requestType) {
+    std::deque<Reply>* replies = &m_queuedReplies[requestType];
+    if (replies->empty() && isRunLoopType(requestType))
+        replies = &m_queuedReplies[kRunLoopRequest];
+    if (replies->empty())
         return std::nullopt;
-    Fault fault = std::move(faults->front());
-    faults->pop_front();
-    return fault;
+    Reply reply = std::move(replies->front());
+    replies->pop_front();
+    return reply;
 }
 
-std::optional<Reply> SimulatedHost::printingReply(const Exchange& exchange) const {
+std::optional<Reply> SimulatedHost::ownReply(const Exchange& exchange) {
+    const Reply refusal{Reply::Kind::kStatus, kRequestRefused};
+    if (exchange.code != qnt::QntKlReqPrinting)
+        return m_refusesLink ? refusal : linkReply(exchange);
     switch (exchange.requestType) {
         case qnt::GetDefaultPrinter:
             return defaultPrinterReply(exchange);
@@ -270,9 +249,9 @@ std::optional<Reply> SimulatedHost::printingReply(const Exchange& exchange) cons
         case qnt::PrintingCmdPending:
             return commandReply(exchange);
         case qnt::UserDeletedPrinters:
-            return Reply{.answer = emptyAnswer(0)};
+            return Reply{Reply::Kind::kRaw, 0, emptyAnswer(0)};
         default:
-            return Reply{.status = kRequestRefused};
+            return refusal;
     }
 }
 
@@ -284,35 +263,20 @@ std::optional<Reply> SimulatedHost::defaultPrinterReply(const Exchange& exchange
 
 // The service only drops a pending command at the answer to PrintingCmdPending and then asks for
 // the same command again.
-std::optional<Reply> SimulatedHost::commandReply(const Exchange& exchange) const {
+std::optional<Reply> SimulatedHost::commandReply(const Exchange& exchange) {
     if (m_commands.empty())
         return std::nullopt;
-    const Bytes answer = encodeAnswer(m_commands.front().command, m_commands.front().sequence);
-    Reply reply = fittedReply(exchange, answer);
-    reply.takesCommand =
-        answer.size() <= exchange.outSize && exchange.requestType != qnt::PrintingCmdPending;
+    const auto& [command, sequence] = m_commands.front();
+    const Reply reply = fittedReply(exchange, encodeAnswer(command, sequence));
+    if (reply.kind == Reply::Kind::kRaw && exchange.requestType != qnt::PrintingCmdPending)
+        m_commands.pop_front();
     return reply;
 }
 
-Reply SimulatedHost::linkModeReply(const Exchange& exchange) {
-    if (m_linkMode == LinkMode::kRefuse)
-        return {.status = kRequestRefused};
-    const bool probe = exchange.request.empty();
-    if (probe && m_linkMode == LinkMode::kAskAgain && m_linkModeTimes > 0) {
-        --m_linkModeTimes;
-        return {.status = qnt::kRequestAgain};
-    }
-    return linkReply(exchange);
-}
-
 // Records and reports the exchange before the sender continues.
-void SimulatedHost::carryOut(Held& held, const Reply& reply) {
+void SimulatedHost::carryOut(const Held& held) {
     Exchange& exchange = m_exchanges[held.exchange];
-    deliver(*held.submission, exchange, reply);
-    if (reply.takesCommand && exchange.error == 0) {
-        m_currentCommand = std::move(m_commands.front().command);
-        m_commands.pop_front();
-    }
+    deliver(*held.submission, exchange, *held.reply);
     if (exchange.requestType == qnt::UserDeletedPrinters && exchange.status == qnt::kRequestDone)
         forgetReported(exchange.request);
     if (m_report)

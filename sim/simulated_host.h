@@ -28,11 +28,11 @@
 
 namespace sim {
 
-enum class LinkMode { kAccept, kRefuse, kAskAgain };  // kAskAgain: probes only
-
 // Used in place of a request type: for a link call, and for any request of the run loop.
 inline constexpr std::uint32_t kLinkCall = 0;
 inline constexpr std::uint32_t kRunLoopRequest = 0xFFFFFFFF;
+
+inline constexpr std::chrono::seconds kPatience(60);  // for what normally takes a moment
 
 class SimulatedHost {
 public:
@@ -59,14 +59,14 @@ public:
     // Queues a command for the service.
     void send(HostCommand command);
     void sendPrinterList() { send(printerList(printers())); }
-    // Queues a fault, which the next request of this type gets in place of its answer. A request
-    // that is held already counts as the next one.
-    void fault(std::uint32_t requestType, Fault fault);
+    // Queues a reply, which the next request of this type gets in place of the host's own. A
+    // request that is held already counts as the next one.
+    void fault(std::uint32_t requestType, Fault reply);
     // Holds all requests of this type until release().
     void hold(std::uint32_t requestType);
     void release(std::uint32_t requestType);
-    // `times` applies to kAskAgain: the number of probes to repeat before the link accepts.
-    void setLinkMode(LinkMode mode, int times = 1);
+    // Refuses all link calls on the device from now on.
+    void refuseLink();
     // Takes a message that the hypervisor has received in `transfers` transfers. An empty message
     // stands for a probe.
     void receiveFromBackdoor(Bytes message, int transfers);
@@ -81,20 +81,18 @@ public:
     std::size_t waiting(std::uint32_t requestType) const;
     // True if no command is waiting and the run loop asks for one.
     bool isIdle() const;
-    // The command that the service has received but not yet reported on.
-    std::optional<HostCommand> currentCommand() const;
-    // Waits until isIdle(); false after the time.
-    bool waitUntilIdle(std::chrono::milliseconds time = std::chrono::seconds(60)) const;
-    // Waits until the condition holds, which is checked at each exchange; false after the time.
+    // Wait until the condition holds, or isIdle(); false after the time.
     bool waitUntil(const std::function<bool()>& condition,
-                   std::chrono::milliseconds time = std::chrono::seconds(60)) const;
+                   std::chrono::milliseconds time = kPatience) const;
+    bool waitUntilIdle(std::chrono::milliseconds time = kPatience) const {
+        return waitUntil([this] { return isIdle(); }, time);
+    }
 
 private:
     struct Held {
         SubmissionPtr submission;
         std::size_t exchange = 0;    // in m_exchanges
         std::optional<Reply> reply;  // once it is known
-        bool silenced = false;
     };
     struct WaitingCommand {
         HostCommand command;
@@ -106,14 +104,11 @@ private:
     void arrive(SubmissionPtr submission);
     void cancel(const SubmissionPtr& submission);
     void answerHeld();
-    std::optional<Reply> replyTo(Held& held);
-    bool isIdleLocked() const;
-    std::optional<Fault> takeFault(std::uint32_t requestType);
-    std::optional<Reply> printingReply(const Exchange& exchange) const;
+    std::optional<Reply> queuedReply(std::uint32_t requestType);
+    std::optional<Reply> ownReply(const Exchange& exchange);
     std::optional<Reply> defaultPrinterReply(const Exchange& exchange) const;
-    std::optional<Reply> commandReply(const Exchange& exchange) const;
-    Reply linkModeReply(const Exchange& exchange);
-    void carryOut(Held& held, const Reply& reply);
+    std::optional<Reply> commandReply(const Exchange& exchange);
+    void carryOut(const Held& held);
     void forgetReported(const Bytes& request);
     HostPrinter* findPrinter(const std::string& id);
     std::vector<Bytes> requestItems(std::uint32_t requestType, std::uint32_t itemType) const;
@@ -123,19 +118,16 @@ private:
     mutable std::condition_variable m_changed;
 
     // Guarded by the mutex.
-    std::uint64_t m_version = 0;  // grows with each change
     std::vector<Exchange> m_exchanges;
     std::vector<Held> m_held;  // not yet answered, in the order of arrival
     std::deque<WaitingCommand> m_commands;
-    std::optional<HostCommand> m_currentCommand;
     std::vector<HostPrinter> m_printers;
     std::uint32_t m_listSequence = 0;
     std::optional<std::string> m_default;
     std::uint32_t m_defaultSequence = 0;
-    std::map<std::uint32_t, std::deque<Fault>> m_faults;  // by request type
-    std::set<std::uint32_t> m_holds;                      // request types
-    LinkMode m_linkMode = LinkMode::kAccept;
-    int m_linkModeTimes = 0;  // kAskAgain: probes still to be repeated
+    std::map<std::uint32_t, std::deque<Reply>> m_queuedReplies;  // by request type
+    std::set<std::uint32_t> m_holds;                             // request types
+    bool m_refusesLink = false;
 
     DeviceFile m_device;  // last: its thread uses all of the above
 };

@@ -1,14 +1,22 @@
 #include "sim/terminal.h"
 
 #include <poll.h>
-#include <sys/eventfd.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
 
+#include <clocale>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <iterator>
+#include <mutex>
+#include <optional>
 
 #include <editline/readline.h>
+
+#include "posix/unique_fd.h"
 
 namespace sim {
 namespace {
@@ -16,9 +24,16 @@ namespace {
 constexpr char kPrompt[] = "> ";
 constexpr char kEraseLine[] = "\r\033[K";
 
-// The line editor passes no argument to the functions that it calls.
-std::function<void(const char*)> g_takeLine;
-Terminal::Complete g_complete;
+// Guards the output and the line editor, which is not called by several threads at a time.
+std::mutex g_mutex;
+bool g_editing = false;
+
+// The result of editing; main thread only.
+bool g_edited = false;
+std::optional<std::string> g_line;
+
+// The editor passes no argument to the functions that it calls.
+std::function<std::vector<std::string>(bool)> g_complete;
 std::vector<std::string> g_words;
 
 // The editor calls it with state 0 first, and frees the matches.
@@ -40,85 +55,79 @@ char** findMatches(const char* text, int start, int) {
     return rl_completion_matches(text, nextMatch);
 }
 
+// Gets null at the end of the input. The editor shows the prompt once more when this has returned.
 void takeEditedLine(char* line) {
-    g_takeLine(line);
+    g_edited = true;
+    if (line != nullptr && *line != '\0')
+        add_history(line);
+    if (line != nullptr)
+        g_line = line;
     std::free(line);
+    rl_set_prompt("");
+}
+
+void setEditing(bool editing) {
+    const std::lock_guard lock(g_mutex);
+    g_editing = editing;
+    if (editing)
+        rl_callback_handler_install(kPrompt, takeEditedLine);
+    else
+        rl_callback_handler_remove();
+}
+
+// Returns the line, an empty one if it was discarded, and none if the input is to end.
+std::optional<std::string> editLine(int interrupts) {
+    for (signalfd_siginfo old; read(interrupts, &old, sizeof old) > 0;) {
+    }
+    g_edited = false;
+    g_line.reset();
+    setEditing(true);
+    bool isTyped = false;
+    pollfd sources[] = {{STDIN_FILENO, POLLIN, 0}, {interrupts, POLLIN, 0}};
+    while (!g_edited && poll(sources, std::size(sources), -1) > 0 && sources[1].revents == 0 &&
+           sources[0].revents == POLLIN) {
+        const std::lock_guard lock(g_mutex);
+        rl_callback_read_char();
+        isTyped = true;
+    }
+    setEditing(false);
+    if (!g_edited && sources[1].revents != 0 && isTyped)
+        g_line = "";
+    if (!g_edited || !g_line)
+        std::cout << std::endl;
+    return g_line;
 }
 
 }  // namespace
 
-Terminal::Terminal() : m_wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
-
-void Terminal::print(const std::string& line) {
-    const std::lock_guard lock(m_mutex);
-    if (m_editing) {
-        m_waiting.push_back(line);
-        eventfd_write(m_wake.get(), 1);
-    } else {
-        std::cout << line << std::endl;
-    }
-}
-
-void Terminal::readLines(const Execute& execute, const Complete& complete) {
-    m_execute = execute;
-    g_takeLine = [this](const char* line) { takeLine(line); };
-    g_complete = complete;
-    rl_attempted_completion_function = findMatches;
-    setEditing(true);
-    rl_callback_handler_install(kPrompt, takeEditedLine);
-    pollfd sources[] = {{STDIN_FILENO, POLLIN, 0}, {m_wake.get(), POLLIN, 0}};
-    while (!m_ended && (sources[0].revents & (POLLHUP | POLLERR)) == 0) {
-        if (poll(sources, std::size(sources), -1) <= 0)
-            continue;  // e.g. the terminal has been resized
-        refresh();
-        if ((sources[0].revents & POLLIN) != 0)
-            rl_callback_read_char();
-    }
-    setEditing(false);
-    rl_callback_handler_remove();
-}
-
-// The editor has reset the terminal. Some versions edit the next line by themselves after the
-// return.
-void Terminal::takeLine(const char* line) {
-    setEditing(false);
-    if (line != nullptr && *line != '\0')
-        add_history(line);
-    m_ended = line == nullptr || !m_execute(line);
-    if (line == nullptr)
-        std::cout << std::endl;
-    setEditing(!m_ended);
-    if (m_ended)
-        rl_set_prompt("");
-    else
-        rl_callback_handler_install(kPrompt, takeEditedLine);
-}
-
-void Terminal::setEditing(bool editing) {
-    const std::lock_guard lock(m_mutex);
-    printWaiting();
-    m_editing = editing;
-}
-
-// Prints the lines that wait, and below them the line that is being edited.
-void Terminal::refresh() {
-    const std::lock_guard lock(m_mutex);
-    if (printWaiting())
+void printLine(const std::string& line) {
+    const std::lock_guard lock(g_mutex);
+    std::cout << (g_editing ? kEraseLine : "") << line << std::endl;
+    if (g_editing)
         rl_forced_update_display();
 }
 
-// Whether there were lines, which replace the line that is being edited on the screen.
-bool Terminal::printWaiting() {
-    eventfd_t ignored = 0;
-    eventfd_read(m_wake.get(), &ignored);
-    if (m_waiting.empty())
-        return false;
-    std::cout << kEraseLine;
-    for (const std::string& line : m_waiting)
-        std::cout << line << '\n';
-    std::cout << std::flush;
-    m_waiting.clear();
-    return true;
+bool isInterrupted() {
+    sigset_t pending;
+    sigpending(&pending);
+    return sigismember(&pending, SIGINT) == 1;
+}
+
+void readLines(const std::function<bool(const std::string&)>& execute,
+               const std::function<std::vector<std::string>(bool)>& complete) {
+    if (setlocale(LC_CTYPE, "") == nullptr || MB_CUR_MAX == 1)
+        setlocale(LC_CTYPE, "C.UTF-8");  // otherwise the editor drops all but ASCII
+    g_complete = complete;
+    rl_attempted_completion_function = findMatches;
+    sigset_t interrupt;
+    sigemptyset(&interrupt);
+    sigaddset(&interrupt, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &interrupt, nullptr);
+    const qnt::UniqueFd interrupts(signalfd(-1, &interrupt, SFD_CLOEXEC | SFD_NONBLOCK));
+    std::optional<std::string> line;
+    do {
+        line = editLine(interrupts.get());
+    } while (line && execute(*line));
 }
 
 }  // namespace sim

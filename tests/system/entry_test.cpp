@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <sys/mount.h>
 
+#include "sim/hypervisor.h"
 #include "tests/support/fixture.h"
 
 namespace qnt {
@@ -85,11 +86,29 @@ TEST_F(EntryTest, WithoutALinkItFails) {
     EXPECT_EQ(records(), expected);
     fs::resize_file(kLog, 0);
     sim::SimulatedHost host;
-    host.setLinkMode(sim::LinkMode::kRefuse);  // so the backdoor is tried, and faults
+    host.refuseLink();  // so the backdoor is tried, and faults
     startService();
     EXPECT_EQ(serviceEnds(), 1);
     EXPECT_EQ(records(), expected);
     EXPECT_EQ(host.exchanges().size(), 1U);
+}
+
+TEST_F(EntryTest, WithoutALinkOnTheDeviceStatusMessagesGoOverTheBackdoor) {
+    sim::SimulatedHost host;
+    host.refuseLink();
+    host.hold(sim::kLinkCall);  // until the hypervisor takes the instruction
+    startService();
+    const sim::Hypervisor hypervisor(service->pid(), host);
+    host.release(sim::kLinkCall);
+    EXPECT_TRUE(host.waitUntilIdle());
+    EXPECT_EQ(stopService(), 0);
+    std::vector<std::string> received;
+    for (const sim::Exchange& exchange : host.exchanges(sim::kLinkCall))
+        received.push_back(sim::describeRequest(exchange));
+    EXPECT_THAT(received,
+                ElementsAre("link probe", "backdoor probe",
+                            "backdoor message of 209 bytes, state 'initialized' transfers=2",
+                            "backdoor message of 111 bytes, state 'stopped' transfers=1"));
 }
 
 // The stop signal ends the wait for "initialized" and changes nothing else.
