@@ -61,12 +61,6 @@ void requireValid(const std::string& id) {
                            std::to_string(qnt::kLongestId) + " bytes");
 }
 
-void requireKnown(const Console& console, const std::string& id) {
-    const std::vector<HostPrinter> printers = console.host.printers();
-    if (std::ranges::find(printers, id, &HostPrinter::id) == printers.end())
-        throw ConsoleError("the host has no printer '" + id + "'");
-}
-
 std::optional<int> exitCode(const Console& console) {
     return console.program ? console.program->wait({}) : std::nullopt;
 }
@@ -77,8 +71,10 @@ void requireRunning(const Console& console) {
         throw ConsoleError("the program has ended with exit code " + std::to_string(*code));
 }
 
-void requireKnownAndRunning(const Console& console, const std::string& id) {
-    requireKnown(console, id);
+void requireKnown(const Console& console, const std::string& id) {
+    const std::vector<HostPrinter> printers = console.host.printers();
+    if (std::ranges::find(printers, id, &HostPrinter::id) == printers.end())
+        throw ConsoleError("the host has no printer '" + id + "'");
     requireRunning(console);
 }
 
@@ -153,18 +149,18 @@ constexpr Command kCommands[] = {
      }},
     {"rename", 2, 2, "ID NAME", "change its name and send CmdPrinterList",
      [](const Console& console, const Words& words) {
-         requireKnownAndRunning(console, words[0]);
+         requireKnown(console, words[0]);
          console.host.rename(words[0], words[1]);
          console.host.sendPrinterList();
      }},
     {"default", 1, 1, "ID", "make it the host's default printer",
      [](const Console& console, const Words& words) {
-         requireKnownAndRunning(console, words[0]);
+         requireKnown(console, words[0]);
          console.host.setDefault(words[0]);
      }},
     {"delete", 1, 1, "ID", "remove it from the list and send CmdDeletePrinter",
      [](const Console& console, const Words& words) {
-         requireKnownAndRunning(console, words[0]);
+         requireKnown(console, words[0]);
          console.host.forget(words[0]);
          console.host.send(deletePrinter(words[0]));
      }},

@@ -8,7 +8,6 @@
 #include "hostlink/status_messages.h"
 #include "protocol/item_stream.h"
 #include "protocol/little_endian.h"
-#include "protocol/printing_format.h"
 
 namespace sim {
 namespace {
@@ -94,34 +93,33 @@ std::string nameOf(const Name (&names)[size], std::uint32_t value, const char* k
 
 std::string describeList(const Bytes& list) {
     std::string text = " [";
-    forEachItem(list, 0, [&](std::uint32_t, const Bytes& entry) {
+    for (const Item& entry : itemsOf(list, 0)) {
         text += text.size() > 2 ? ", " : "";
-        forEachItem(entry, 0, [&](std::uint32_t type, const Bytes& data) {
-            text += type == qnt::PrinterName ? " " + quotedText(asText(data)) : asText(data);
-        });
-    });
+        for (const Item& item : itemsOf(entry.data, 0))
+            text += item.type == qnt::PrinterName ? " " + quotedText(item.text()) : item.text();
+    }
     return text + "]";
 }
 
-std::string describeItem(std::uint32_t type, const Bytes& data) {
-    switch (type) {
+std::string describeItem(const Item& item) {
+    switch (item.type) {
         case qnt::PrinterId:
-            return " id=" + quotedText(asText(data));
+            return " id=" + quotedText(item.text());
         case qnt::CmdResult:
-            return " result=" + std::to_string(asU32(data));
+            return " result=" + std::to_string(item.number());
         case qnt::CmdCode:
-            return " " + nameOf(kCommandNames, asU32(data), "command");
+            return " " + nameOf(kCommandNames, item.number(), "command");
         case qnt::PrinterList:
-            return describeList(data);
+            return describeList(item.data);
         default:
-            return number(" item 0x%x", type);
+            return number(" item 0x%x", item.type);
     }
 }
 
 std::string describeItems(const Bytes& message) {
     std::string text;
-    forEachItem(message, qnt::kPrintingCmdHeaderSize,
-                [&](std::uint32_t type, const Bytes& data) { text += describeItem(type, data); });
+    for (const Item& item : itemsOf(message, qnt::kPrintingCmdHeaderSize))
+        text += describeItem(item);
     return text;
 }
 
@@ -162,19 +160,18 @@ std::string describeOutcome(const Exchange& exchange) {
 
 }  // namespace
 
-void forEachItem(const Bytes& message, std::uint32_t base, const ItemVisitor& visit) {
-    ItemStream items;
-    for (std::int32_t result = items.open(message.data(), sizeOf(message), base);
-         result == qnt::kStreamOk; result = items.next())
-        visit(items.itemType(), Bytes(items.itemData(), items.itemData() + items.itemLength()));
-}
-
-std::string asText(const Bytes& data) {
-    return {data.begin(), data.end()};
-}
-
-std::uint32_t asU32(const Bytes& data) {
+std::uint32_t Item::number() const {
     return data.size() < sizeof(std::uint32_t) ? 0 : qnt::readU32(data.data());
+}
+
+std::vector<Item> itemsOf(const Bytes& message, std::uint32_t base) {
+    std::vector<Item> items;
+    ItemStream stream;
+    for (std::int32_t result = stream.open(message.data(), sizeOf(message), base);
+         result == qnt::kStreamOk; result = stream.next())
+        items.push_back(
+            {stream.itemType(), {stream.itemData(), stream.itemData() + stream.itemLength()}});
+    return items;
 }
 
 Bytes emptyAnswer(std::uint32_t sequence) {
@@ -195,26 +192,6 @@ Bytes malformedAnswer() {
     Bytes answer = encodeAnswer(addPrinter("TAG"), 0);
     qnt::writeU32(answer.data() + qnt::kPrintingCmdHeaderSize + qnt::kStreamHeaderSize, 0xFFFFFFF0);
     return answer;
-}
-
-HostCommand addPrinter(const std::string& id) {
-    return {qnt::CmdAddPrinter, id, {}};
-}
-
-HostCommand deletePrinter(const std::string& id) {
-    return {qnt::CmdDeletePrinter, id, {}};
-}
-
-HostCommand deleteOffline() {
-    return {qnt::CmdDeleteOfflinePrinters, {}, {}};
-}
-
-HostCommand printerList(const std::vector<HostPrinter>& printers) {
-    return {qnt::CmdPrinterList, {}, printers};
-}
-
-HostCommand waitOffline() {
-    return {qnt::CmdWaitAllOffline, {}, {}};
 }
 
 Bytes encodeAnswer(const HostCommand& command, std::uint32_t sequence) {
@@ -278,10 +255,10 @@ std::string describeExchange(const Exchange& exchange) {
 
 std::string statusState(const Bytes& message) {
     std::string state;
-    forEachItem(message, qnt::kStatusPrefixSize, [&](std::uint32_t type, const Bytes& data) {
-        if (type == qnt::StatusItemState)
-            state = asText(data);
-    });
+    for (const Item& item : itemsOf(message, qnt::kStatusPrefixSize)) {
+        if (item.type == qnt::StatusItemState)
+            state = item.text();
+    }
     return state;
 }
 

@@ -3,10 +3,10 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <vector>
 
+#include "protocol/printing_format.h"
 #include "sim/host_replies.h"
 
 namespace sim {
@@ -22,11 +22,21 @@ struct HostCommand {
     std::string printerId;
     std::vector<HostPrinter> printers;
 };
-HostCommand addPrinter(const std::string& id);
-HostCommand deletePrinter(const std::string& id);
-HostCommand deleteOffline();
-HostCommand printerList(const std::vector<HostPrinter>& printers);
-HostCommand waitOffline();
+inline HostCommand addPrinter(const std::string& id) {
+    return {qnt::CmdAddPrinter, id, {}};
+}
+inline HostCommand deletePrinter(const std::string& id) {
+    return {qnt::CmdDeletePrinter, id, {}};
+}
+inline HostCommand deleteOffline() {
+    return {qnt::CmdDeleteOfflinePrinters, {}, {}};
+}
+inline HostCommand printerList(const std::vector<HostPrinter>& printers) {
+    return {qnt::CmdPrinterList, {}, printers};
+}
+inline HostCommand waitOffline() {
+    return {qnt::CmdWaitAllOffline, {}, {}};
+}
 
 // The answer bytes of a command: header and item stream, with requiredSize 0.
 Bytes encodeAnswer(const HostCommand& command, std::uint32_t sequence);
@@ -46,10 +56,13 @@ std::string describeExchange(const Exchange& exchange);
 // The state text of a status message; empty if it has none.
 std::string statusState(const Bytes& message);
 
-// Calls `visit` for each item of the stream at offset `base`, up to its end or a malformed item.
-using ItemVisitor = std::function<void(std::uint32_t type, const Bytes& data)>;
-void forEachItem(const Bytes& message, std::uint32_t base, const ItemVisitor& visit);
-std::string asText(const Bytes& data);
-std::uint32_t asU32(const Bytes& data);  // 0 if there are fewer than 4 bytes
+struct Item {
+    std::uint32_t type;
+    Bytes data;
+    std::string text() const { return {data.begin(), data.end()}; }
+    std::uint32_t number() const;  // 0 if there are fewer than 4 bytes
+};
+// The items of the stream at offset `base`, up to its end or a malformed item.
+std::vector<Item> itemsOf(const Bytes& message, std::uint32_t base);
 
 }  // namespace sim

@@ -18,11 +18,6 @@ namespace {
 constexpr std::uint8_t kInstruction[] = {0x0F, 0x33};  // RDPMC
 constexpr std::uint32_t kMaxTransfer = 128;  // small, so that a message needs several transfers
 constexpr std::uint32_t kExchangeId = 1;
-constexpr std::int32_t kHostStatusFailed = -1;
-
-std::uint64_t zeroExtended(std::int32_t value) {
-    return static_cast<std::uint32_t>(value);
-}
 
 // Waits until the traced thread has stopped, and returns the signal; 0 if its process has ended.
 // An ended process is left to its owner to wait for.
@@ -76,56 +71,48 @@ bool Hypervisor::executeInstruction() {
     if (!readMemory(m_process, state.rip, bytes, sizeof bytes) ||
         !std::ranges::equal(bytes, kInstruction))
         return false;
-    qnt::RdpmcRegisters registers{state.rax, state.rbx, state.rcx, state.rdx, state.rsi, state.rdi};
-    if (!executeCommand(registers))
+    if (!executeCommand(state))
         return false;
-    state.rax = registers.rax;
-    state.rbx = registers.rbx;
-    state.rcx = registers.rcx;
-    state.rdx = registers.rdx;
-    state.rsi = registers.rsi;
-    state.rdi = registers.rdi;
     state.rip += sizeof kInstruction;
     return ptrace(PTRACE_SETREGS, m_process, nullptr, &state) == 0;
 }
 
-bool Hypervisor::executeCommand(qnt::RdpmcRegisters& registers) {
-    switch (registers.rax) {
+bool Hypervisor::executeCommand(user_regs_struct& state) {
+    switch (state.rax) {
         case qnt::kBackdoorProbe:
-            registers = {qnt::kBackdoorSignature, qnt::kBackdoorVersion, kMaxTransfer, 0, 0, 0};
+            state.rax = qnt::kBackdoorSignature;
+            state.rbx = qnt::kBackdoorVersion;
+            state.rcx = kMaxTransfer;
+            state.rdx = state.rsi = state.rdi = 0;
             m_host.receiveFromBackdoor({}, 1);
             return true;
         case qnt::kBackdoorBegin:
-            m_totalInput = static_cast<std::uint32_t>(registers.rbx);
+            m_totalInput = static_cast<std::uint32_t>(state.rbx);
             m_input.clear();
             m_transfers = 0;
-            registers.rbx = kExchangeId;
+            state.rbx = kExchangeId;
             [[fallthrough]];
         case qnt::kBackdoorContinue:
-            registers.rdi = zeroExtended(transfer(registers));
-            registers.rdx = 0;  // the host has no answer
-            registers.rsi = 0;
-            return true;
-        case qnt::kBackdoorCancel:
-            registers.rdi = qnt::kHostStatusComplete;
+            if (state.rbx != kExchangeId || !takeChunk(state.rdi, state.rsi))
+                return false;
+            state.rdi = static_cast<std::uint32_t>(
+                m_input.size() < m_totalInput ? qnt::kHostStatusMore : qnt::kHostStatusComplete);
+            state.rdx = state.rsi = 0;  // the host has no answer
             return true;
         default:
             return false;
     }
 }
 
-// Takes the chunk at RDI, whose length ESI has. Returns the host's status.
-std::int32_t Hypervisor::transfer(const qnt::RdpmcRegisters& registers) {
-    Bytes chunk(std::min<std::uint64_t>(registers.rsi, kMaxTransfer));
-    if (registers.rbx != kExchangeId || registers.rsi > kMaxTransfer ||
-        !readMemory(m_process, registers.rdi, chunk.data(), chunk.size()))
-        return kHostStatusFailed;
+bool Hypervisor::takeChunk(std::uint64_t address, std::uint64_t length) {
+    Bytes chunk(std::min<std::uint64_t>(length, kMaxTransfer));
+    if (length > kMaxTransfer || !readMemory(m_process, address, chunk.data(), chunk.size()))
+        return false;
     ++m_transfers;
     m_input.insert(m_input.end(), chunk.begin(), chunk.end());
-    if (m_input.size() < m_totalInput)
-        return qnt::kHostStatusMore;
-    m_host.receiveFromBackdoor(m_input, m_transfers);
-    return qnt::kHostStatusComplete;
+    if (m_input.size() >= m_totalInput)
+        m_host.receiveFromBackdoor(m_input, m_transfers);
+    return true;
 }
 
 }  // namespace sim

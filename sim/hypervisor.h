@@ -8,8 +8,9 @@
 #include <cstdint>
 #include <thread>
 
-#include "hostlink/rdpmc.h"
 #include "sim/simulated_host.h"
+
+struct user_regs_struct;
 
 namespace sim {
 
@@ -26,8 +27,8 @@ public:
 private:
     void serve();
     bool executeInstruction();
-    bool executeCommand(qnt::RdpmcRegisters& registers);
-    std::int32_t transfer(const qnt::RdpmcRegisters& registers);
+    bool executeCommand(user_regs_struct& state);
+    bool takeChunk(std::uint64_t address, std::uint64_t length);
 
     const pid_t m_process;
     SimulatedHost& m_host;

@@ -143,15 +143,15 @@ std::vector<Bytes> SimulatedHost::statusMessages() const {
 
 std::vector<std::string> SimulatedHost::deletedPrinters() const {
     std::vector<std::string> ids;
-    std::ranges::transform(requestItems(qnt::UserDeletedPrinters, qnt::PrinterId),
-                           std::back_inserter(ids), asText);
+    for (const Item& id : receivedItems(qnt::UserDeletedPrinters, qnt::PrinterId))
+        ids.push_back(id.text());
     return ids;
 }
 
 std::vector<std::uint32_t> SimulatedHost::results() const {
     std::vector<std::uint32_t> values;
-    std::ranges::transform(requestItems(qnt::PrintingCmdAnswer, qnt::CmdResult),
-                           std::back_inserter(values), asU32);
+    for (const Item& result : receivedItems(qnt::PrintingCmdAnswer, qnt::CmdResult))
+        values.push_back(result.number());
     return values;
 }
 
@@ -278,17 +278,12 @@ void SimulatedHost::carryOut(const Held& held) {
     Exchange& exchange = m_exchanges[held.exchange];
     deliver(*held.submission, exchange, *held.reply);
     if (exchange.requestType == qnt::UserDeletedPrinters && exchange.status == qnt::kRequestDone)
-        forgetReported(exchange.request);
+        for (const Item& id : itemsOf(exchange.request, qnt::kPrintingCmdHeaderSize))
+            std::erase_if(m_printers,
+                          [&](const HostPrinter& printer) { return printer.id == id.text(); });
     if (m_report)
         m_report(describeExchange(exchange));
     finish(*held.submission, exchange);
-}
-
-void SimulatedHost::forgetReported(const Bytes& request) {
-    forEachItem(request, qnt::kPrintingCmdHeaderSize, [&](std::uint32_t, const Bytes& id) {
-        std::erase_if(m_printers,
-                      [&](const HostPrinter& printer) { return printer.id == asText(id); });
-    });
 }
 
 HostPrinter* SimulatedHost::findPrinter(const std::string& id) {
@@ -296,16 +291,15 @@ HostPrinter* SimulatedHost::findPrinter(const std::string& id) {
     return found == m_printers.end() ? nullptr : &*found;
 }
 
-// The data of all items of one type in all requests of one type.
-std::vector<Bytes> SimulatedHost::requestItems(std::uint32_t requestType,
+// All items of one type in all requests of one type.
+std::vector<Item> SimulatedHost::receivedItems(std::uint32_t requestType,
                                                std::uint32_t itemType) const {
-    std::vector<Bytes> found;
+    std::vector<Item> found;
     for (const Exchange& exchange : exchanges(requestType)) {
-        forEachItem(exchange.request, qnt::kPrintingCmdHeaderSize,
-                    [&](std::uint32_t type, const Bytes& data) {
-                        if (type == itemType)
-                            found.push_back(data);
-                    });
+        for (const Item& item : itemsOf(exchange.request, qnt::kPrintingCmdHeaderSize)) {
+            if (item.type == itemType)
+                found.push_back(item);
+        }
     }
     return found;
 }

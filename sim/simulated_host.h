@@ -109,9 +109,8 @@ private:
     std::optional<Reply> defaultPrinterReply(const Exchange& exchange) const;
     std::optional<Reply> commandReply(const Exchange& exchange);
     void carryOut(const Held& held);
-    void forgetReported(const Bytes& request);
     HostPrinter* findPrinter(const std::string& id);
-    std::vector<Bytes> requestItems(std::uint32_t requestType, std::uint32_t itemType) const;
+    std::vector<Item> receivedItems(std::uint32_t requestType, std::uint32_t itemType) const;
 
     const std::function<void(const std::string&)> m_report;
     mutable std::mutex m_mutex;

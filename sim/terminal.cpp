@@ -75,8 +75,9 @@ void setEditing(bool editing) {
         rl_callback_handler_remove();
 }
 
-// Returns the line, an empty one if it was discarded, and none if the input is to end.
-std::optional<std::string> editLine(int interrupts) {
+// Returns the line, an empty one if it was discarded, and none if the input is to end. `discarded`:
+// whether the line before was, and whether this one is.
+std::optional<std::string> editLine(int interrupts, bool& discarded) {
     for (signalfd_siginfo old; read(interrupts, &old, sizeof old) > 0;) {
     }
     g_edited = false;
@@ -91,8 +92,10 @@ std::optional<std::string> editLine(int interrupts) {
         isTyped = true;
     }
     setEditing(false);
-    if (!g_edited && sources[1].revents != 0 && isTyped)
+    const bool interrupted = !g_edited && sources[1].revents != 0;
+    if (interrupted && (isTyped || !discarded))
         g_line = "";
+    discarded = interrupted;
     if (!g_edited || !g_line)
         std::cout << std::endl;
     return g_line;
@@ -125,8 +128,9 @@ void readLines(const std::function<bool(const std::string&)>& execute,
     pthread_sigmask(SIG_BLOCK, &interrupt, nullptr);
     const qnt::UniqueFd interrupts(signalfd(-1, &interrupt, SFD_CLOEXEC | SFD_NONBLOCK));
     std::optional<std::string> line;
+    bool discarded = false;
     do {
-        line = editLine(interrupts.get());
+        line = editLine(interrupts.get(), discarded);
     } while (line && execute(*line));
 }
 

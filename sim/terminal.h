@@ -12,9 +12,9 @@ namespace sim {
 void printLine(const std::string& line);
 
 // Shows a prompt on standard input, which must be a terminal, and calls `execute` with each line
-// until it returns false, the input ends, or Ctrl-C is typed on an empty line; otherwise Ctrl-C
-// discards the line. `complete` returns the words that can stand first in a line, or later. Call it
-// on the main thread; all other threads must have blocked SIGINT.
+// until it returns false or the input ends. Ctrl-C discards the line; typed once more, it ends the
+// input. `complete` returns the words that can stand first in a line, or later. Call it on the main
+// thread; all other threads must have blocked SIGINT.
 void readLines(const std::function<bool(const std::string& line)>& execute,
                const std::function<std::vector<std::string>(bool firstWord)>& complete);
 
