@@ -132,6 +132,7 @@ TEST_F(ServiceTest, AnAddOfTheDefaultPrinterMakesItTheDefaultByOneCommand) {
     expectAdded("TAG2", "Desk", 0);
     carryOut(sim::deletePrinter("TAG1"));
     expectAdded("TAG1", "Desk", 1);
+    std::this_thread::sleep_for(1500ms);  // until a check has seen the new queue
     sim::commandOutput("lpadmin -x Desk");
     ASSERT_TRUE(host.waitUntil([&] { return !host.deletedPrinters().empty(); }));
     expectAdded("TAG1", "Desk", 1);
