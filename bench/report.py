@@ -62,7 +62,7 @@ for queues in (5, 160):
         f"idle/{queues}", f"idle/sh/{queues}")
     row(second + "the service without its tools", "", 5e-4, f"idle own/{queues}")
     row(second + "cupsd", "", None, f"idle cupsd/{queues}")
-row("CPU time of an idle second: the watch unit", "", 1e-3, "watch")
+row("CPU time of an idle second: the unit's look at the device", "", 1e-3, "watch")
 row("resident memory when idle", "", 2560, "resident/5", show=kibibytes)
 row("proportional share of memory (PSS) when idle", "", None, "proportional/5", show=kibibytes)
 script = "a script of the same command lines"
