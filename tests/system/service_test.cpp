@@ -225,6 +225,26 @@ TEST(ToolMutex, LetsAWaitingThreadGoBeforeOneThatLocksAgainAndAgain) {
     EXPECT_LT(roundsOfWait, kRounds / 2);
 }
 
+TEST(ToolMutex, IsNotKeptFromTheRunLoopByTwoThreadsThatOverlap) {
+    ToolMutex mutex;
+    std::atomic<bool> ended = false;
+    const auto overlap = [&] {
+        while (!ended) {
+            const std::lock_guard lock(mutex);
+            std::this_thread::sleep_for(2ms);  // in which the other one begins to wait
+        }
+    };
+    std::thread one(overlap), other(overlap);
+    for (int rounds = 0; rounds < 20; ++rounds) {
+        EXPECT_TRUE(mutex.tryLockAfterOthers(5s));
+        std::this_thread::sleep_for(2ms);
+        mutex.unlock();
+    }
+    ended = true;
+    one.join();
+    other.join();
+}
+
 TEST_F(ServiceTest, AStepThatFailsDuringAStopIsAFailureUnlessTheStopHasCancelledIt) {
     const std::tuple<std::uint32_t, Fault, int> rows[] = {
         {UserDeletedPrinters, {Fault::Kind::kStatus, 0xF0000001, {}}, 1},
