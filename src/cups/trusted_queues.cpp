@@ -12,8 +12,12 @@
 namespace qnt {
 namespace {
 
-// Nothing: CUPS knows no such queue or does not answer.
-using IsBound = std::optional<bool>;
+enum class Binding {
+    kBound,    // to the id
+    kOther,    // to something else, or not known for certain
+    kMissing,  // lpstat found no such queue; it prints the same if CUPS does not answer
+    kUnknown,  // lpstat has failed
+};
 
 // Whether a queue is trusted, by its name and id, in the order of QueueBinding's fields.
 std::map<std::pair<std::string, std::string>, bool> g_verdicts;
@@ -42,25 +46,33 @@ bool isUriOf(std::string_view uri, const std::string& id) {
 
 // Asked for one queue, lpstat prints its true line first. In the listing of all queues a forged
 // line may come first, so two lines for the queue are no answer.
-IsBound askBinding(const QueueBinding& queue) {
+Binding askBinding(const QueueBinding& queue) {
     const bool isOnly = isOneQueueToLpstat(queue.queueName);
     const std::string start = "device for " + queue.queueName + ": ";
+    const std::string missing =
+        "lpstat: Invalid destination name in list \"" + queue.queueName + "\".";
     CommandOutput output;
     if (!output.open("LANG=C lpstat -v" +
-                     (isOnly ? " " + shellQuote(queue.queueName).value() : std::string())))
-        return std::nullopt;
-    IsBound bound;
+                     (isOnly ? " " + shellQuote(queue.queueName).value() + " 2>&1" : "")))
+        return Binding::kUnknown;
+    Binding binding = Binding::kUnknown;
+    bool isFirst = true;
     std::string line;
     while (readWholeLine(output, line)) {
+        if (line == missing && isFirst)
+            binding = Binding::kMissing;
         if (!line.starts_with(start))
             continue;
-        if (!bound)
-            bound = isUriOf(std::string_view(line).substr(start.size()), queue.id);
+        if (isFirst)
+            binding = isUriOf(std::string_view(line).substr(start.size()), queue.id)
+                          ? Binding::kBound
+                          : Binding::kOther;
         else if (!isOnly)
-            bound = false;
+            binding = Binding::kOther;
+        isFirst = false;
     }
     output.close();
-    return bound;
+    return binding;
 }
 
 // Also false if lpoptions fails. Every text that another user may have put into the options of a
@@ -70,11 +82,13 @@ bool isTemporary(const std::string& queueName) {
                       " | grep -qF ' printer-is-temporary=true'") == 0;
 }
 
+// Without an answer, the queue is trusted for this time: otherwise it would count as deleted.
+// Before it is changed, CUPS is asked again.
 bool askVerdict(const QueueBinding& queue) {
-    const IsBound bound = askBinding(queue);
-    if (!bound && !isCupsAnswering())
-        return true;  // for this time; before a change, CUPS is asked again
-    return g_verdicts[keyOf(queue)] = bound.value_or(false) && !isTemporary(queue.queueName);
+    const Binding binding = askBinding(queue);
+    if (binding == Binding::kUnknown || (binding == Binding::kMissing && !isCupsAnswering()))
+        return true;
+    return g_verdicts[keyOf(queue)] = binding == Binding::kBound && !isTemporary(queue.queueName);
 }
 
 bool isTrusted(const QueueBinding& queue) {
@@ -82,7 +96,10 @@ bool isTrusted(const QueueBinding& queue) {
     return known != g_verdicts.end() ? known->second : askVerdict(queue);
 }
 
+// A listing without queues may be one that has failed.
 void forgetAllBut(const QueueBindingList& listing) {
+    if (listing.empty())
+        return;
     decltype(g_verdicts) listed;
     for (const QueueBinding& queue : listing)
         if (auto verdict = g_verdicts.extract(keyOf(queue)))
@@ -128,7 +145,7 @@ void adoptCreatedQueue(const QueueBinding& queue) {
 }
 
 bool confirmBinding(const QueueBinding& queue) {
-    if (askBinding(queue).value_or(false))
+    if (askBinding(queue) == Binding::kBound)
         return true;
     QNT_LOG(1, "Queue '%s' is left alone: CUPS does not bind it to '%s'", queue.queueName.c_str(),
             queue.id.c_str());

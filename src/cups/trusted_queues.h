@@ -13,7 +13,6 @@
 
 #pragma once
 
-#include <optional>
 #include <string>
 
 #include "cups/queue_listing.h"

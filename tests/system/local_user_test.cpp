@@ -171,7 +171,15 @@ TEST_F(LocalUserTest, AForgedLineDoesNotChangeAnotherQueue) {
 TEST_F(LocalUserTest, AHostPrinterWithTheNameOfATemporaryQueueStays) {
     createTemporary("Second", "ipp", "");
     host.plug("TAG2", "Second");
-    command(sim::addPrinter("TAG2"));
+    host.send(sim::addPrinter("TAG2"));
+    const auto isRefused = [] {
+        return contents(kLog).find("Failed add printer 'TAG2'") != std::string::npos;
+    };
+    ASSERT_TRUE(host.waitUntil([&] { return host.results().size() > commands || isRefused(); }));
+    if (isRefused()) {  // later releases do while they try to reach the device of the user's queue
+        EXPECT_NE(std::system("lpadmin -p Second -L x 2>&-"), 0);
+        return;
+    }
     EXPECT_THAT(sim::commandOutput("lpoptions -p Second"),
                 HasSubstr(" printer-is-temporary=false "));
     std::this_thread::sleep_for(std::chrono::seconds(waitSeconds));

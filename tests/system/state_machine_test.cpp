@@ -147,7 +147,12 @@ TEST_F(StateMachineTest, QueuesCountAsDeletedOnceIfCupsAnswers) {
         standIn("lpstat", lpstat);
         EXPECT_THAT(vanished(), IsEmpty()) << lpstat;
     }
+    standIn("lpstat", "[ $# -lt 2 ] || exit 0; exec $real \"$@\"");  // no answer about one queue
+    addQueue("Three", "TAG1003");
+    EXPECT_THAT(vanished(), IsEmpty());
     fs::remove(folder / "bin/lpstat");
+    sim::commandOutput("lpadmin -x Three");
+    EXPECT_THAT(vanished(), ElementsAre(isOf("TAG1003")));
     sim::commandOutput("lpadmin -x One");
     addQueue("Uno", "TAG1001");
     EXPECT_THAT(vanished(), IsEmpty());
