@@ -1,6 +1,7 @@
 // Fixture for whole-system tests: a private real CUPS, a simulated host, the unmodified service.
-// A file that includes it puts its process into a guest's namespace, starts CUPS before the first
-// case, and replaces sleep(). Waits return as soon as their condition holds.
+// A test that includes it gets a sleep() that returns at once. The first case puts the process into
+// a guest's namespace and starts CUPS. What waits is called so, and returns as soon as its
+// condition holds.
 
 #pragma once
 
@@ -38,17 +39,17 @@ inline fs::path freshFolder() {
 }
 
 // Shared by all cases of a process.
-struct Guest : testing::Environment {
-    // The address sanitizer refuses LD_PRELOAD otherwise. And its marks must not lie on the stack,
+struct Guest {
+    // The address sanitizer refuses LD_PRELOAD otherwise. And its marks must not be on the stack,
     // where those of a cancelled thread's frames would stay for the next function.
-    void SetUp() override {
+    Guest() {
         const std::string more = ":verify_asan_link_order=0:detect_stack_use_after_return=1";
         setenv("ASAN_OPTIONS", "", 0);
         setenv("ASAN_OPTIONS", (std::getenv("ASAN_OPTIONS") + more).c_str(), 1);
         sim::enterGuestNamespace(folder / "log");
         cups.emplace(folder / "cups");
     }
-    void TearDown() override {
+    ~Guest() {
         cups.reset();
         fs::remove_all(folder);
     }
@@ -57,7 +58,10 @@ struct Guest : testing::Environment {
     const std::string path = std::getenv("PATH");
     std::optional<sim::PrivateCups> cups;
 };
-inline Guest& guest = dynamic_cast<Guest&>(*testing::AddGlobalTestEnvironment(new Guest));
+inline Guest& guest() {
+    static Guest instance;
+    return instance;
+}
 
 // For waits that end with their condition, on any machine.
 inline constexpr Milliseconds kPatience = 60s;
@@ -69,11 +73,17 @@ inline bool eventually(const std::function<bool()>& condition, Milliseconds time
     return condition();
 }
 
+// A number from the environment, with which scripts make a test last longer.
+inline int setting(const char* variable, int otherwise) {
+    const char* text = std::getenv(variable);
+    return text != nullptr ? std::atoi(text) : otherwise;
+}
+
 // A guest whose host is absent: no queue, no USB printer, an empty log.
 class GuestTest : public testing::Test {
 protected:
     GuestTest() {
-        setenv("PATH", ((folder / "bin").string() + ":" + guest.path).c_str(), 1);
+        setenv("PATH", ((folder / "bin").string() + ":" + guest().path).c_str(), 1);
         fs::create_directory(folder / "bin");
         sim::commandOutput("lpstat -e | xargs -rn1 lpadmin -x");
         sim::commandOutput(std::string("rm -rf ") + sim::kUsbDevicesFolder + "/*-*");
@@ -81,14 +91,14 @@ protected:
     }
     ~GuestTest() override {
         service.reset();
-        setenv("PATH", guest.path.c_str(), 1);
+        setenv("PATH", guest().path.c_str(), 1);
         fs::remove_all(folder);
     }
 
     // Replaces a tool by a shell script. $real is the tool itself, $folder that of the case.
-    void standIn(const std::string& tool, const std::string& script) const {
+    void replaceTool(const std::string& tool, const std::string& script) const {
         std::ofstream(folder / "bin" / tool)
-            << "#!/bin/sh\nfolder=" << folder << " real=$(PATH=" << guest.path << " command -v "
+            << "#!/bin/sh\nfolder=" << folder << " real=$(PATH=" << guest().path << " command -v "
             << tool << ")\n"
             << script << '\n';
         fs::permissions(folder / "bin" / tool, fs::perms::all);
@@ -108,11 +118,11 @@ protected:
         variables["LD_PRELOAD"] = link;
         startService(options, variables);
     }
-    // The exit code of a service that ends by itself, or after SIGTERM; -1 if it does not in time.
-    int serviceEnds(Milliseconds time = kPatience) { return service->wait(time).value_or(-1); }
-    int stopService(Milliseconds time = 5s) {
+    // Waits for the service, which ends by itself or after SIGTERM; -1 if it does not end.
+    int exitCode() { return service->wait(kPatience).value_or(-1); }
+    int stopService() {
         service->signal(SIGTERM);
-        return serviceEnds(time);
+        return exitCode();
     }
 
     // The messages of the log, without time, level, tag and ids.
@@ -123,15 +133,20 @@ protected:
             messages.push_back(record.substr(record.find("/ ") + 2));
         return messages;
     }
-    static bool logContains(const std::string& text) {
+    static bool waitForRecord(const std::string& text) {
         return eventually([&] { return contents(kLog).find(text) != std::string::npos; });
     }
 
-    // A queue has a name, and a host printer's id at the end of its device URI.
-    static void addQueue(const std::string& name, const std::string& id) {
-        int status = 1;
-        sim::commandOutput("lpadmin -p " + name + " -E -v '" + kUri + id + "'", &status);
-        ASSERT_EQ(status, 0);
+    // A queue has a name, and a host printer's id at the end of its device URI. Any bytes may be in
+    // them, as no shell sees them.
+    static void addQueue(const std::string& name, const std::string& id,
+                         const std::string& uri = kUri, bool enabled = true) {
+        sim::Process lpadmin({"lpadmin", "-p", name, "-v", uri + id, enabled ? "-E" : "-ox=y"});
+        ASSERT_EQ(lpadmin.wait(kPatience), 0) << name << ' ' << uri << id;
+    }
+    static void deleteQueue(const std::string& name) {
+        sim::Process lpadmin({"lpadmin", "-x", name});
+        ASSERT_EQ(lpadmin.wait(kPatience), 0) << name;
     }
     static bool hasQueue(const std::string& name, const std::string& id) {
         const std::string line = "device for " + name + ": " + kUri + id + '\n';
@@ -152,16 +167,18 @@ protected:
 
 class ServiceTest : public GuestTest {
 protected:
+    // Sends a command and waits for its result.
+    void carryOut(const sim::HostCommand& command) {
+        const std::size_t before = host.results().size();
+        host.send(command);
+        ASSERT_TRUE(host.waitUntil([&] { return host.results().size() > before; }));
+    }
     // Plugs a printer in and lets the host send its list and an add.
-    void addPrinter(const std::string& id, const std::string& name) {
+    void sharePrinter(const std::string& id, const std::string& name) {
         host.plug(id, name);
-        host.sendPrinterList();
-        host.send(sim::addPrinter(id));
+        carryOut(sim::printerList(host.printers()));
+        carryOut(sim::addPrinter(id));
     }
-    bool hasResults(std::size_t number) {
-        return host.waitUntil([&] { return host.results().size() >= number; });
-    }
-    bool isIdle() { return host.waitUntilIdle(); }
 
     sim::SimulatedHost host;
 };

@@ -1,10 +1,10 @@
 // Preloaded into the service; these variables of the environment choose what it does:
 //
-//   QNT_SLEEPS      sleep() returns at once and adds a line, its seconds, to this file
-//   QNT_HURRY       sleep()'s seconds last a fiftieth
-//   QNT_CHILD_LEFT  a child that is left when the service exits is noted in this file
+//   QNT_SLEEPS      sleep() adds a line, its seconds, to this file
+//   QNT_SECOND      the milliseconds that a second of sleep() lasts
 //   QNT_THREADS     pthread_create() fails after this many threads
 //   QNT_NO_PROCESS  posix_spawn() fails while this file exists
+//   QNT_NO_MEMORY   malloc() fails once in each thread of the service when this file exists
 //
 // In a service with the address sanitizer, the sanitizer's own waitid() and posix_spawn() are
 // called instead.
@@ -44,14 +44,14 @@ void waitSlices(long slices) {
     }
 }
 
-struct AtExit {
-    ~AtExit() {
-        const char* file = std::getenv("QNT_CHILD_LEFT");
-        if (file != nullptr && std::strcmp(program_invocation_short_name, "qntspooler") == 0 &&
-            waitpid(-1, nullptr, WNOHANG) != -1)
-            std::ofstream(file) << "a child is left\n";
-    }
-} atExit;
+bool isService() {
+    return std::strcmp(program_invocation_short_name, "qntspooler") == 0;
+}
+
+bool fileExists(const char* variable) {
+    const char* file = std::getenv(variable);
+    return file != nullptr && access(file, F_OK) == 0;
+}
 
 }  // namespace
 
@@ -60,8 +60,8 @@ extern "C" {
 unsigned sleep(unsigned seconds) {
     if (const char* file = std::getenv("QNT_SLEEPS"))
         std::ofstream(file, std::ios::app) << seconds << std::endl;
-    else
-        waitSlices(seconds * (std::getenv("QNT_HURRY") != nullptr ? 20L : 1000L));
+    const char* second = std::getenv("QNT_SECOND");
+    waitSlices(seconds * (second != nullptr ? std::atol(second) : 1000L));
     return 0;
 }
 
@@ -87,9 +87,19 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*
 int posix_spawn(pid_t* pid, const char* path, const posix_spawn_file_actions_t* actions,
                 const posix_spawnattr_t* attributes, char* const* words, char* const* variables) {
     static const auto call = next<decltype(posix_spawn)>("posix_spawn");
-    const char* none = std::getenv("QNT_NO_PROCESS");
-    return none != nullptr && access(none, F_OK) == 0
-               ? EAGAIN
-               : call(pid, path, actions, attributes, words, variables);
+    return fileExists("QNT_NO_PROCESS") ? EAGAIN
+                                        : call(pid, path, actions, attributes, words, variables);
 }
+
+#if !QNT_SANITIZED  // there it is the sanitizer's
+void* __libc_malloc(std::size_t size);
+
+void* malloc(std::size_t size) {
+    static thread_local bool failed = false;
+    if (failed || !isService() || !fileExists("QNT_NO_MEMORY"))
+        return __libc_malloc(size);
+    failed = true;
+    return nullptr;
+}
+#endif
 }

@@ -80,7 +80,7 @@ TEST_F(GuestTest, RandomAnswersEndTheServiceCleanlyAtAFailedStepOrNotAtAll) {
         SCOPED_TRACE("QNT_START=" + std::to_string(seed));
         std::ofstream(kLog, std::ios::trunc).flush();
         RandomHost host(seed, 60);
-        startPreloaded({{"QNT_HURRY", ""}, {"ASAN_OPTIONS", sanitizer}}, {"-v"});
+        startPreloaded({{"QNT_SECOND", "20"}, {"ASAN_OPTIONS", sanitizer}}, {"-v"});
         host.plug("TAG1", "Office Laser");
         host.sendPrinterList();
         host.send(sim::addPrinter("TAG1"));

@@ -3,11 +3,9 @@
 
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
-#include <grp.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/un.h>
-#include <sys/wait.h>
+
+#include <list>
 
 #include "posix/unique_fd.h"
 #include "tests/support/fixture.h"
@@ -15,11 +13,8 @@
 namespace qnt {
 namespace {
 
-using testing::Contains;
 using testing::HasSubstr;
 using testing::IsEmpty;
-
-constexpr uid_t kNobody = 65534;
 
 // RFC 8010: each attribute has a tag, a name and a value, each text with its length in two bytes.
 std::string attribute(char tag, const std::string& name, const std::string& value) {
@@ -42,30 +37,16 @@ std::string creationRequest(const std::string& name, const std::string& uri) {
            std::to_string(body.size()) + "\r\n\r\n" + body;
 }
 
-// Sends the bytes to CUPS as the user nobody, in a child that ends when CUPS has answered. Later
-// releases of CUPS answer after they have tried to reach the device, for two minutes.
-pid_t sendAsNobody(const std::string& bytes) {
-    const pid_t child = fork();
-    if (child == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        sockaddr_un address{AF_UNIX, ""};
-        guest.cups->socketPath().copy(address.sun_path, sizeof address.sun_path - 1);
-        const int cups = socket(AF_UNIX, SOCK_STREAM, 0);
-        char answer[4096];
-        const bool sent =
-            setgroups(0, nullptr) == 0 && setgid(kNobody) == 0 && setuid(kNobody) == 0 &&
-            connect(cups, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-            write(cups, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()) &&
-            read(cups, answer, sizeof answer) > 0;
-        _exit(sent ? 0 : 1);
-    }
-    return child;
-}
+// Sends standard input to CUPS as a user without rights, and ends when CUPS has answered.
+constexpr char kSendAsNobody[] =
+    "exec setpriv --reuid=nobody --regid=nogroup --clear-groups perl -MIO::Socket::UNIX -e '"
+    "$cups = IO::Socket::UNIX->new($ENV{CUPS_SERVER}); print $cups <STDIN>; $cups->flush;"
+    "exit(<$cups> !~ m,^HTTP/1.1 200,)' <";
 
 class LocalUserTest : public ServiceTest {
 protected:
     LocalUserTest() {
-        fs::permissions(guest.folder, fs::perms::others_exec, fs::perm_options::add);
+        fs::permissions(guest().folder, fs::perms::others_exec, fs::perm_options::add);
         // Later releases of CUPS delete a queue whose device can't be reached.
         sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
         socklen_t size = sizeof address;
@@ -75,12 +56,10 @@ protected:
         uri = "://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/x";
         // Root's own queue, and what the host expects of the service.
         sim::commandOutput("lpadmin -p Payroll -E -v socket://10.0.0.9");
-        host.plug("TAG1001", "Office Laser");
         host.setDefault("TAG1001");
-        standIn("lpinfo", "echo raw");  // a queue without a driver, which is quicker
+        replaceTool("lpinfo", "echo raw");  // a queue without a driver, which is quicker
         startService();
-        command(sim::addPrinter("TAG1001"));
-        command(sim::printerList(host.printers()));
+        sharePrinter("TAG1001", "Office Laser");
     }
 
     // Creates a temporary queue, if it is not there any more, whose line in the listing is followed
@@ -93,15 +72,14 @@ protected:
         };
         if (isListed())
             return;
-        const pid_t user = sendAsNobody(creationRequest(name, scheme + uri + more));
-        int status = -1;
-        EXPECT_TRUE(
-            eventually([&] { return waitpid(user, &status, WNOHANG) == user || isListed(); }));
-        EXPECT_TRUE(status == -1 || status == 0);
-    }
-    void command(const sim::HostCommand& sent) {
-        host.send(sent);
-        ASSERT_TRUE(hasResults(++commands));
+        const std::string file = folder / "request";
+        std::ofstream(file) << creationRequest(name, scheme + uri + more);
+        // Later releases of CUPS answer after they have tried to reach the device for two minutes.
+        sim::Process& user =
+            users.emplace_back(std::vector<std::string>{"sh", "-c", kSendAsNobody + file});
+        const auto hasAnswer = [&] { return user.wait(0ms).has_value(); };
+        EXPECT_TRUE(eventually([&] { return hasAnswer() || isListed(); }));
+        EXPECT_EQ(user.wait(0ms).value_or(0), 0);
     }
     void expectOnlyTheHostsPrinter(const std::string& name) {
         EXPECT_TRUE(hasQueue(name, "TAG1001")) << sim::commandOutput("lpstat -v");
@@ -113,9 +91,9 @@ protected:
     // Lets the host send each kind of command while the user's queue is there.
     void expectUnimpressed(const std::function<void()>& createQueue) {
         std::string name = "Office_Laser";
-        const auto after = [&](const sim::HostCommand& sent) {
+        const auto after = [&](const sim::HostCommand& command) {
             createQueue();
-            command(sent);
+            carryOut(command);
             expectOnlyTheHostsPrinter(name);
         };
         after(sim::deleteOffline());
@@ -126,18 +104,18 @@ protected:
         host.rename("TAG1001", "Front Desk");
         after(sim::printerList(host.printers()));
         createQueue();
-        command(sim::addPrinter("TAG1001"));  // under its first name, then renamed
+        carryOut(sim::addPrinter("TAG1001"));  // under its first name, then renamed
         expectOnlyTheHostsPrinter(name);
         std::this_thread::sleep_for(std::chrono::seconds(waitSeconds));
         expectOnlyTheHostsPrinter(name);
-        EXPECT_TRUE(isIdle());
+        EXPECT_TRUE(host.waitUntilIdle());
     }
 
     const UniqueFd device{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
     std::string uri;
-    std::size_t commands = 0;
+    std::list<sim::Process> users;
     // QNT_WAIT: as long as CUPS needs to delete the user's queue.
-    const int waitSeconds = std::getenv("QNT_WAIT") ? std::atoi(std::getenv("QNT_WAIT")) : 0;
+    const int waitSeconds = setting("QNT_WAIT", 0);
 };
 
 TEST_F(LocalUserTest, ATemporaryQueueWithAHostPrintersIdIsNotItsQueue) {
@@ -145,11 +123,11 @@ TEST_F(LocalUserTest, ATemporaryQueueWithAHostPrintersIdIsNotItsQueue) {
         SCOPED_TRACE(name);
         expectUnimpressed([&] { createTemporary(name, "usb", "?serial=TAG1001"); });
         host.rename("TAG1001", "Office Laser");
-        command(sim::printerList(host.printers()));
+        carryOut(sim::printerList(host.printers()));
     }
     createTemporary("lone", "usb", "?serial=TAG9");
     host.setDefault("TAG9");
-    command(sim::deleteOffline());
+    carryOut(sim::deleteOffline());
     EXPECT_TRUE(isDefault("Office_Laser"));
     sim::commandOutput("lpadmin -x lone");
     std::this_thread::sleep_for(1500ms);  // longer than between two checks
@@ -163,7 +141,7 @@ TEST_F(LocalUserTest, AForgedLineDoesNotChangeAnotherQueue) {
     };
     expectUnimpressed(forge);
     forge();
-    command(sim::deletePrinter("TAG1001"));
+    carryOut(sim::deletePrinter("TAG1001"));
     EXPECT_THAT(sim::commandOutput("lpstat -v"), HasSubstr("for Payroll: socket://10.0.0.9\n"));
     EXPECT_FALSE(hasQueue("Front_Desk", "TAG1001"));
 }
@@ -171,11 +149,12 @@ TEST_F(LocalUserTest, AForgedLineDoesNotChangeAnotherQueue) {
 TEST_F(LocalUserTest, AHostPrinterWithTheNameOfATemporaryQueueStays) {
     createTemporary("Second", "ipp", "");
     host.plug("TAG2", "Second");
+    const std::size_t results = host.results().size();
     host.send(sim::addPrinter("TAG2"));
     const auto isRefused = [] {
         return contents(kLog).find("Failed add printer 'TAG2'") != std::string::npos;
     };
-    ASSERT_TRUE(host.waitUntil([&] { return host.results().size() > commands || isRefused(); }));
+    ASSERT_TRUE(host.waitUntil([&] { return host.results().size() > results || isRefused(); }));
     if (isRefused()) {  // later releases do while they try to reach the device of the user's queue
         EXPECT_NE(std::system("lpadmin -p Second -L x 2>&-"), 0);
         return;
@@ -183,8 +162,8 @@ TEST_F(LocalUserTest, AHostPrinterWithTheNameOfATemporaryQueueStays) {
     EXPECT_THAT(sim::commandOutput("lpoptions -p Second"),
                 HasSubstr(" printer-is-temporary=false "));
     std::this_thread::sleep_for(std::chrono::seconds(waitSeconds));
-    guest.cups->stop();
-    guest.cups->start();
+    guest().cups->stop();
+    guest().cups->start();
     EXPECT_TRUE(hasQueue("Second", "TAG2"));
     EXPECT_THAT(host.deletedPrinters(), IsEmpty());
 }

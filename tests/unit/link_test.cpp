@@ -13,7 +13,6 @@
 #include "hostlink/kavelink_backdoor.h"
 #include "hostlink/rdpmc.h"
 #include "hostlink/request_device.h"
-#include "hostlink/status_messages.h"
 #include "sim/guest_namespace.h"
 #include "sim/simulated_host.h"
 #include "tests/support/bytes.h"
@@ -146,15 +145,6 @@ TEST(Backdoor, GivesUpAHostThatMovesNothingForAMinute) {
     EXPECT_EQ(kavelinkCall(&link, buffer.data(), 10, 20, nullptr), kLinkHostFailed);
     EXPECT_EQ(g_slept, HostLoopLimit::kTimeLimit);
     EXPECT_EQ(g_hypervisor.commands.back()[0], kBackdoorCancel);
-    // Twice most of a minute, with a byte in between.
-    std::vector<Transfer> slow(9000, Transfer{0, kMore});
-    slow[4500] = {1, kMore};
-    slow.push_back({0, kDone});
-    g_hypervisor = {slow};
-    g_slept = 0s;
-    link = {0, LinkKindBackdoor, 100};
-    EXPECT_EQ(kavelinkCall(&link, buffer.data(), 10, 20, nullptr), kLinkOk);
-    EXPECT_GT(g_slept, HostLoopLimit::kTimeLimit);
 }
 
 TEST(Backdoor, LoadsTheRegistersOfEachCommand) {
@@ -190,25 +180,6 @@ TEST(Backdoor, OpensWithItsOwnAnswerOnly) {
     }
 }
 
-TEST(Link, RefusesWhatItCannotServe) {
-    g_hypervisor = {};
-    KavelinkLink link;
-    char byte = 0;
-    EXPECT_EQ(kavelinkOpen(nullptr, kLinkDeviceThenBackdoor), kLinkBadArgument);
-    EXPECT_EQ(kavelinkOpen(&link, 3), kLinkBadArgument);
-    EXPECT_EQ(kavelinkClose(nullptr), kLinkBadArgument);
-    EXPECT_EQ(kavelinkOpen(&link, kLinkDeviceThenBackdoor), kLinkNotAvailable);  // that is final
-    EXPECT_EQ(kavelinkCall(&link, &byte, 1, 0, nullptr), kLinkNotOpen);
-    EXPECT_EQ(kavelinkCall(nullptr, &byte, 1, 0, nullptr), kLinkBadArgument);
-    EXPECT_EQ(kavelinkCall(&link, nullptr, 1, 0, nullptr), kLinkBadArgument);
-    EXPECT_EQ(kavelinkCall(&link, &byte, 0, 0, nullptr), kLinkBadArgument);
-    link.kind = LinkKindBackdoor;  // which may move 0 bytes
-    EXPECT_EQ(kavelinkCall(&link, &byte, 1, 0, nullptr), kLinkBadArgument);
-    link.kind = 1;
-    EXPECT_EQ(kavelinkCall(&link, &byte, 1, 0, nullptr), kLinkUnknownKind);
-    EXPECT_TRUE(g_hypervisor.commands.empty());
-}
-
 using sim::Fault;
 
 Fault status(std::uint32_t value) {
@@ -218,7 +189,7 @@ Fault writeError(int error) {
     return {Fault::Kind::kWriteError, static_cast<std::uint32_t>(error), {}};
 }
 
-// A host that answers the requests of a type so, one after the other.
+// Answers the next requests of a type with these, in order.
 struct Host : sim::SimulatedHost {
     Host(std::uint32_t requestType, const std::vector<Fault>& answers) {
         for (const Fault& answer : answers)
@@ -288,44 +259,6 @@ TEST(LinkDevice, CarriesACallInOneRequest) {
         EXPECT_EQ(host.exchanges().back().outSize, 5U);
         kavelinkClose(&link);
     }
-}
-
-constexpr char kId[] = "quintaris.PrintingTool.guest.lin";
-constexpr char kName[] = "Quintaris Shared Printers Tool";
-
-TEST(StatusMessage, GoesOverTheDeviceAsDocumented) {
-    const sim::SimulatedHost host;
-    KavelinkLink link;
-    EXPECT_EQ(kavelinkOpen(&link, kLinkDeviceOnly), kLinkOk);
-    ToolVersionRecord version;
-    fillVersionRecord(version, 0, 0);
-    EXPECT_EQ(sendToolStatus(&link, {kId, kName, &version, "initialized"}), kStatusSent);
-    EXPECT_EQ(sendToolStatus(&link, {.applicationId = kId, .state = "stopped"}), kStatusSent);
-    EXPECT_THAT(host.statusMessages(),
-                testing::ElementsAre(documented("initialized"), documented("stopped")));
-    kavelinkClose(&link);
-}
-
-TEST(StatusMessage, CarriesEveryFieldOfItsCallerOrFails) {
-    const auto send = [](const ToolStatus& message, std::int32_t hostStatus = kDone) {
-        g_hypervisor = {{{0, hostStatus}}};
-        KavelinkLink link{0, LinkKindBackdoor, 300};
-        return sendToolStatus(&link, message);
-    };
-    ToolVersionRecord version;
-    fillVersionRecord(version, 5, 6);
-    EXPECT_EQ(version.callerValues[0], 5U);
-    EXPECT_EQ(version.callerValues[1], 6U);
-    EXPECT_EQ(send({.applicationId = "", .applicationName = "", .extra = "xy", .extraSize = 2}),
-              kStatusSent);
-    EXPECT_EQ(g_hypervisor.input, words({14, 0, 1, 0, 58, 0x1000, 0, 8, 0x2001, 0, 1, 3}) +
-                                      words({0, 0x20CA, 1, 2, 0x20CD, 2}) + "xy" +
-                                      words({0, 0x2191, 3}));
-    EXPECT_EQ(send({.applicationId = kId}, -8), kStatusCallFailed);
-    EXPECT_EQ(send({.applicationName = kName}), kStatusBadArgument);
-    EXPECT_EQ(send({.applicationId = kId, .extraSize = 5}), kStatusBadArgument);
-    EXPECT_EQ(sendToolStatus(nullptr, {.applicationId = kId}), kStatusBadArgument);
-    EXPECT_TRUE(g_hypervisor.commands.empty());
 }
 
 TEST(SendRequest, LogsAFailure) {
