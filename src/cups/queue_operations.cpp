@@ -79,6 +79,7 @@ bool deletePrinter(const std::string& queueName, const std::string& id) {
         return false;
     const std::string command = "lpadmin -x " + *word;
     QNT_LOG(3, "Deleting printer with cmd [%s]", command.c_str());
+    forgetTrust(queue);
     if (const int status = runCommand(command); status != 0)
         QNT_LOG(0, "Failed to delete printer '%s', rc=%d", id.c_str(), status);
     return true;

@@ -19,7 +19,7 @@ enum class Binding {
     kUnknown,  // lpstat has failed
 };
 
-// Whether a queue is trusted, by its name and id, in the order of QueueBinding's fields.
+// Whether a queue is trusted, by its id and name.
 std::map<std::pair<std::string, std::string>, bool> g_verdicts;
 
 std::pair<std::string, std::string> keyOf(const QueueBinding& queue) {
@@ -142,6 +142,10 @@ void adoptCreatedQueue(const QueueBinding& queue) {
                     status);
     }
     g_verdicts[keyOf(queue)] = true;
+}
+
+void forgetTrust(const QueueBinding& queue) {
+    g_verdicts.erase(keyOf(queue));
 }
 
 bool confirmBinding(const QueueBinding& queue) {

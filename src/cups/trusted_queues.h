@@ -27,6 +27,10 @@ bool listTrustedQueuesIfAnswered(QueueBindingList& queues);
 // a temporary queue of this name existed. Trusts it from now on.
 void adoptCreatedQueue(const QueueBinding& queue);
 
+// Forgets what CUPS has answered about a queue that the service deletes: another one of this name
+// may be created before the next listing.
+void forgetTrust(const QueueBinding& queue);
+
 // Asks CUPS for this queue only. False, with a record, unless CUPS binds it to exactly this id. To
 // be called before the queue is changed.
 bool confirmBinding(const QueueBinding& queue);
