@@ -44,10 +44,6 @@ void waitSlices(long slices) {
     }
 }
 
-bool isService() {
-    return std::strcmp(program_invocation_short_name, "qntspooler") == 0;
-}
-
 bool fileExists(const char* variable) {
     const char* file = std::getenv(variable);
     return file != nullptr && access(file, F_OK) == 0;
@@ -96,7 +92,8 @@ void* __libc_malloc(std::size_t size);
 
 void* malloc(std::size_t size) {
     static thread_local bool failed = false;
-    if (failed || !isService() || !fileExists("QNT_NO_MEMORY"))
+    const bool isService = std::strcmp(program_invocation_short_name, "qntspooler") == 0;
+    if (failed || !isService || !fileExists("QNT_NO_MEMORY"))
         return __libc_malloc(size);
     failed = true;
     return nullptr;
