@@ -60,7 +60,8 @@ TEST_F(ServiceTest, TheDefaultFollowsTheHostAndAnAddAppliesItByOneCommand) {
     host.setDefault("TAG1");
     startService({"-v"});
     ASSERT_TRUE(waitForRecord("Set default printer: 'TAG1'"));
-    const auto expectAdded = [&](const char* id, const std::string& defaultQueue, int changes) {
+    const auto expectAdded = [&](const char* id, const std::string& defaultQueue,
+                                 std::size_t changes) {
         fs::resize_file(kLog, 0);
         carryOut(sim::addPrinter(id));
         EXPECT_TRUE(isDefault(defaultQueue));
