@@ -35,8 +35,8 @@ void deleteOfflinePrinters();
 bool areAllPrintersOffline();
 
 // Renames each printer's queue (the first of its id) whose name differs from the host's name.
-// Printers may take names from each other: a queue whose name an earlier printer of the list gets is
-// deleted before and created again in its turn, and is the default again if it was.
+// Printers may take names from each other: a queue whose name an earlier printer of the list gets
+// is deleted before and created again in its turn, and is the default again if it was.
 void syncPrinterNames(const QueueBindingList& hostPrinters);
 
 }  // namespace qnt
