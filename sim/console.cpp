@@ -176,8 +176,8 @@ constexpr Command kCommands[] = {
     {"show", 0, 0, "", "print the host's printers: ID, NAME, and 'default'",
      [](const Console& console, const Words&) {
          for (const auto& [id, name] : console.host.printers())
-             console.print(id + "\t" + name + "\t" +
-                           (id == console.host.defaultPrinter() ? "default" : ""));
+             console.print(std::string(id).append("\t").append(name).append(
+                 id == console.host.defaultPrinter() ? "\tdefault" : "\t"));
      }},
     {"guest", 0, 0, "", "print the guest's queues and its default",
      [](const Console& console, const Words&) { show(console, "lpstat -v 2>&1; lpstat -d 2>&1"); }},

@@ -49,6 +49,7 @@ Process::Process(std::vector<std::string> command,
     if (!variables.empty())
         command.insert(command.begin(), "env");
     std::vector<char*> words;
+    words.reserve(command.size() + 1);
     for (std::string& word : command)
         words.push_back(word.data());
     words.push_back(nullptr);

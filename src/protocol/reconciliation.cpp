@@ -44,6 +44,7 @@ QueueBindingList vanishedFrom(const QueueBindingList& known, const QueueBindingL
 struct Rename {
     const QueueBinding& queue;
     std::string newName;
+    bool wasDefault;
     bool isQueueDeleted = false;
 
     // False if the host's name only contains bytes that a queue name can't contain.
@@ -63,7 +64,8 @@ std::vector<Rename> findRenames(const QueueBindingList& hostPrinters, const Queu
     for (const QueueBinding& printer : hostPrinters) {
         const auto found = queues.find(printer.id);
         if (found != queues.end() && found->second->queueName != printer.queueName)
-            renames.push_back({*found->second, printer.queueName});
+            renames.push_back({*found->second, printer.queueName,
+                               found->second->queueName == lastDefaultQueueName()});
     }
     return renames;
 }
@@ -125,7 +127,6 @@ bool areAllPrintersOffline() {
 void syncPrinterNames(const QueueBindingList& hostPrinters) {
     const QueueBindingList listing = listHostQueues();
     std::vector<Rename> renames = findRenames(hostPrinters, indexById(listing));
-    const std::string defaultQueueName = lastDefaultQueueName();
     for (auto rename = renames.begin(); rename != renames.end(); ++rename) {
         freeName(*rename, {rename + 1, renames.end()});
         if (!rename->isQueueDeleted) {
@@ -133,7 +134,7 @@ void syncPrinterNames(const QueueBindingList& hostPrinters) {
             continue;
         }
         addPrinter(rename->newName, rename->queue.id);
-        if (rename->queue.queueName == defaultQueueName)
+        if (rename->wasDefault)
             setDefaultPrinter(rename->queue.id);
     }
 }
