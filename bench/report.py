@@ -3,7 +3,7 @@
 
     report.py FOLDER PAGE    updates the page as well
 
-FOLDER holds micro.json by Google Benchmark, *.tsv by measure, and facts.tsv.
+FOLDER holds *.json by Google Benchmark, *.tsv by measure, and facts.tsv.
 """
 
 import collections
@@ -16,9 +16,10 @@ import sys
 
 folder, page = map(pathlib.Path, sys.argv[1:])
 values = collections.defaultdict(list)  # by name, in the order of the rounds
-for run in json.loads((folder / "micro.json").read_text())["benchmarks"]:
-    if run["run_type"] == "iteration":
-        values[run["name"]].append(run["cpu_time"] * 1e-9)
+for path in folder.glob("*.json"):
+    for run in json.loads(path.read_text())["benchmarks"]:
+        if run["run_type"] == "iteration":
+            values[run["name"]].append(run["cpu_time"] * 1e-9)
 for path in folder.glob("*.tsv"):
     for line in path.read_text().splitlines():
         name, value = line.split("\t")
