@@ -21,15 +21,23 @@ constexpr char kIdleSeconds[] = "30";
 constexpr char kLogRecords[] = "10";
 constexpr std::chrono::seconds kStopTime(60);
 
-struct FaultName {
+struct Fault {
     const char* name;
-    Fault::Kind kind;
     bool takesNumber;
+    Reply (*reply)(std::uint32_t number);
 };
-constexpr FaultName kFaultNames[] = {
-    {"cancel", Fault::Kind::kCancel, false},   {"status", Fault::Kind::kStatus, true},
-    {"ask", Fault::Kind::kAskFor, true},       {"malformed", Fault::Kind::kMalformed, false},
-    {"silence", Fault::Kind::kSilence, false}, {"errno", Fault::Kind::kWriteError, true}};
+constexpr Fault kFaults[] = {
+    {"cancel", false, [](std::uint32_t) { return cancel(); }},
+    {"status", true, status},
+    {"ask", true, askFor},
+    {"malformed", false, [](std::uint32_t) { return malformed(); }},
+    {"silence", false, [](std::uint32_t) { return silence(); }},
+    {"errno", true, [](std::uint32_t number) {
+         const int error = static_cast<int>(number);
+         if (number == 0 || strerrorname_np(error) == nullptr)
+             throw ConsoleError("there is no errno " + std::to_string(number));
+         return writeError(error);
+     }}};
 
 // Decimal, or hexadecimal after 0x.
 std::uint32_t number(const std::string& text) {
@@ -86,17 +94,14 @@ void show(const Console& console, const std::string& command) {
 }
 
 void fault(const Console& console, const Words& words) {
-    const auto* fault = std::ranges::find(kFaultNames, words[0], &FaultName::name);
-    if (fault == std::end(kFaultNames))
+    const auto* fault = std::ranges::find(kFaults, words[0], &Fault::name);
+    if (fault == std::end(kFaults))
         throw ConsoleError("unknown fault '" + words[0] + "'");
     if (fault->takesNumber != (words.size() > 1))
         throw ConsoleError("fault " + words[0] + (fault->takesNumber ? " needs a" : " takes no") +
                            " number");
     const std::uint32_t value = fault->takesNumber ? number(words[1]) : 0;
-    if (fault->kind == Fault::Kind::kWriteError &&
-        (value == 0 || strerrorname_np(static_cast<int>(value)) == nullptr))
-        throw ConsoleError("there is no errno " + words[1]);
-    console.host.fault(kRunLoopRequest, {fault->kind, value});
+    console.host.answerNext(kRunLoopRequest, fault->reply(value));
 }
 
 void waitIdle(const Console& console, std::uint32_t seconds) {

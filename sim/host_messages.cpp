@@ -181,17 +181,17 @@ Bytes emptyAnswer(std::uint32_t sequence) {
     return answer;
 }
 
-Bytes roomRequest(std::uint32_t requiredSize) {
+Reply askFor(std::uint32_t requiredSize) {
     Bytes answer = emptyAnswer(0);
     qnt::writeU32(answer.data() + qnt::PrintingCmdHeader::kRequiredSizeOffset, requiredSize);
-    return answer;
+    return raw(std::move(answer));
 }
 
 // A stream with one item that is longer than the stream.
-Bytes malformedAnswer() {
+Reply malformed() {
     Bytes answer = encodeAnswer(addPrinter("TAG"), 0);
     qnt::writeU32(answer.data() + qnt::kPrintingCmdHeaderSize + qnt::kStreamHeaderSize, 0xFFFFFFF0);
-    return answer;
+    return raw(std::move(answer));
 }
 
 Bytes encodeAnswer(const HostCommand& command, std::uint32_t sequence) {

@@ -46,10 +46,11 @@ Bytes encodeDefaultPrinter(const std::string& id, std::uint32_t sequence);
 std::string describeRequest(const Exchange& exchange);
 // The answer to a printing request as text, e.g. "CmdAddPrinter id='TAG1' seq=17".
 std::string describeAnswer(const Bytes& answer);
-// An answer without a payload, one that asks for a larger buffer, and one with a malformed payload.
+// An answer to a printing request without a payload.
 Bytes emptyAnswer(std::uint32_t sequence);
-Bytes roomRequest(std::uint32_t requiredSize);
-Bytes malformedAnswer();
+// Replies to a printing request that ask for a larger buffer, and with a malformed payload.
+Reply askFor(std::uint32_t requiredSize);
+Reply malformed();
 
 // An exchange as one line: time of day, request, sizes, outcome, and how long it was held.
 std::string describeExchange(const Exchange& exchange);

@@ -18,8 +18,8 @@ constexpr std::size_t kLinkMessageBuffer = 1;
 constexpr std::size_t kPrintingRequestBuffer = 0;
 constexpr std::size_t kPrintingAnswerBuffer = 1;
 
-const Reply kRefusal{Reply::Kind::kStatus, kRequestRefused};
-const Reply kUnreadable{Reply::Kind::kWriteError, EFAULT};
+const Reply kRefusal = status(kRequestRefused);
+const Reply kUnreadable = writeError(EFAULT);
 
 std::optional<Reply> readPrinting(const Submission& submission, Exchange& exchange) {
     const auto& buffers = submission.buffers();
@@ -64,17 +64,6 @@ std::optional<Reply> readLinkCall(const Submission& submission, Exchange& exchan
     return std::nullopt;
 }
 
-Bytes answerOf(const Reply& reply) {
-    switch (reply.kind) {
-        case Reply::Kind::kAskFor:
-            return roomRequest(reply.value);
-        case Reply::Kind::kMalformed:
-            return malformedAnswer();
-        default:
-            return reply.answer;
-    }
-}
-
 }  // namespace
 
 std::optional<Reply> readRequest(const Submission& submission, Exchange& exchange) {
@@ -93,27 +82,24 @@ std::optional<Reply> readRequest(const Submission& submission, Exchange& exchang
 
 Reply linkReply(const Exchange& exchange) {
     if (exchange.request.empty())
-        return {Reply::Kind::kRaw};  // a probe has no header
+        return {};  // a probe has no header
     qnt::KavelinkCallHeader header;
     header.inputSize = exchange.inSize;
     const auto* bytes = reinterpret_cast<const std::uint8_t*>(&header);
-    return {Reply::Kind::kRaw, 0, {bytes, bytes + sizeof header}};
+    return raw({bytes, bytes + sizeof header});
 }
 
 void deliver(Submission& submission, Exchange& exchange, const Reply& reply) {
     exchange.answered = std::chrono::system_clock::now();
-    const Bytes answer = answerOf(reply);
+    const Bytes& answer = reply.answer;
     const std::size_t buffer =
         exchange.code == qnt::QntKlReqPrinting ? kPrintingAnswerBuffer : kLinkHeaderBuffer;
-    if (reply.kind == Reply::Kind::kWriteError)
-        exchange.error = static_cast<int>(reply.value);
-    else if (!answer.empty() && !submission.writeBuffer(buffer, answer))
+    exchange.error = reply.error;
+    if (!answer.empty() && !submission.writeBuffer(buffer, answer))
         exchange.error = EFAULT;
     if (exchange.error != 0)
         return;
-    exchange.status = reply.kind == Reply::Kind::kCancel   ? qnt::kRequestCanceled
-                      : reply.kind == Reply::Kind::kStatus ? reply.value
-                                                           : qnt::kRequestDone;
+    exchange.status = reply.status;
     if (!answer.empty()) {
         exchange.answer = answer;
         exchange.answer.resize(

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <optional>
 
+#include "hostlink/device_request.h"
 #include "sim/device_file.h"
 
 namespace sim {
@@ -28,15 +29,28 @@ struct Exchange {
     std::optional<std::chrono::system_clock::time_point> answered;
 };
 
-// The reply to a request. kRaw writes the answer and stores the status 0; kAskFor and kMalformed
-// do so with an answer to a printing request. kSilence: none, the request is held for ever.
+// The reply to a request: the answer is written and the status stored, or the write fails.
 struct Reply {
-    enum class Kind { kCancel, kStatus, kAskFor, kMalformed, kRaw, kSilence, kWriteError };
-    Kind kind = Kind::kCancel;
-    std::uint32_t value = 0;  // kStatus: the status; kAskFor: bytes; kWriteError: the errno
-    Bytes answer = {};        // kRaw: all bytes of the answer
+    std::uint32_t status = qnt::kRequestDone;
+    Bytes answer = {};
+    int error = 0;           // the errno with which the write fails
+    bool isSilence = false;  // none, the request is held for ever
 };
-using Fault = Reply;  // in place of the host's own
+inline Reply status(std::uint32_t value) {
+    return {value};
+}
+inline Reply cancel() {
+    return {qnt::kRequestCanceled};
+}
+inline Reply raw(Bytes answer) {
+    return {qnt::kRequestDone, std::move(answer)};
+}
+inline Reply writeError(int error) {
+    return {qnt::kRequestDone, {}, error};
+}
+inline Reply silence() {
+    return {qnt::kRequestDone, {}, 0, true};
+}
 
 // Fills in the request's part of the exchange. Returns a reply only if the request is malformed: a
 // refusal, or EFAULT if its memory can't be read.

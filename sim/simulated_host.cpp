@@ -24,8 +24,7 @@ std::uint32_t sequenceOf(const Exchange& exchange) {
 // The answer, or the buffer size that it needs if it does not fit.
 Reply fittedReply(const Exchange& exchange, Bytes answer) {
     const auto size = static_cast<std::uint32_t>(answer.size());
-    return size <= exchange.outSize ? Reply{Reply::Kind::kRaw, 0, std::move(answer)}
-                                    : Reply{Reply::Kind::kAskFor, size};
+    return size <= exchange.outSize ? raw(std::move(answer)) : askFor(size);
 }
 
 }  // namespace
@@ -89,7 +88,7 @@ void SimulatedHost::send(HostCommand command) {
     });
 }
 
-void SimulatedHost::fault(std::uint32_t requestType, Fault reply) {
+void SimulatedHost::answerNext(std::uint32_t requestType, Reply reply) {
     change([&] { m_queuedReplies[requestType].push_back(std::move(reply)); });
 }
 
@@ -207,7 +206,7 @@ void SimulatedHost::cancel(const SubmissionPtr& submission) {
     change([&] {
         const auto held = std::ranges::find(m_held, submission, &Held::submission);
         if (held != m_held.end())
-            held->reply = Reply{Reply::Kind::kCancel};
+            held->reply = sim::cancel();
     });
 }
 
@@ -219,7 +218,7 @@ void SimulatedHost::answerHeld() {
             if (!held.reply)
                 held.reply = ownReply(exchange);
         }
-        if (!held.reply || held.reply->kind == Reply::Kind::kSilence)
+        if (!held.reply || held.reply->isSilence)
             return false;
         carryOut(held);
         return true;
@@ -238,7 +237,7 @@ std::optional<Reply> SimulatedHost::queuedReply(std::uint32_t requestType) {
 }
 
 std::optional<Reply> SimulatedHost::ownReply(const Exchange& exchange) {
-    const Reply refusal{Reply::Kind::kStatus, kRequestRefused};
+    const Reply refusal = status(kRequestRefused);
     if (exchange.code != qnt::QntKlReqPrinting)
         return m_refusesLink ? refusal : linkReply(exchange);
     switch (exchange.requestType) {
@@ -249,7 +248,7 @@ std::optional<Reply> SimulatedHost::ownReply(const Exchange& exchange) {
         case qnt::PrintingCmdPending:
             return commandReply(exchange);
         case qnt::UserDeletedPrinters:
-            return Reply{Reply::Kind::kRaw, 0, emptyAnswer(0)};
+            return raw(emptyAnswer(0));
         default:
             return refusal;
     }
@@ -267,8 +266,10 @@ std::optional<Reply> SimulatedHost::commandReply(const Exchange& exchange) {
     if (m_commands.empty())
         return std::nullopt;
     const auto& [command, sequence] = m_commands.front();
-    const Reply reply = fittedReply(exchange, encodeAnswer(command, sequence));
-    if (reply.kind == Reply::Kind::kRaw && exchange.requestType != qnt::PrintingCmdPending)
+    Bytes answer = encodeAnswer(command, sequence);
+    const bool fits = answer.size() <= exchange.outSize;
+    Reply reply = fittedReply(exchange, std::move(answer));
+    if (fits && exchange.requestType != qnt::PrintingCmdPending)
         m_commands.pop_front();
     return reply;
 }

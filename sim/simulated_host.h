@@ -61,7 +61,7 @@ public:
     void sendPrinterList() { send(printerList(printers())); }
     // Queues a reply, which the next request of this type gets in place of the host's own. A
     // request that is held already counts as the next one.
-    void fault(std::uint32_t requestType, Fault reply);
+    void answerNext(std::uint32_t requestType, Reply reply);
     // Holds all requests of this type until release().
     void hold(std::uint32_t requestType);
     void release(std::uint32_t requestType);

@@ -43,7 +43,9 @@ struct Guest {
     // The address sanitizer refuses LD_PRELOAD otherwise. And its marks must not be on the stack,
     // where those of a cancelled thread's frames would stay for the next function.
     Guest() {
-        const std::string more = ":verify_asan_link_order=0:detect_stack_use_after_return=1";
+        const std::string more =
+            ":verify_asan_link_order=0:detect_stack_use_after_return=1"
+            ":allocator_may_return_null=1:max_allocation_size_mb=200:exitcode=99";
         setenv("ASAN_OPTIONS", "", 0);
         setenv("ASAN_OPTIONS", (std::getenv("ASAN_OPTIONS") + more).c_str(), 1);
         sim::enterGuestNamespace(folder / "log");

@@ -2,7 +2,6 @@
 //
 //   QNT_SLEEPS      sleep() adds a line, its seconds, to this file
 //   QNT_SECOND      the milliseconds that a second of sleep() lasts
-//   QNT_THREADS     pthread_create() fails after this many threads
 //   QNT_NO_PROCESS  posix_spawn() fails while this file exists
 //   QNT_NO_MEMORY   malloc() fails once in each thread of the service when this file exists
 //
@@ -68,16 +67,6 @@ int waitid(idtype_t kind, id_t id, siginfo_t* info, int options) {
     while ((result = call(kind, id, info, options | WNOHANG)) == 0 && info->si_pid == 0)
         waitSlices(1);
     return result;
-}
-
-int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*entry)(void*),
-                   void* argument) noexcept {
-    static const auto call = next<decltype(pthread_create)>("pthread_create");
-    static int threads = 0;
-    const char* limit = std::getenv("QNT_THREADS");
-    return limit != nullptr && threads++ >= std::atoi(limit)
-               ? EAGAIN
-               : call(thread, attributes, entry, argument);
 }
 
 int posix_spawn(pid_t* pid, const char* path, const posix_spawn_file_actions_t* actions,

@@ -172,17 +172,6 @@ TEST_F(Cups, ConfirmsABindingByTheFirstLineForTheQueueOrItsOnlyOne) {
         }
 }
 
-TEST_F(Cups, RenamesOnlyQueuesOfHostPrinters) {
-    addQueue("Guests_Own", "", "ipp://printer.example/ipp/print");
-    addQueue("Odd", "TAG1=2");  // an id that no queue is created for
-    for (const char* queue : {"Guests_Own", "Odd"}) {
-        std::string name = "New";
-        EXPECT_FALSE(renamePrinter(queue, name));
-    }
-    EXPECT_THAT(logged, StartsWith("D renamePrinter: 'Guests_Own'->'New'\n"));
-    EXPECT_EQ(queues(), "Guests_Own\nOdd\n");
-}
-
 TEST_F(Cups, AddsAQueueWithTheFixedDriverAndOptions) {
     using Row = std::array<std::string, 4>;  // the name given, the id, the queue, its description
     const Row rows[] = {{"", "TAG1001", "Office_Laser", "Office_Laser"},

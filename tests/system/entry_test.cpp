@@ -13,7 +13,6 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
-using Fault = sim::Fault;
 
 using EntryTest = GuestTest;
 
@@ -116,8 +115,8 @@ TEST_F(EntryTest, WithoutALinkOnTheDeviceStatusMessagesGoOverTheBackdoor) {
 // The stop signal ends the wait for "initialized" and changes nothing else.
 TEST_F(EntryTest, ADeviceLostAfterTheLinkEndsItWithStopped) {
     sim::SimulatedHost host;
-    host.fault(sim::kLinkCall, {Fault::Kind::kStatus, 0, {}});
-    host.fault(sim::kLinkCall, {Fault::Kind::kSilence, 0, {}});
+    host.answerNext(sim::kLinkCall, sim::status(0));
+    host.answerNext(sim::kLinkCall, sim::silence());
     startService();
     ASSERT_TRUE(host.waitUntil([&] { return host.exchanges().size() == 2; }));
     ASSERT_EQ(mount("none", sim::kDriverFolder, "tmpfs", 0, nullptr), 0);

@@ -1,5 +1,5 @@
-// Failing surroundings, one after the other in a single run of the unmodified service: what it logs
-// meanwhile, and that it works again by itself afterwards.
+// Failing surroundings of the unmodified service: what it logs meanwhile, and that it works again
+// by itself afterwards.
 
 #include <gmock/gmock.h>
 
@@ -145,14 +145,13 @@ TEST_F(Faults, NoQueueCountsAsDeletedWhileCupsDoesNotAnswer) {
 }
 
 TEST_F(Faults, ExchangesThatFailAreRepeatedEachSecond) {
-    using Fault = sim::Fault;
     for (const std::uint32_t request : {sim::kRunLoopRequest, +GetDefaultPrinter}) {
         for (const int error : {EINTR, EIO, ENODEV})
-            host.fault(request, {Fault::Kind::kWriteError, static_cast<std::uint32_t>(error), {}});
-        host.fault(request, {Fault::Kind::kCancel, 0, {}});
+            host.answerNext(request, sim::writeError(error));
+        host.answerNext(request, sim::cancel());
     }
     addQueue("Old", "TAG8");
-    host.fault(UserDeletedPrinters, {Fault::Kind::kWriteError, EIO, {}});
+    host.answerNext(UserDeletedPrinters, sim::writeError(EIO));
     startService();
     ASSERT_TRUE(host.waitUntil([&] { return !host.exchanges(GetPrintingCmd).empty(); }));
     deleteQueue("Old");
@@ -165,6 +164,65 @@ TEST_F(Faults, ExchangesThatFailAreRepeatedEachSecond) {
         for (std::size_t i = 1; i <= 4; ++i)
             EXPECT_GE(asked[i].when - asked[i - 1].when, 900ms);
     }
+}
+
+// Memory runs out: for a size that the host asks for, and for one allocation of each thread.
+class MemoryTest : public ServiceTest {
+protected:
+    void SetUp() override {
+        if (QNT_SANITIZED)
+            GTEST_SKIP() << "allocations are the sanitizer's";
+        startPreloaded({{"QNT_NO_MEMORY", none}});
+        ASSERT_TRUE(host.waitUntilIdle());
+    }
+    void expectFailedStep(const std::string& record) {
+        EXPECT_EQ(exitCode(), 1) << contents(folder / "output");
+        EXPECT_THAT(records(), Contains(record));
+        EXPECT_THAT(records(), Contains("Error in state machine execution"));
+        EXPECT_EQ(sim::statusState(host.statusMessages().back()), "stopped");
+    }
+
+    const std::string id = "TAG" + std::string(100, '1');
+    const fs::path none = folder / "none";  // lets the next allocation of each thread fail
+};
+
+TEST_F(MemoryTest, AWorkerGoesOnAndAppliesTheDefaultLater) {
+    addQueue("Office", id);
+    std::ofstream(none).flush();
+    host.setDefault(id);
+    EXPECT_TRUE(waitForRecord("Not enough memory for defaultPrinterLoop\n"));
+    EXPECT_TRUE(waitForRecord("Not enough memory for deletedPrintersLoop\n"));
+    fs::remove(none);
+    expectDefault("Office");
+    EXPECT_EQ(stopService(), 0);
+}
+
+TEST_F(MemoryTest, TheRunLoopAppliesTheDefaultLater) {
+    host.setDefault(id);
+    ASSERT_TRUE(host.waitUntil([&] { return host.exchanges(GetDefaultPrinter).size() == 3; }));
+    addQueue("Office", id);
+    std::ofstream(none).flush();
+    host.answerNext(sim::kRunLoopRequest, sim::askFor(100));
+    EXPECT_TRUE(waitForRecord("Not enough memory for setDefaultPrinter\n"));
+    expectDefault("Office");
+    EXPECT_EQ(stopService(), 0);
+}
+
+TEST_F(MemoryTest, TheRunLoopEndsAtAStepWithoutMemory) {
+    std::ofstream(none).flush();
+    host.send(sim::deletePrinter(id));
+    expectFailedStep("Not enough memory for executeStateMachine");
+}
+
+TEST_F(MemoryTest, ASizeThatTheHostAsksForMayBeTooLarge) {
+    constexpr std::uint32_t kLarge = 3U << 30;
+    addQueue("Office", id);
+    const std::string limit = "prlimit -p " + std::to_string(service->pid()) + " --as=";
+    sim::commandOutput(limit + "1000000000:");
+    host.answerNext(GetDefaultPrinter, sim::askFor(kLarge));
+    EXPECT_TRUE(waitForRecord("Not enough memory for defaultPrinterLoop\n"));
+    host.answerNext(sim::kRunLoopRequest, sim::askFor(kLarge));
+    expectFailedStep("[PRINTING_TOOL] Not enough memory for processAnswerFromHost");
 }
 
 }  // namespace

@@ -5,9 +5,7 @@
 
 #include <gmock/gmock.h>
 
-#include "cups/printer_names.h"
 #include "cups/queue_creation.h"
-#include "cups/queue_operations.h"
 #include "hostlink/request_device.h"
 #include "log/log_record.h"
 #include "printing/printing_tool.h"
@@ -45,7 +43,7 @@ protected:
     }
     // Delivers this answer and executes one step. False if it ends the run.
     bool stepAfter(const Bytes& answer) {
-        host.fault(sim::kRunLoopRequest, {sim::Fault::Kind::kRaw, 0, answer});
+        host.answerNext(sim::kRunLoopRequest, sim::raw(answer));
         EXPECT_TRUE(exchange());
         return executeStateMachine(tool, processAnswerFromHost(tool.m_bufferCmd), commands);
     }
@@ -67,15 +65,15 @@ TEST_F(StateMachineTest, EachAnswerIsFollowedByItsRequest) {
         std::uint32_t bufferSize;
         bool queueExists;
     } rows[] = {
-        {sim::roomRequest(300), "GetPrintingCmd seq=0", 300, false},
-        {sim::roomRequest(100), "GetPrintingCmd seq=0", 300, false},
+        {sim::askFor(300).answer, "GetPrintingCmd seq=0", 300, false},
+        {sim::askFor(100).answer, "GetPrintingCmd seq=0", 300, false},
         {list, "PrintingCmdAnswer seq=17 result=1", 300, false},
         {encodeAnswer(sim::addPrinter("TAG1001"), 3), "PrintingCmdAnswer seq=17 result=1", 300,
          true},
         {list, "PrintingCmdAnswer seq=17 result=1", 300, true},  // blanks make no other name
         {code(9), "PrintingCmdAnswer seq=17 result=2", 300, true},
         {code(5), "PrintingCmdPending seq=0", 300, true},  // a printer is online
-        {sim::roomRequest(400), "PrintingCmdPending seq=0", 400, true},
+        {sim::askFor(400).answer, "PrintingCmdPending seq=0", 400, true},
         {encodeAnswer(sim::printerList({}), 50), "GetPrintingCmd seq=17", 400, true},  // dropped
         {encodeAnswer(sim::deletePrinter("TAG1001"), 3), "PrintingCmdAnswer seq=17 result=1", 400,
          false},
@@ -93,7 +91,7 @@ TEST_F(StateMachineTest, EachAnswerIsFollowedByItsRequest) {
         EXPECT_EQ(hasQueue("Front_Desk", "TAG1001"), row.queueExists) << expected.size();
         expected.emplace_back(row.request, row.bufferSize);
     }
-    host.fault(sim::kRunLoopRequest, {sim::Fault::Kind::kCancel, 0, {}});
+    host.answerNext(sim::kRunLoopRequest, sim::cancel());
     EXPECT_FALSE(exchange());
     for (const sim::Exchange& each : host.exchanges())
         sent.emplace_back(sim::describeRequest(each), each.outSize);
@@ -134,67 +132,7 @@ TEST_F(StateMachineTest, QueuesCountAsDeletedOnceIfCupsAnswers) {
     fs::remove(folder / "bin/lpstat");
     deleteQueue("Three");
     EXPECT_THAT(vanished(), ElementsAre(isOf("TAG1003")));
-    deleteQueue("One");
-    addQueue("Uno", "TAG1001");
     EXPECT_THAT(vanished(), IsEmpty());
-    for (const auto& [name, id] : {std::pair{"Uno", "TAG1001"}, {"Two", "TAG1002"}}) {
-        deleteQueue(name);
-        EXPECT_THAT(vanished(), ElementsAre(isOf(id)));
-        EXPECT_THAT(vanished(), IsEmpty());
-    }
-}
-
-// Each row: the names of the printers TAG1, TAG2 ... before and after a list, and which of them is
-// the default, counted from 0.
-TEST_F(StateMachineTest, PrintersMayTakeNamesFromEachOther) {
-    using Names = std::vector<std::string>;
-    const std::tuple<Names, Names, std::size_t> rows[] = {
-        {{"A", "B"}, {"B", "A"}, 0},
-        {{"A", "B"}, {"B", "A"}, 1},
-        {{"A", "B"}, {"B", "C"}, 1},
-        {{"A", "B", "C"}, {"C", "A", "B"}, 2},
-        {{"Lab", "Desk"}, {"DESK", "lab"}, 1},
-        {{"A", "Bob_s_1"}, {"bob's 1", "#"}, 0},
-        {{"A", "B", "D"}, {"B", "B_", "D"}, 2},
-    };
-    const auto idOf = [](std::size_t number) { return "TAG" + std::to_string(number + 1); };
-    const auto nameFor = [](const std::string& name) {
-        return acceptedQueueName(queueNameFor(name));
-    };
-    for (const auto& [before, after, preferred] : rows) {
-        SCOPED_TRACE(testing::PrintToString(after) + idOf(preferred));
-        std::vector<sim::HostPrinter> printers;
-        for (std::size_t i = 0; i < before.size(); ++i) {
-            addQueue(before[i], idOf(i));
-            printers.push_back({idOf(i), after[i]});
-        }
-        setDefaultPrinter(idOf(preferred));
-        vanished();
-        ASSERT_TRUE(stepAfter(sim::printerList(printers)));
-        for (std::size_t i = 0; i < after.size(); ++i)
-            EXPECT_TRUE(hasQueue(nameFor(after[i]), idOf(i)));
-        EXPECT_TRUE(isDefault(nameFor(after[preferred])));
-        EXPECT_THAT(vanished(), IsEmpty());
-        sim::commandOutput("lpstat -e | xargs -rn1 lpadmin -x");
-        vanished();
-    }
-}
-
-TEST_F(StateMachineTest, OfflineIsWhatIsUnpluggedOrDisabled) {
-    EXPECT_TRUE(areAllPrintersOffline());
-    for (const std::string id : {"TAG1001", "TAG1002", "TAG1003"}) {
-        addQueue("Q" + id, id);
-        host.plug(id, id);
-    }
-    host.unplug("TAG1002");
-    sim::commandOutput("cupsdisable QTAG1003");
-    vanished();
-    EXPECT_FALSE(areAllPrintersOffline());
-    ASSERT_TRUE(stepAfter(sim::deleteOffline()));
-    EXPECT_TRUE(hasQueue("QTAG1001", "TAG1001"));
-    EXPECT_THAT(vanished(), ElementsAre(isOf("TAG1002"), isOf("TAG1003")));
-    host.unplug("TAG1001");
-    EXPECT_TRUE(areAllPrintersOffline());
 }
 
 }  // namespace

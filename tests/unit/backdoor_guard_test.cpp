@@ -42,23 +42,5 @@ TEST(BackdoorGuard, SurvivesTheFaultAndRestoresDispositionsAndMask) {
     }
 }
 
-// The fault's handler is the hypervisor: it adds 10, 20, ... to the registers.
-TEST(Rdpmc, LoadsAndStoresAllSixRegisters) {
-    struct sigaction action {};
-    action.sa_flags = SA_SIGINFO;
-    action.sa_sigaction = [](int, siginfo_t*, void* context) {
-        auto& registers = static_cast<ucontext_t*>(context)->uc_mcontext.gregs;
-        int added = 0;
-        for (const int name : {REG_RAX, REG_RBX, REG_RCX, REG_RDX, REG_RSI, REG_RDI})
-            registers[name] += added += 10;
-        registers[REG_RIP] += 2;
-    };
-    sigaction(SIGSEGV, &action, nullptr);
-    RdpmcRegisters registers{1, 2, 3, 4, 5, 6};
-    rdpmc(registers);
-    EXPECT_EQ(std::bit_cast<Registers>(registers), (Registers{11, 22, 33, 44, 55, 66}));
-    std::signal(SIGSEGV, SIG_DFL);
-}
-
 }  // namespace
 }  // namespace qnt

@@ -180,20 +180,15 @@ TEST(Backdoor, OpensWithItsOwnAnswerOnly) {
     }
 }
 
-using sim::Fault;
-
-Fault status(std::uint32_t value) {
-    return {Fault::Kind::kStatus, value, {}};
-}
-Fault writeError(int error) {
-    return {Fault::Kind::kWriteError, static_cast<std::uint32_t>(error), {}};
-}
+using sim::Reply;
+using sim::status;
+using sim::writeError;
 
 // Answers the next requests of a type with these, in order.
 struct Host : sim::SimulatedHost {
-    Host(std::uint32_t requestType, const std::vector<Fault>& answers) {
-        for (const Fault& answer : answers)
-            fault(requestType, answer);
+    Host(std::uint32_t requestType, const std::vector<Reply>& answers) {
+        for (const Reply& answer : answers)
+            answerNext(requestType, answer);
     }
 };
 
@@ -201,7 +196,7 @@ TEST(LinkDevice, IsProbedAndLeftForTheBackdoorWhereItRefuses) {
     constexpr std::size_t kEndless =
         1 + HostLoopLimit::kRepeatsAtOnce + HostLoopLimit::kTimeLimit / HostLoopLimit::kPause;
     const struct {
-        std::vector<Fault> answers;
+        std::vector<Reply> answers;
         std::int32_t mode, result;
         std::uint32_t kind;
         std::size_t probes;
@@ -235,9 +230,9 @@ TEST(LinkDevice, CarriesACallInOneRequest) {
     const auto answer = [](std::uint32_t length, std::uint32_t announced, std::int32_t result) {
         const Bytes header =
             words({32, 0, 5, length, announced, static_cast<std::uint32_t>(result)});
-        return Fault{Fault::Kind::kRaw, 0, header};
+        return sim::raw(header);
     };
-    const std::tuple<Fault, std::int32_t, std::int32_t, std::uint32_t> rows[] = {
+    const std::tuple<Reply, std::int32_t, std::int32_t, std::uint32_t> rows[] = {
         {answer(3, 4, 1), kLinkOk, 1, 3},
         {answer(9, 5, 0), kLinkOk, 0, 5},
         {answer(3, 6, 1), kLinkAnswerTooLarge, 1, 0},
@@ -262,7 +257,7 @@ TEST(LinkDevice, CarriesACallInOneRequest) {
 }
 
 TEST(SendRequest, LogsAFailure) {
-    const std::tuple<Fault, std::int32_t, bool, std::string> rows[] = {
+    const std::tuple<Reply, std::int32_t, bool, std::string> rows[] = {
         {status(kRequestDone), 3, true, ""},
         {status(5), 0, false, "F SendRequest() failed 5\n"},
         {writeError(EIO), 0, false, "F SendRequest() failed 0\n"},

@@ -1,0 +1,238 @@
+// A host and a user of the guest who act at random, on the unmodified service and a real CUPS.
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <cctype>
+#include <random>
+
+#include "cups/printer_names.h"
+#include "tests/support/fixture.h"
+
+namespace qnt {
+namespace {
+
+using testing::Contains;
+using testing::StartsWith;
+using testing::UnorderedElementsAreArray;
+
+// Ids and names that are easily mixed up, or that the tools of CUPS take for something else.
+const std::vector<std::string> kIds = {"TAG1", "TAG10", "TAG100", "TAG2", "TAG.", "TAG-x"};
+const std::vector<std::string> kNames = {"Lab",     "lab 2", "Lab,lab",    "all",
+                                         "Bob's 1", "B#",    "B\u00fc ro", "Front Desk"};
+
+// A printer that the host has shared, and what the guest should have of it.
+struct Printer {
+    std::string id, name;
+    bool hasQueue = true, isPlugged = true, isEnabled = true, isReported = false;
+    std::string queueName() const { return acceptedQueueName(queueNameFor(name)); }
+};
+
+class WalkTest : public ServiceTest {
+protected:
+    WalkTest() {
+        replaceTool("lpinfo", "echo raw");  // a queue without a driver, which is quicker
+        sim::commandOutput("lpadmin -p Own -E -v ipp://printer.example/ipp; lpadmin -d Own");
+        start();
+    }
+    void start() {
+        startPreloaded({{"QNT_SECOND", "200"}}, {"-v"});
+        EXPECT_TRUE(host.waitUntilIdle());
+    }
+
+    std::size_t below(std::size_t limit) { return random() % limit; }
+    std::string anyId() { return kIds[below(kIds.size())]; }
+    std::string unusedName() {
+        const std::string name = kNames[below(kNames.size())];
+        const bool isUsed = std::ranges::any_of(
+            printers, [&](const Printer& printer) { return areSameQueue(printer.name, name); });
+        return isUsed ? unusedName() : name;
+    }
+    Printer* find(const std::string& id) {
+        const auto found = std::ranges::find(printers, id, &Printer::id);
+        return found == printers.end() ? nullptr : &*found;
+    }
+    // Acts on any printer that has a queue.
+    void withAnyQueue(const std::function<void(Printer&)>& act) {
+        std::ranges::shuffle(printers, random);
+        const auto found = std::ranges::find(printers, true, &Printer::hasQueue);
+        if (found != printers.end())
+            act(*found);
+    }
+    // Waits until those that count as deleted are reported. The host removes them from its list.
+    void expectReports() {
+        for (const Printer& printer : printers)
+            if (printer.isReported)
+                reported.push_back(printer.id);
+        std::erase_if(printers, [](const Printer& printer) { return printer.isReported; });
+        EXPECT_TRUE(
+            host.waitUntil([&] { return host.deletedPrinters().size() >= reported.size(); }));
+    }
+    void takeStep(std::size_t kinds) {
+        const auto& [what, act] = steps[below(kinds)];
+        SCOPED_TRACE(what);
+        act();
+        std::vector<std::string> expected{"device for Own: ipp://printer.example/ipp"}, queues;
+        for (const Printer& printer : printers)
+            if (printer.hasQueue)
+                expected.push_back("device for " + printer.queueName() + ": " + kUri + printer.id);
+        std::istringstream lines(sim::commandOutput("lpstat -v"));
+        for (std::string line; std::getline(lines, line);)
+            queues.push_back(line);
+        EXPECT_THAT(queues, UnorderedElementsAreArray(expected));
+        if (const Printer* preferred = find(defaultId); preferred && preferred->hasQueue)
+            expectDefault(preferred->queueName());
+        EXPECT_THAT(host.deletedPrinters(), UnorderedElementsAreArray(reported));
+    }
+
+    std::mt19937 random{static_cast<unsigned>(setting("QNT_START", 1))};
+    std::vector<Printer> printers;
+    std::string defaultId;
+    std::vector<std::string> reported;
+    const std::function<void()> share = [this] {
+        const std::string id = anyId();
+        if (!find(id))
+            printers.push_back({id, unusedName()});
+        const std::string name = find(id)->name;
+        *find(id) = {id, name};
+        host.plug(id, name);
+        carryOut(sim::printerList(host.printers()));
+        fs::resize_file(kLog, 0);
+        carryOut(sim::addPrinter(id));
+        EXPECT_THAT(records(), Contains(StartsWith("lpadmin -d ")).Times(id == defaultId));
+    };
+    const std::function<void()> renameAll = [this] {
+        std::vector<std::string> names{unusedName()};
+        for (const Printer& printer : printers)
+            names.push_back(printer.name);
+        std::ranges::shuffle(names, random);
+        for (Printer& printer : printers) {
+            const std::string before = printer.queueName();
+            printer.name = names.back();
+            names.pop_back();
+            if (below(4) == 0)
+                std::ranges::transform(printer.name, printer.name.begin(), toupper);
+            printer.isEnabled |= printer.queueName() != before;  // its queue is a new one
+            host.rename(printer.id, printer.name);
+        }
+        carryOut(sim::printerList(host.printers()));
+    };
+    const std::vector<std::pair<const char*, std::function<void()>>> steps = {
+        {"share", share},
+        {"share", share},
+        {"rename all", renameAll},
+        {"rename all", renameAll},
+        {"set the default", [this] { host.setDefault(defaultId = anyId()); }},
+        {"delete",
+         [this] {
+             const std::string id = anyId();
+             carryOut(sim::deletePrinter(id));
+             if (Printer* printer = find(id))
+                 printer->hasQueue = false;
+         }},
+        {"delete offline",
+         [this] {
+             carryOut(sim::deleteOffline());
+             for (Printer& printer : printers)
+                 if (printer.hasQueue && !(printer.isPlugged && printer.isEnabled))
+                     printer.isReported = true;
+             expectReports();
+         }},
+        {"disable or unplug",
+         [this] {
+             withAnyQueue([this](Printer& printer) {
+                 (below(2) == 0 ? printer.isPlugged : printer.isEnabled) = false;
+                 if (!printer.isPlugged)
+                     host.unplug(printer.id);
+                 if (!printer.isEnabled)
+                     sim::Process({"cupsdisable", printer.queueName()}).wait(kPatience);
+             });
+         }},
+        {"the user deletes",
+         [this] {
+             carryOut({9, "", {}});  // before it, the service looks at the queues
+             for (std::size_t most = 1 + below(2); most > 0; --most)
+                 withAnyQueue([](Printer& printer) {
+                     deleteQueue(printer.queueName());
+                     printer.isReported = true;
+                     printer.hasQueue = false;
+                 });
+             expectReports();
+         }},
+        {"answer with a bit flipped",
+         [this] {
+             Bytes answer = sim::encodeAnswer({9, "", {}}, 0);
+             answer[below(answer.size())] ^= static_cast<std::uint8_t>(1U << below(8));
+             const std::size_t before = host.exchanges().size();
+             host.answerNext(sim::kRunLoopRequest, sim::raw(answer));
+             EXPECT_TRUE(host.waitUntil([&] {
+                 return service->wait(0s) || (host.isIdle() && host.exchanges().size() > before);
+             }));
+             if (service->wait(0s)) {
+                 EXPECT_EQ(exitCode(), 1);
+                 EXPECT_EQ(records().back(), "closed, rc = 1");
+                 start();
+             }
+         }},
+        {"restart CUPS",
+         [] {
+             guest().cups->stop();
+             guest().cups->start();
+         }},
+        {"restart the service", [this] {
+             if (below(2) == 0) {
+                 EXPECT_EQ(stopService(), 0);
+             }
+             service.reset();
+             if (below(2) == 0)
+                 withAnyQueue([](Printer& printer) {
+                     deleteQueue(printer.queueName());
+                     printer.hasQueue = false;
+                 });
+             start();
+         }}};
+};
+
+// QNT_STEPS sets the number of steps, QNT_START chooses them.
+TEST_F(WalkTest, TheGuestHasThePrintersOfItsHostAfterEachStep) {
+    const int last = setting("QNT_STEPS", 60);
+    for (int step = 1; step <= last && !HasFailure(); ++step) {
+        SCOPED_TRACE(step);
+        takeStep(steps.size());
+    }
+}
+
+// QNT_SECONDS sets its length: a fifth for warming up, then two halves, whose growth is compared.
+TEST_F(WalkTest, ALongRunLeavesNothingBehind) {
+    if (QNT_SANITIZED)
+        GTEST_SKIP() << "Sanitizers have threads and memory of their own.";
+    const fs::path process = "/proc/" + std::to_string(service->pid());
+    const auto entries = [&](const char* name) {
+        return std::distance(fs::directory_iterator(process / name), {});
+    };
+    // A worker that lists the queues has a pipe and a child meanwhile.
+    auto files = entries("fd");
+    for (int looks = 0; looks < 100; ++looks, std::this_thread::sleep_for(5ms))
+        files = std::min(files, entries("fd"));
+    const auto isAtRest = [&] {
+        std::string children;
+        for (const auto& thread : fs::directory_iterator(process / "task"))
+            children += contents(thread.path() / "children");
+        return children.empty() && entries("fd") == files && entries("task") == 3;
+    };
+    const std::chrono::milliseconds fifth(setting("QNT_SECONDS", 10) * 1000 / 5);
+    std::vector<int> kilobytes;
+    for (const int fifths : {1, 2, 2}) {
+        const auto end = std::chrono::steady_clock::now() + fifths * fifth;
+        while (std::chrono::steady_clock::now() < end && !HasFailure())
+            takeStep(steps.size() - 3);  // without a restart
+        EXPECT_TRUE(eventually(isAtRest));
+        const std::string status = contents(process / "status");
+        kilobytes.push_back(std::stoi(status.substr(status.find("RssAnon:") + 8)));
+        std::cout << host.results().size() << " commands: " << kilobytes.back() << " KiB\n";
+    }
+    EXPECT_LE(kilobytes[2] - kilobytes[1], 128);
+}
+
+}  // namespace
+}  // namespace qnt
