@@ -214,9 +214,16 @@ TEST_F(MemoryTest, TheRunLoopEndsAtAStepWithoutMemory) {
     expectFailedStep("Not enough memory for executeStateMachine");
 }
 
-TEST_F(MemoryTest, ASizeThatTheHostAsksForMayBeTooLarge) {
-    constexpr std::uint32_t kLarge = 3U << 30;
-    addQueue("Office", id);
+TEST_F(MemoryTest, ASizeThatTheHostAsksForCostsNothingUntilFilledOrIsTooLarge) {
+    constexpr std::uint32_t kGiB = 1U << 30, kLarge = 3 * kGiB;
+    for (const std::uint32_t size : {kGiB, kGiB + 1, kGiB + 8192})
+        for (const std::uint32_t request : {sim::kRunLoopRequest, +GetDefaultPrinter})
+            host.answerNext(request, sim::askFor(size));
+    host.answerNext(GetDefaultPrinter, sim::askFor(200));
+    ASSERT_TRUE(host.waitUntil(
+        [&] { return host.isIdle() && host.exchanges(GetDefaultPrinter).size() == 5; }));
+    const std::string status = contents("/proc/" + std::to_string(service->pid()) + "/status");
+    EXPECT_LT(std::stoi(status.substr(status.find("VmHWM:") + 6)), 64 * 1024);
     const std::string limit = "prlimit -p " + std::to_string(service->pid()) + " --as=";
     sim::commandOutput(limit + "1000000000:");
     host.answerNext(GetDefaultPrinter, sim::askFor(kLarge));

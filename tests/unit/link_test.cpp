@@ -147,23 +147,6 @@ TEST(Backdoor, GivesUpAHostThatMovesNothingForAMinute) {
     EXPECT_EQ(g_hypervisor.commands.back()[0], kBackdoorCancel);
 }
 
-TEST(Backdoor, LoadsTheRegistersOfEachCommand) {
-    g_hypervisor = {{{300, kMore}, {100, kMore}, {0, kMore, 401}}};
-    Bytes buffer(400);
-    const auto address = reinterpret_cast<std::uintptr_t>(buffer.data());
-    constexpr std::uint64_t id = 0xFFFFFFFFFFFFFFFE;
-    KavelinkLink link;
-    EXPECT_EQ(kavelinkOpen(&link, kLinkBackdoorOnly), kLinkOk);
-    EXPECT_EQ(link.handle, 300U);
-    EXPECT_EQ(kavelinkCall(&link, buffer.data(), 5, 400, nullptr), kLinkAnswerTooLarge);
-    EXPECT_THAT(g_hypervisor.commands,
-                testing::ElementsAre(Registers{0x5F9E652, 0x5F9E652, 0, 0, 0, 0},
-                                     Registers{0x5F9E653, 5, 1, 300, 5, address},
-                                     Registers{0x5F9E654, id, 1, 100, 0, address + 300},
-                                     Registers{0x5F9E654, id, 0, 0, 0, address + 400},
-                                     Registers{0x5F9E655, id, 0, 0, 0, 0}));
-}
-
 TEST(Backdoor, OpensWithItsOwnAnswerOnly) {
     const std::tuple<std::size_t, std::uint64_t, std::int32_t> differences[] = {
         {2, 0, kLinkOk},           {0, 0x5F9E652, kLinkNotAvailable}, {1, 3, kLinkRefused},
