@@ -18,7 +18,7 @@ create() {
     lpadmin -p "$2" -u allow:all -m "$ppd" \
         -v "usb://HP/Color%20LaserJet%208500?serial=$1" -o printer-error-policy=retry-job -E \
         -D "$2" -L 'Host OS' -o printer-is-shared=false
-    lpoptions -p "$2" | grep -qF ' printer-is-temporary=true'
+    lpoptions -p "$2"
 }
 
 # add ID NAME: a CmdAddPrinter.

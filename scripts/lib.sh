@@ -10,7 +10,7 @@ PATH=$PATH:/usr/sbin:/sbin # for lpadmin; a root shell started by su may lack th
 build_packages=(cmake g++ libedit-dev libfuse3-dev ninja-build pkg-config)
 cups_packages=(cups cups-client printer-driver-postscript-hp)
 guest_packages=(fuse3 procps)
-test_packages=(clang clang-format clang-tidy dpkg-dev libbenchmark-dev libclang-rt-dev
+test_packages=(clang clang-format clang-tidy cups-ipp-utils dpkg-dev libbenchmark-dev libclang-rt-dev
     libgmock-dev libgtest-dev locales mandoc shellcheck systemd tmux)
 
 # missing SENTENCE: ends the script because the machine lacks something.

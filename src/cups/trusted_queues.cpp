@@ -1,6 +1,7 @@
 #include "cups/trusted_queues.h"
 
 #include <map>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -75,23 +76,38 @@ Binding askBinding(const QueueBinding& queue) {
     return binding;
 }
 
-// Also false if lpoptions fails. Every text that another user may have put into the options of a
-// queue is in the options of a temporary queue, so it can only add the word that is searched for.
-bool isTemporary(const std::string& queueName) {
-    return runCommand("lpoptions -p " + shellQuote(queueName).value() +
-                      " | grep -qF ' printer-is-temporary=true'") == 0;
+// None if CUPS does not answer, false if it answers and lpoptions fails. Every text that another
+// user may have put into the options of a queue is in the options of a temporary queue, so it can
+// only add the word that is searched for.
+std::optional<bool> askTemporary(const std::string& queueName) {
+    CommandOutput output;
+    if (!output.open("lpoptions -p " + shellQuote(queueName).value()))
+        return std::nullopt;
+    bool isTemporary = false, isAnswered = false;
+    for (std::string line; readWholeLine(output, line); isAnswered = true)
+        isTemporary |= line.find(" printer-is-temporary=true") != std::string::npos;
+    output.close();
+    if (!isAnswered && !isCupsAnswering())
+        return std::nullopt;
+    return isTemporary;
 }
 
-// Without an answer, the queue is trusted for this time: otherwise it would count as deleted.
-// Before it is changed, CUPS is asked again.
-bool askVerdict(const QueueBinding& queue) {
+// None if CUPS does not answer.
+std::optional<bool> askVerdict(const QueueBinding& queue) {
     const Binding binding = askBinding(queue);
     if (binding == Binding::kUnknown || (binding == Binding::kMissing && !isCupsAnswering()))
-        return true;
-    return g_verdicts[keyOf(queue)] = binding == Binding::kBound && !isTemporary(queue.queueName);
+        return std::nullopt;
+    bool isTrusted = false;
+    if (binding == Binding::kBound) {
+        const auto isTemporary = askTemporary(queue.queueName);
+        if (!isTemporary)
+            return std::nullopt;
+        isTrusted = !*isTemporary;
+    }
+    return g_verdicts[keyOf(queue)] = isTrusted;
 }
 
-bool isTrusted(const QueueBinding& queue) {
+std::optional<bool> verdictOn(const QueueBinding& queue) {
     const auto known = g_verdicts.find(keyOf(queue));
     return known != g_verdicts.end() ? known->second : askVerdict(queue);
 }
@@ -107,8 +123,15 @@ void forgetAllBut(const QueueBindingList& listing) {
     g_verdicts.swap(listed);
 }
 
-void keepTrusted(QueueBindingList& listing) {
-    listing.remove_if([](const QueueBinding& queue) { return !isTrusted(queue); });
+// False if CUPS has not answered about a queue, which is not kept.
+bool keepTrusted(QueueBindingList& listing) {
+    bool isAnswered = true;
+    listing.remove_if([&](const QueueBinding& queue) {
+        const auto isTrusted = verdictOn(queue);
+        isAnswered &= isTrusted.has_value();
+        return !isTrusted.value_or(false);
+    });
+    return isAnswered;
 }
 
 }  // namespace
@@ -126,15 +149,14 @@ bool listTrustedQueues(QueueBindingList& queues, const std::string& id) {
 
 bool listTrustedQueuesIfAnswered(QueueBindingList& queues) {
     QueueBindingList listing;
-    if (!listQueuesIfAnswered(listing))
+    if (!listQueuesIfAnswered(listing) || !keepTrusted(listing))
         return false;
-    keepTrusted(listing);
     queues.splice(queues.end(), listing);
     return true;
 }
 
 void adoptCreatedQueue(const QueueBinding& queue) {
-    if (isTemporary(queue.queueName)) {
+    if (askTemporary(queue.queueName).value_or(false)) {
         const std::string command =
             "lpadmin -p " + shellQuote(queue.queueName).value() + " -o printer-is-temporary=false";
         if (const int status = runCommand(command); status != 0)

@@ -8,8 +8,9 @@
 // not temporary.
 //
 // What CUPS has answered is remembered as long as the queue is listed, and a queue that the service
-// has created is trusted, so CUPS is asked only about a queue that is new. All callers hold the
-// tool's mutex once there are workers. May throw std::bad_alloc.
+// has created is trusted, so CUPS is asked only about a queue that is new, and again at the next
+// listing if it does not answer. All callers hold the tool's mutex once there are workers. May throw
+// std::bad_alloc.
 
 #pragma once
 
@@ -19,7 +20,8 @@
 
 namespace qnt {
 
-// listPrinterQueues and listQueuesIfAnswered, without the queues that are not trusted.
+// listPrinterQueues and listQueuesIfAnswered, without the queues that are not trusted. The second
+// is false also if CUPS has not answered about one of the queues.
 bool listTrustedQueues(QueueBindingList& queues, const std::string& id);
 bool listTrustedQueuesIfAnswered(QueueBindingList& queues);
 

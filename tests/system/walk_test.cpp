@@ -10,6 +10,7 @@
 #include <cctype>
 #include <list>
 #include <random>
+#include <regex>
 
 #include "cups/printer_names.h"
 #include "posix/unique_fd.h"
@@ -36,37 +37,11 @@ struct Printer {
     std::string queueName() const { return acceptedQueueName(queueNameFor(name)); }
 };
 
-// RFC 8010: each attribute has a tag, a name and a value, each text with its length in two bytes.
-std::string attribute(char tag, const std::string& name, const std::string& value) {
-    const auto sized = [](const std::string& text) {
-        return std::string{static_cast<char>(text.size() >> 8), static_cast<char>(text.size())} +
-               text;
-    };
-    return tag + sized(name) + sized(value);
-}
-
-// The operation CUPS-Create-Local-Printer, in HTTP.
-std::string creationRequest(const std::string& name, const std::string& uri) {
-    const std::string body =
-        std::string("\2\0\x40\x28\0\0\0\1\1", 9) + attribute(0x47, "attributes-charset", "utf-8") +
-        attribute(0x48, "attributes-natural-language", "en") +
-        attribute(0x45, "printer-uri", "ipp://localhost/") + '\4' +
-        attribute(0x42, "printer-name", name) + attribute(0x45, "device-uri", uri) + '\3';
-    return "POST / HTTP/1.1\r\nHost: localhost\r\nContent-Type: application/ipp\r\n"
-           "Connection: close\r\nContent-Length: " +
-           std::to_string(body.size()) + "\r\n\r\n" + body;
-}
-
-// Sends standard input to CUPS as a user without rights, and ends when CUPS has answered.
-constexpr char kSendAsNobody[] =
-    "exec setpriv --reuid=nobody --regid=nogroup --clear-groups perl -MIO::Socket::UNIX -e '"
-    "$cups = IO::Socket::UNIX->new($ENV{CUPS_SERVER}); print $cups <STDIN>; $cups->flush;"
-    "exit(<$cups> !~ m,^HTTP/1.1 200,)' <";
-
 class WalkTest : public ServiceTest {
 protected:
     WalkTest() {
-        fs::permissions(guest().folder, fs::perms::others_exec, fs::perm_options::add);
+        for (const fs::path& each : {guest().folder, folder})
+            fs::permissions(each, fs::perms::others_exec, fs::perm_options::add);
         // Later releases of CUPS delete a queue whose device can't be reached.
         sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
         socklen_t size = sizeof address;
@@ -127,11 +102,18 @@ protected:
         };
         if (isListed())
             return;
-        const std::string file = folder / "request";
-        std::ofstream(file) << creationRequest(name, scheme + uri + more);
+        std::ofstream(folder / "request")
+            << "{ OPERATION CUPS-Create-Local-Printer GROUP operation-attributes-tag "
+               "ATTR charset attributes-charset utf-8 "
+               "ATTR naturalLanguage attributes-natural-language en "
+               "ATTR uri printer-uri \"ipp://localhost/\" GROUP printer-attributes-tag "
+               "ATTR name printer-name \"" +
+                   name + "\" ATTR uri device-uri \"" + scheme + uri + more + "\" }";
         // Later releases of CUPS answer after they have tried to reach the device for two minutes.
-        sim::Process& user =
-            users.emplace_back(std::vector<std::string>{"sh", "-c", kSendAsNobody + file});
+        sim::Process& user = users.emplace_back(std::vector<std::string>{
+            "setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups", "ipptool", "-q",
+            "ipp://" + std::regex_replace(guest().cups->socketPath(), std::regex("/"), "%2F") + "/",
+            folder / "request"});
         const auto hasAnswer = [&] { return user.wait(0ms).has_value(); };
         EXPECT_TRUE(eventually([&] { return hasAnswer() || isListed(); }));
         EXPECT_EQ(user.wait(0ms).value_or(0), 0);
