@@ -4,10 +4,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <map>
-#include <optional>
+#include <memory>
 #include <stdexcept>
 
-#include "sim/guest_namespace.h"
 #include "sim/private_cups.h"
 
 namespace bench {
@@ -17,7 +16,7 @@ namespace fs = std::filesystem;
 
 constexpr std::chrono::minutes kLongest(5);
 
-std::optional<sim::PrivateCups> g_cups;
+std::unique_ptr<sim::Guest> g_guest;
 
 }  // namespace
 
@@ -51,20 +50,16 @@ void waitForIdle(const sim::SimulatedHost& host) {
 }
 
 pid_t cupsProcess() {
-    return g_cups->pid();
+    return g_guest->cups->pid();
 }
 
 namespace {
 
 void runInGuest(void (*measure)(int), int rounds) {
-    std::string name = fs::temp_directory_path() / "qnt-bench-XXXXXX";
-    const fs::path folder = mkdtemp(name.data());
-    sim::enterGuestNamespace(folder / "log");
-    fs::current_path(folder);
-    g_cups.emplace(folder / "cups");
+    g_guest = std::make_unique<sim::Guest>();
+    fs::current_path(g_guest->folder.path);
     measure(rounds);
-    g_cups.reset();
-    fs::remove_all(folder);
+    g_guest.reset();
 }
 
 const std::map<std::string, void (*)(int)> kMeasurements = {{"add", measureAdd},

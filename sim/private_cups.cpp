@@ -6,7 +6,19 @@
 #include <filesystem>
 #include <stdexcept>
 
+#include "sim/guest_namespace.h"
+
 namespace sim {
+namespace {
+
+std::filesystem::path makeFolder() {
+    std::string name = "/tmp/qnt-guest-XXXXXX";
+    if (mkdtemp(name.data()) == nullptr)
+        throw std::runtime_error("Could not make a folder in /tmp.");
+    return name;
+}
+
+}  // namespace
 
 PrivateCups::PrivateCups(const std::string& folder)
     : m_folder(std::filesystem::absolute(folder).string()) {
@@ -30,6 +42,13 @@ void PrivateCups::stop() {
     m_daemon->signal(SIGTERM);
     if (!m_daemon->wait(std::chrono::seconds(60)))
         throw std::runtime_error("cupsd does not stop");
+}
+
+TemporaryFolder::TemporaryFolder() : path(makeFolder()) {}
+
+Guest::Guest() {
+    enterGuestNamespace(folder.path / "log");
+    cups.emplace(folder.path / "cups");
 }
 
 }  // namespace sim

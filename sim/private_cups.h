@@ -1,9 +1,10 @@
-// A real CUPS for the simulated guest.
+// A real CUPS for the simulated guest, and a guest for the process.
 
 #pragma once
 
 #include <sys/types.h>
 
+#include <filesystem>
 #include <optional>
 #include <string>
 
@@ -28,6 +29,28 @@ public:
 private:
     std::string m_folder;
     std::optional<Process> m_daemon;
+};
+
+// A new folder in /tmp, which is deleted with all that is in it.
+class TemporaryFolder {
+public:
+    TemporaryFolder();
+    ~TemporaryFolder() { std::filesystem::remove_all(path); }
+    TemporaryFolder(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+
+    const std::filesystem::path path;
+};
+
+// Puts the process into a guest's namespace for good, with a private CUPS.
+struct Guest {
+    Guest();
+    ~Guest() { cups.reset(); }
+    Guest(const Guest&) = delete;
+    Guest& operator=(const Guest&) = delete;
+
+    const TemporaryFolder folder;
+    std::optional<PrivateCups> cups;
 };
 
 }  // namespace sim

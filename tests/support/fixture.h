@@ -33,37 +33,20 @@ namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using Milliseconds = std::chrono::milliseconds;
 
-inline fs::path freshFolder() {
-    std::string name = "/tmp/qnt-test-XXXXXX";
-    return mkdtemp(name.data());
-}
-
 // Shared by all cases of a process.
-struct Guest {
+inline sim::Guest& guest() {
     // The address sanitizer refuses LD_PRELOAD otherwise. And its marks must not be on the stack,
     // where those of a cancelled thread's frames would stay for the next function.
-    Guest() {
-        const std::string more =
+    static const std::string options =
+        (std::getenv("ASAN_OPTIONS") != nullptr ? std::getenv("ASAN_OPTIONS") : "") +
+        std::string(
             ":verify_asan_link_order=0:detect_stack_use_after_return=1"
-            ":allocator_may_return_null=1:max_allocation_size_mb=200:exitcode=99";
-        setenv("ASAN_OPTIONS", "", 0);
-        setenv("ASAN_OPTIONS", (std::getenv("ASAN_OPTIONS") + more).c_str(), 1);
-        sim::enterGuestNamespace(folder / "log");
-        cups.emplace(folder / "cups");
-    }
-    ~Guest() {
-        cups.reset();
-        fs::remove_all(folder);
-    }
-
-    const fs::path folder = freshFolder();
-    const std::string path = std::getenv("PATH");
-    std::optional<sim::PrivateCups> cups;
-};
-inline Guest& guest() {
-    static Guest instance;
+            ":allocator_may_return_null=1:max_allocation_size_mb=200:exitcode=99");
+    [[maybe_unused]] static const int set = setenv("ASAN_OPTIONS", options.c_str(), 1);
+    static sim::Guest instance;
     return instance;
 }
+inline const std::string g_path = std::getenv("PATH");
 
 // For waits that end with their condition, on any machine.
 inline constexpr Milliseconds kPatience = 60s;
@@ -85,7 +68,8 @@ inline int setting(const char* variable, int otherwise) {
 class GuestTest : public testing::Test {
 protected:
     GuestTest() {
-        setenv("PATH", ((folder / "bin").string() + ":" + guest().path).c_str(), 1);
+        guest();
+        setenv("PATH", ((folder / "bin").string() + ":" + g_path).c_str(), 1);
         fs::create_directory(folder / "bin");
         sim::commandOutput("lpstat -e | xargs -rn1 lpadmin -x");
         sim::commandOutput(std::string("rm -rf ") + sim::kUsbDevicesFolder + "/*-*");
@@ -93,15 +77,14 @@ protected:
     }
     ~GuestTest() override {
         service.reset();
-        setenv("PATH", guest().path.c_str(), 1);
-        fs::remove_all(folder);
+        setenv("PATH", g_path.c_str(), 1);
     }
 
     // Replaces a tool by a shell script. $real is the tool itself, $folder that of the case.
     void replaceTool(const std::string& tool, const std::string& script) const {
         std::ofstream(folder / "bin" / tool)
-            << "#!/bin/sh\nfolder=" << folder << " real=$(PATH=" << guest().path << " command -v "
-            << tool << ")\n"
+            << "#!/bin/sh\nfolder=" << folder << " real=$(PATH=" << g_path << " command -v " << tool
+            << ")\n"
             << script << '\n';
         fs::permissions(folder / "bin" / tool, fs::perms::all);
     }
@@ -163,7 +146,8 @@ protected:
 
     static constexpr char kUri[] = "usb://HP/Color%20LaserJet%208500?serial=";
     static constexpr char kLog[] = "/var/log/quintaris.log";
-    const fs::path folder = freshFolder();
+    const sim::TemporaryFolder temporary;
+    const fs::path folder = temporary.path;
     std::optional<sim::Process> service;
 };
 

@@ -40,7 +40,7 @@ struct Printer {
 class WalkTest : public ServiceTest {
 protected:
     WalkTest() {
-        for (const fs::path& each : {guest().folder, folder})
+        for (const fs::path& each : {guest().folder.path, folder})
             fs::permissions(each, fs::perms::others_exec, fs::perm_options::add);
         // Later releases of CUPS delete a queue whose device can't be reached.
         sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};

@@ -16,7 +16,6 @@
 #include "sim/guest_namespace.h"
 #include "sim/simulated_host.h"
 #include "tests/support/bytes.h"
-#include "tests/support/captured_log.h"
 
 // Sleeps pass in simulated time.
 using namespace std::chrono_literals;
@@ -137,16 +136,6 @@ TEST(Backdoor, MovesACallWithinItsBufferOrFailsIt) {
     }
 }
 
-TEST(Backdoor, GivesUpAHostThatMovesNothingForAMinute) {
-    g_hypervisor = {{{1, kMore}, {0, kMore}}};
-    g_slept = 0s;
-    Bytes buffer(20);
-    KavelinkLink link{0, LinkKindBackdoor, 100};
-    EXPECT_EQ(kavelinkCall(&link, buffer.data(), 10, 20, nullptr), kLinkHostFailed);
-    EXPECT_EQ(g_slept, HostLoopLimit::kTimeLimit);
-    EXPECT_EQ(g_hypervisor.commands.back()[0], kBackdoorCancel);
-}
-
 TEST(Backdoor, OpensWithItsOwnAnswerOnly) {
     const std::tuple<std::size_t, std::uint64_t, std::int32_t> differences[] = {
         {2, 0, kLinkOk},           {0, 0x5F9E652, kLinkNotAvailable}, {1, 3, kLinkRefused},
@@ -237,30 +226,6 @@ TEST(LinkDevice, CarriesACallInOneRequest) {
         EXPECT_EQ(host.exchanges().back().outSize, 5U);
         kavelinkClose(&link);
     }
-}
-
-TEST(SendRequest, LogsAFailure) {
-    const std::tuple<Reply, std::int32_t, bool, std::string> rows[] = {
-        {status(kRequestDone), 3, true, ""},
-        {status(5), 0, false, "F SendRequest() failed 5\n"},
-        {writeError(EIO), 0, false, "F SendRequest() failed 0\n"},
-        {status(kRequestCanceled), 1, false, ""},
-        {status(kRequestCanceled), 2, false, "I SendRequest() was canceled\n"},
-    };
-    for (const auto& [answer, level, succeeds, records] : rows) {
-        const Host host(GetPrintingCmd, {answer});
-        openRequestDevice();
-        const CapturedLog log(level);
-        DeviceRequest request;
-        Bytes buffer = documented("get-printing-cmd") + Bytes(28);
-        EXPECT_EQ(SendRequest(request, buffer.data(), 80, 108), succeeds);
-        EXPECT_EQ(host.exchanges().back().request, documented("get-printing-cmd"));
-        EXPECT_EQ(host.exchanges().back().outSize, 108U);
-        EXPECT_EQ(log.text, records);
-        closeRequestDevice();
-    }
-    DeviceRequest request;
-    EXPECT_TRUE(SendRequest(request, nullptr, 0, 0));  // submits nothing where no device is open
 }
 
 struct GuestNamespace : testing::Environment {

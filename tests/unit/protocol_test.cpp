@@ -66,16 +66,13 @@ TEST(ItemStream, StopsAtTheFirstFieldThatIsNotValid) {
     } rows[] = {
         {kStreamMagicOffset, 0xACDCBABA, 2, kStreamEnded},
         {kStreamMagicOffset, 0x1001, 0, kStreamBadHeader},
-        {kStreamReservedOffset, 0xFFFFFFFF, 2, kStreamEnded},
         {kStreamBodyLengthOffset, 0, 0, kStreamEnded},
         {kStreamBodyLengthOffset, 11, 0, kStreamTooShort},  // not even an item's header
-        {kStreamBodyLengthOffset, 15, 0, kStreamTooShort},
         {kStreamBodyLengthOffset, 16, 1, kStreamEnded},
         {kStreamBodyLengthOffset, 27, 1, kStreamTooShort},
         {kStreamBodyLengthOffset, 32, 0, kStreamTooShort},
         {kStreamBodyLengthOffset, 0x80000000, 0, kStreamTooShort},
         {kStreamBodyLengthOffset, 0xFFFFFFF8, 0, kStreamOverrun},
-        {12 + kItemLengthOffset, 5, 1, kStreamBadIndex},
         {12 + kItemLengthOffset, 20, 0, kStreamTooShort},
         {12 + kItemLengthOffset, 0xFFFFFFF4, 0, kStreamTooShort},
         {12 + kItemIndexOffset, 1, 0, kStreamBadIndex},
