@@ -8,6 +8,8 @@
 // Opening and placement are serialised by a mutex that the common path never takes: a thread that
 // finds it held continues with the open file, and waits only when there is none. Signal handlers
 // never take it (see SignalLogScope): they open a moved file for one record.
+//
+// The service itself calls only logFileWrite; the other functions belong to the fixed interface.
 
 #pragma once
 

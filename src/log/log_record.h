@@ -5,6 +5,9 @@
 //   11-16 18:12:11.042 I /qntspooler:812:32c/ [PRINTING_TOOL] Unsupported data skipped, ...
 // that is: local time, level mark, tag, process id, kernel thread id in hexadecimal, prefix in
 // brackets if there is one, message, newline.
+//
+// Outside of log/, the service uses logNoMemory, the level and the macros below; the rest of the
+// fixed interface is for the tests and other sinks.
 
 #pragma once
 
