@@ -1,4 +1,4 @@
-// The log file: where it lies, and its reopening after it has been removed, moved or replaced.
+// The log file: its place, and its reopening after it has been removed, moved or replaced.
 //
 // Writers take no lock, so one may use a descriptor number while another thread reopens the file.
 // The log therefore keeps one number for the life of the process: reopening is an atomic dup3(2)
