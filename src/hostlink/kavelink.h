@@ -1,6 +1,8 @@
 // The Open Kavelink link: short messages to the host, through the request device or, where the
 // device exists but refuses link calls, through the hypervisor's backdoor.
 //
+// The service opens it in one mode and only sends; the rest completes a fixed interface.
+//
 // Allocates and logs nothing and takes no lock: a link belongs to the thread that uses it, and
 // callers handle the results.
 

@@ -1,4 +1,5 @@
-// The link over the request device, through a descriptor of its own.
+// The link over the request device, through a descriptor of its own. The service receives nothing
+// over it; the room for an answer completes a fixed interface.
 
 #pragma once
 

@@ -6,7 +6,8 @@
 //       28        items: StatusItemProtocol; those of AppName, Version, State and Extra that the
 //                 caller supplies, in this order; StatusItemAppId
 //
-// Texts have no NUL terminator. All integers are little-endian, 32-bit.
+// Texts have no NUL terminator. All integers are little-endian, 32-bit. The service sends no extra
+// data and no values of its own in the version; both belong to the fixed interface.
 
 #pragma once
 
@@ -63,7 +64,8 @@ struct ToolStatus {
     std::uint32_t extraSize = 0;  // bytes
 };
 
-// Fills the record with the product's version, a build constant, and two values from the caller.
+// Fills the record with the product's version, which is fixed at build time, and two values from
+// the caller.
 void fillVersionRecord(ToolVersionRecord& record, std::uint32_t first, std::uint32_t second);
 
 // Sends a status message over an open link. Returns a StatusResult; logs nothing.

@@ -1,4 +1,4 @@
-// The log file: where it lies, and its reopening after it has been removed, moved or replaced.
+// The log file: its place, and its reopening after it has been removed, moved or replaced.
 //
 // Writers take no lock, so one may use a descriptor number while another thread reopens the file.
 // The log therefore keeps one number for the life of the process: reopening is an atomic dup3(2)
@@ -8,6 +8,8 @@
 // Opening and placement are serialised by a mutex that the common path never takes: a thread that
 // finds it held continues with the open file, and waits only when there is none. Signal handlers
 // never take it (see SignalLogScope): they open a moved file for one record.
+//
+// The service itself calls only logFileWrite; the other functions belong to the fixed interface.
 
 #pragma once
 

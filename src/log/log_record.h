@@ -5,6 +5,9 @@
 //   11-16 18:12:11.042 I /qntspooler:812:32c/ [PRINTING_TOOL] Unsupported data skipped, ...
 // that is: local time, level mark, tag, process id, kernel thread id in hexadecimal, prefix in
 // brackets if there is one, message, newline.
+//
+// Outside of log/, the service uses logNoMemory, the level and the macros below; the rest of the
+// fixed interface is for the tests and other sinks.
 
 #pragma once
 
@@ -23,13 +26,13 @@ inline constexpr char kServiceTag[] = "qntspooler";  // the request device has a
 // logs. The result is ignored.
 using LogSink = int (*)(const char* record, std::int32_t length);
 
-// Writes one record to the sink, whatever the level in force (QNT_LOG compares them). Takes a
+// Writes one record to the sink, whatever the current level (QNT_LOG compares them). Takes a
 // printf format. Any thread; preserves errno; not cancelled meanwhile. A record that can't be
 // written is lost silently. A record that is too long is truncated and still ends in a newline.
 void logRecord(const char* prefix, const char* tag, std::int32_t level, const char* format, ...)
     __attribute__((format(printf, 4, 5)));
 
-// The level in force: 0 errors, start, stop, changes of queues and of the default; 1 warnings; 2
+// The current level: 0 errors, start, stop, changes of queues and of the default; 1 warnings; 2
 // information; 3 detail. Setting -1 sets 1, the level before any call. To be set before other
 // threads start; they only read it.
 void logSetLevel(std::int32_t level);
@@ -47,7 +50,7 @@ void logNoMemory(const char* operation, const char* prefix = "");
 
 }  // namespace qnt
 
-// Writes a record of the level (0 to 3) if the level in force includes it: QNT_LOG with the
+// Writes a record of the level (0 to 3) if the current level includes it: QNT_LOG with the
 // service's tag, QNT_LOG_AS with a prefix and tag as for logRecord. Arguments are evaluated only
 // for a record that is written.
 #define QNT_LOG_AS(prefix, tag, level, ...) \

@@ -24,8 +24,8 @@ public:
     ICommandManager(const ICommandManager&) = delete;
     ICommandManager& operator=(const ICommandManager&) = delete;
 
-    // Seconds left of two minutes for a pending add; 0xFFFFFFFF if none is pending. The service
-    // does not call it: only the host's next command ends a pending add.
+    // Seconds left of two minutes for a pending add; 0xFFFFFFFF if none is pending. Part of the
+    // fixed interface; the service does not call it, as only the host's next command ends the add.
     virtual std::uint32_t pendingTimeLeft() = 0;
     virtual void startPendingTimer() = 0;
     virtual void onPrintersChanged() = 0;
