@@ -60,7 +60,7 @@ void resetInheritedState() {
 
 void requestStop() {
     if (CPrintingTool* tool = g_printingTool; tool != nullptr)
-        tool->m_running = false;
+        tool->requestStop();
 }
 
 // The request is lost if it comes before the tool exists or runs, and it does not interrupt a write

@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <mutex>
 #include <new>
 #include <string>
 
@@ -13,23 +12,18 @@
 #include "printing/default_printer.h"
 #include "protocol/printing_format.h"
 #include "protocol/printing_messages.h"
-#include "protocol/reconciliation.h"
 
 namespace qnt {
 namespace {
 
-// Unlike in the run loop, a report that fails is ignored here: it is not repeated and does not end
-// the run.
-void reportDeleted(IPrintingTool& tool) {
-    try {
-        tool.sendUserDeletedPrinters(getUserDeletedPrinters(tool.m_knownQueues));
-    } catch (const std::bad_alloc&) {
-        logNoMemory("deletedPrintersLoop");
-    }
+// The name is what top(1) and a debugger show; the system allows 15 bytes.
+void startAs(const char* threadName) {
+    blockStopSignals();
+    pthread_setname_np(pthread_self(), threadName);
 }
 
 // The default-printer exchange. A query overwrites three header fields and leaves the rest of the
-// previous answer in place.
+// previous answer in place, as the protocol requires.
 class DefaultPrinterQuery {
 public:
     explicit DefaultPrinterQuery(CPrintingTool& tool) : m_tool(tool) {}
@@ -72,8 +66,7 @@ private:
         try {
             parseDefaultPrinterAnswer(m_receivedId, answerPayload(m_buffer),
                                       answerPayloadLength(m_buffer));
-            // Only this thread writes the tool's id, so it may read it without the mutex.
-            if (m_receivedId != m_tool.m_defaultPrinterId) {
+            if (m_receivedId != m_tool.defaultPrinterId()) {
                 QNT_LOG(0, "Set default printer: '%s'", m_receivedId.c_str());
                 m_applyPending = true;
             }
@@ -100,31 +93,28 @@ private:
 }  // namespace
 
 void* deletedPrintersEntry(void* tool) {
-    blockStopSignals();
+    startAs("DeletedPrinters");
     deletedPrintersLoop(*static_cast<CPrintingTool*>(tool));
     return nullptr;
 }
 
 void deletedPrintersLoop(CPrintingTool& tool) {
-    while (tool.m_running) {
-        {
-            const std::lock_guard lock(tool.m_mutex);
-            reportDeleted(tool);
-        }
-        refreshUtcOffset();
+    while (tool.isRunning()) {
+        tool.reportDeletedQueues();
+        refreshUtcOffset();  // here, as only this loop runs once a second
         sleep(kDeletedCheckPauseSeconds);
     }
 }
 
 void* defaultPrinterEntry(void* tool) {
-    blockStopSignals();
+    startAs("DefaultPrinter");
     defaultPrinterLoop(*static_cast<CPrintingTool*>(tool));
     return nullptr;
 }
 
 void defaultPrinterLoop(CPrintingTool& tool) {
     DefaultPrinterQuery query(tool);
-    while (tool.m_running) {
+    while (tool.isRunning()) {
         if (!query.ask())
             sleep(kRetryDelaySeconds);
     }

@@ -38,7 +38,8 @@ protected:
     ~StateMachineTest() override { closeRequestDevice(); }
 
     bool exchange() {
-        return SendRequest(tool.m_request, tool.m_bufferCmd.data(), tool.m_requestSize,
+        DeviceRequest request;
+        return SendRequest(request, tool.m_bufferCmd.data(), tool.m_requestSize,
                            static_cast<std::uint32_t>(tool.m_bufferCmd.size()));
     }
     // Delivers this answer and executes one step. False if it ends the run.
