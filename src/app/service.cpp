@@ -84,12 +84,12 @@ void delayStopRepeat() {
 }
 
 bool openLink() {
-    const std::int32_t result = kavelinkOpen(&g_link, kLinkDeviceThenBackdoor);
+    const LinkResult result = kavelinkOpen(&g_link, kLinkDeviceThenBackdoor);
     if (result != kLinkOk) {
-        QNT_LOG(0, "Could not open link to Open Kavelink: %d", result);
+        QNT_LOG(kLogAlways, "Could not open link to Open Kavelink: %d", result);
         return false;
     }
-    QNT_LOG(2, "Open Kavelink link was opened.");
+    QNT_LOG(kLogInfo, "Open Kavelink link was opened.");
     g_linkOpen = true;
     return true;
 }
@@ -107,7 +107,7 @@ bool openDevice() {
     openRequestDevice();
     if (isRequestDeviceOpen())
         return true;
-    QNT_LOG(0, "Failed to open Kavelink");
+    QNT_LOG(kLogAlways, "Failed to open Kavelink");
     return false;
 }
 
@@ -121,7 +121,7 @@ int runTool() {
 
 int startAndRun() {
     if (!checkCups()) {
-        QNT_LOG(0, "CUPS not available. Will exit.");
+        QNT_LOG(kLogAlways, "CUPS not available. Will exit.");
         return 0;
     }
     installStopHandler();
@@ -138,14 +138,14 @@ void closeLink() {
     sendToolStatus(&g_link, {.applicationId = kApplicationId, .state = "stopped"});
     g_linkOpen = false;
     kavelinkClose(&g_link);
-    QNT_LOG(2, "Open Kavelink link was closed.");
+    QNT_LOG(kLogInfo, "Open Kavelink link was closed.");
 }
 
 }  // namespace
 
 void stopSignalHandler(int) {
     const SignalLogScope signalLogScope;
-    QNT_LOG(2, "Closing . . .");
+    QNT_LOG(kLogInfo, "Closing . . .");
     repeatStop(0);
 }
 
@@ -153,7 +153,7 @@ int runService(int argc, char** argv) {
     if (readOptions(argc, argv) == OptionsResult::kUsagePrinted)
         return 0;
     resetInheritedState();
-    QNT_LOG(0, "starting . . .");
+    QNT_LOG(kLogAlways, "starting . . .");
     int returnCode = 1;
     try {
         returnCode = startAndRun();
@@ -162,7 +162,7 @@ int runService(int argc, char** argv) {
     }
     closeLink();
     blockStopSignals();  // "Closing . . ." never follows the last record
-    QNT_LOG(0, "closed, rc = %d", returnCode);
+    QNT_LOG(kLogAlways, "closed, rc = %d", returnCode);
     return returnCode;
 }
 

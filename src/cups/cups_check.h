@@ -11,6 +11,6 @@ inline constexpr unsigned kCupsPauseSeconds = 10;  // between two tries
 bool isCupsAnswering();
 
 // True if the tools are installed and CUPS answers within kCupsTries tries. Logs the reason if not.
-bool checkCups();
+[[nodiscard]] bool checkCups();
 
 }  // namespace qnt

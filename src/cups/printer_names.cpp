@@ -53,7 +53,7 @@ bool isValidPrinterId(std::string_view id) {
 bool rejectInvalidId(const std::string& id) {
     if (isValidPrinterId(id))
         return false;
-    QNT_LOG(0, "Refused printer id '%s': no queue can be bound to it", id.c_str());
+    QNT_LOG(kLogAlways, "Refused printer id '%s': no queue can be bound to it", id.c_str());
     return true;
 }
 
@@ -63,17 +63,17 @@ bool rejectUnusableName(const std::string& name) {
         return true;
     if (quoted->size() <= kLongestQuotedName)
         return false;
-    QNT_LOG(0, "Refused printer name of %zu bytes: too long for a command", name.size());
+    QNT_LOG(kLogAlways, "Refused printer name of %zu bytes: too long for a command", name.size());
     return true;
 }
 
 std::string queueNameFor(std::string name) {
-    std::replace(name.begin(), name.end(), ' ', '_');
+    std::ranges::replace(name, ' ', '_');
     return name;
 }
 
 std::string acceptedQueueName(std::string queueName) {
-    std::replace_if(queueName.begin(), queueName.end(), isRefusedByCups, '_');
+    std::ranges::replace_if(queueName, isRefusedByCups, '_');
     return truncated(std::move(queueName), kLongestQueueName);
 }
 
@@ -82,9 +82,8 @@ bool areSameQueue(std::string_view one, std::string_view other) {
 }
 
 std::string acceptedDescription(std::string description) {
-    std::replace_if(
-        description.begin(), description.end(),
-        [](char byte) { return byte == '\n' || byte == '\r'; }, ' ');
+    std::ranges::replace_if(
+        description, [](char byte) { return byte == '\n' || byte == '\r'; }, ' ');
     return truncated(std::move(description), kLongestDescription);
 }
 
@@ -96,7 +95,7 @@ bool isOneQueueToLpstat(const std::string& queueName) {
 std::optional<std::string> quotedQueueName(const std::string& queueName) {
     auto quoted = shellQuote(queueName);
     if (!quoted)
-        QNT_LOG(0, "Refused queue name '%s': it holds a zero byte", queueName.c_str());
+        QNT_LOG(kLogAlways, "Refused queue name '%s': it holds a zero byte", queueName.c_str());
     return quoted;
 }
 

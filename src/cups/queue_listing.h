@@ -28,14 +28,14 @@ inline constexpr std::int32_t kListHostQueues = 1;
 // with "TAG", in the order of lpstat. False, with nothing added, if no pipe or process could be
 // created or the id is not valid. Returns true with nothing added if CUPS has no such queue or does
 // not answer. Logs nothing. The caller holds the tool's mutex once there are workers.
-bool listPrinterQueues(QueueBindingList& queues, const std::string& id);
+[[nodiscard]] bool listPrinterQueues(QueueBindingList& queues, const std::string& id);
 
 // As listPrinterQueues for every host printer, but returns true only if CUPS has answered and the
 // list is complete. What was added otherwise is not complete.
-bool listQueuesIfAnswered(QueueBindingList& queues);
+[[nodiscard]] bool listQueuesIfAnswered(QueueBindingList& queues);
 
 // listPrinterQueues for every host printer; without kListHostQueues, returns true with nothing
 // added.
-bool getHostPrinterQueues(QueueBindingList& queues, std::int32_t flags);
+[[nodiscard]] bool getHostPrinterQueues(QueueBindingList& queues, std::int32_t flags);
 
 }  // namespace qnt

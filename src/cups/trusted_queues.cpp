@@ -107,8 +107,9 @@ void forgetAllBut(const QueueBindingList& listing) {
     g_verdicts.swap(listed);
 }
 
-void keepTrusted(QueueBindingList& listing) {
+void moveTrusted(QueueBindingList& queues, QueueBindingList& listing) {
     listing.remove_if([](const QueueBinding& queue) { return !isTrusted(queue); });
+    queues.splice(queues.end(), listing);
 }
 
 }  // namespace
@@ -119,8 +120,7 @@ bool listTrustedQueues(QueueBindingList& queues, const std::string& id) {
         return false;
     if (id.empty())
         forgetAllBut(listing);
-    keepTrusted(listing);
-    queues.splice(queues.end(), listing);
+    moveTrusted(queues, listing);
     return true;
 }
 
@@ -128,8 +128,7 @@ bool listTrustedQueuesIfAnswered(QueueBindingList& queues) {
     QueueBindingList listing;
     if (!listQueuesIfAnswered(listing))
         return false;
-    keepTrusted(listing);
-    queues.splice(queues.end(), listing);
+    moveTrusted(queues, listing);
     return true;
 }
 
@@ -138,8 +137,8 @@ void adoptCreatedQueue(const QueueBinding& queue) {
         const std::string command =
             "lpadmin -p " + shellQuote(queue.queueName).value() + " -o printer-is-temporary=false";
         if (const int status = runCommand(command); status != 0)
-            QNT_LOG(0, "Failed to make queue '%s' permanent, rc=%d", queue.queueName.c_str(),
-                    status);
+            QNT_LOG(kLogAlways, "Failed to make queue '%s' permanent, rc=%d",
+                    queue.queueName.c_str(), status);
     }
     g_verdicts[keyOf(queue)] = true;
 }
@@ -151,8 +150,8 @@ void forgetTrust(const QueueBinding& queue) {
 bool confirmBinding(const QueueBinding& queue) {
     if (askBinding(queue) == Binding::kBound)
         return true;
-    QNT_LOG(1, "Queue '%s' is left alone: CUPS does not bind it to '%s'", queue.queueName.c_str(),
-            queue.id.c_str());
+    QNT_LOG(kLogWarning, "Queue '%s' is left alone: CUPS does not bind it to '%s'",
+            queue.queueName.c_str(), queue.id.c_str());
     return false;
 }
 

@@ -20,8 +20,8 @@
 namespace qnt {
 
 // listPrinterQueues and listQueuesIfAnswered, without the queues that are not trusted.
-bool listTrustedQueues(QueueBindingList& queues, const std::string& id);
-bool listTrustedQueuesIfAnswered(QueueBindingList& queues);
+[[nodiscard]] bool listTrustedQueues(QueueBindingList& queues, const std::string& id);
+[[nodiscard]] bool listTrustedQueuesIfAnswered(QueueBindingList& queues);
 
 // Makes a queue that the service has just created permanent if CUPS counts it as temporary, because
 // a temporary queue of this name existed. Trusts it from now on.
@@ -33,6 +33,6 @@ void forgetTrust(const QueueBinding& queue);
 
 // Asks CUPS for this queue only. False, with a record, unless CUPS binds it to exactly this id. To
 // be called before the queue is changed.
-bool confirmBinding(const QueueBinding& queue);
+[[nodiscard]] bool confirmBinding(const QueueBinding& queue);
 
 }  // namespace qnt

@@ -48,16 +48,16 @@ struct KavelinkLink {
 // probe's write, is final (kLinkNotAvailable): the backdoor is tried only when the device refuses
 // the probe or its write is interrupted (EINTR). The state is kLinkStateOpen on success, else
 // kLinkStateClosed.
-std::int32_t kavelinkOpen(KavelinkLink* link, std::int32_t mode);
+[[nodiscard]] LinkResult kavelinkOpen(KavelinkLink* link, std::int32_t mode);
 
 // Closes the link. Returns kLinkOk, or kLinkBadArgument for a null link.
-std::int32_t kavelinkClose(KavelinkLink* link);
+LinkResult kavelinkClose(KavelinkLink* link);
 
 // Sends the first `inputSize` bytes of the buffer. The host's answer, at most `outputSize` bytes,
 // replaces them; the buffer must hold the larger of the two. `answerLength` may be null. Returns a
 // LinkResult.
-std::int32_t kavelinkCall(KavelinkLink* link, void* buffer, std::uint32_t inputSize,
-                          std::uint32_t outputSize, std::uint32_t* answerLength);
+[[nodiscard]] LinkResult kavelinkCall(KavelinkLink* link, void* buffer, std::uint32_t inputSize,
+                                      std::uint32_t outputSize, std::uint32_t* answerLength);
 
 // Bounds a loop whose length the host decides and that would otherwise block start or stop for
 // ever: the device's probe, and transfers that move nothing. The first hundred repetitions follow

@@ -62,26 +62,26 @@ struct BackdoorInfo {
 
 // Probes for the backdoor: kLinkOk, kLinkNotAvailable or kLinkRefused. Faults where no hypervisor
 // intercepts the instruction. On success, fills in *info if it is not null.
-std::int32_t backdoorProbe(BackdoorInfo* info);
+[[nodiscard]] LinkResult backdoorProbe(BackdoorInfo* info);
 
 // Like backdoorProbe, but returns kLinkNotAvailable on a fault. Meanwhile, handles SIGILL and
 // SIGSEGV and unblocks them in the calling thread, then restores both. Only one thread at a time
 // may call it, and no other thread may rely on these signals meanwhile.
-std::int32_t guardedBackdoorProbe(BackdoorInfo* info);
+[[nodiscard]] LinkResult guardedBackdoorProbe(BackdoorInfo* info);
 
 // One transfer. Returns kLinkOk, or kLinkHostFailed if the host's status is negative or it claims
 // to have written more than the area holds. On success, `got` is the number of bytes that the host
 // wrote.
-std::int32_t backdoorBegin(BackdoorExchange& exchange, const TransferArea& area,
-                           std::uint32_t& got);
-std::int32_t backdoorContinue(BackdoorExchange& exchange, const TransferArea& area,
-                              std::uint32_t& got);
+[[nodiscard]] LinkResult backdoorBegin(BackdoorExchange& exchange, const TransferArea& area,
+                                       std::uint32_t& got);
+[[nodiscard]] LinkResult backdoorContinue(BackdoorExchange& exchange, const TransferArea& area,
+                                          std::uint32_t& got);
 
 // Abandons an exchange and returns the host's status.
 std::int32_t backdoorCancel(BackdoorExchange& exchange);
 
 // kavelinkCall over the backdoor, in transfers of at most maxTransfer bytes in each direction.
-std::int32_t backdoorCall(KavelinkLink& link, void* buffer, std::uint32_t inputSize,
-                          std::uint32_t outputSize, std::uint32_t* answerLength);
+[[nodiscard]] LinkResult backdoorCall(KavelinkLink& link, void* buffer, std::uint32_t inputSize,
+                                      std::uint32_t outputSize, std::uint32_t* answerLength);
 
 }  // namespace qnt

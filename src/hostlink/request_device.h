@@ -28,15 +28,16 @@ bool isRequestDeviceOpen();
 
 // Submits a request to the host. Returns the result of write(2): not negative if the driver took
 // the request, negative with errno if it refused it; 0, without writing, if the device is not open.
-ssize_t submitRequest(DeviceRequest& request);
+[[nodiscard]] ssize_t submitRequest(DeviceRequest& request);
 
 // As submitRequest, through the given descriptor and for a record of any layout.
-ssize_t submitRequestTo(int descriptor, DeviceRequestHeader& request);
+[[nodiscard]] ssize_t submitRequestTo(int descriptor, DeviceRequestHeader& request);
 
 // One exchange of the printing protocol: sends the first `inSize` bytes of the buffer to the host,
 // whose answer of up to `outSize` bytes replaces them. Fills in the whole request. True if the host
 // completed it, and also, without an exchange, if the device is not open; a failure is logged, a
 // cancellation at level 2.
-bool SendRequest(DeviceRequest& request, void* buffer, std::uint32_t inSize, std::uint32_t outSize);
+[[nodiscard]] bool SendRequest(DeviceRequest& request, void* buffer, std::uint32_t inSize,
+                               std::uint32_t outSize);
 
 }  // namespace qnt

@@ -66,7 +66,7 @@ struct ToolStatus {
 // Fills the record with the product's version, a build constant, and two values from the caller.
 void fillVersionRecord(ToolVersionRecord& record, std::uint32_t first, std::uint32_t second);
 
-// Sends a status message over an open link. Returns a StatusResult; logs nothing.
-std::int32_t sendToolStatus(KavelinkLink* link, const ToolStatus& status);
+// Sends a status message over an open link. Logs nothing.
+StatusResult sendToolStatus(KavelinkLink* link, const ToolStatus& status);
 
 }  // namespace qnt

@@ -42,7 +42,7 @@ const char* logFilePath();
 
 // Opens a file for appending and sets its mode to 0666, whatever the umask or an earlier mode.
 // Returns a descriptor that the caller owns, or -1.
-int logFileOpen(const char* path);
+[[nodiscard]] int logFileOpen(const char* path);
 
 // Returns the directory .quintaris in the effective user's home directory, created if missing;
 // empty on failure. The log owns the text, which does not change once it is not empty. Any thread.

@@ -19,14 +19,14 @@
 namespace qnt {
 namespace {
 
-constexpr std::int32_t kInitialLevel = 1;
-constexpr const char* kLevelMarks[] = {"F ", "W ", "I ", "D "};
+constexpr std::int32_t kInitialLevel = kLogWarning;
+constexpr const char* kLevelMarks[kLogDetail + 1] = {"F ", "W ", "I ", "D "};
 
 std::int32_t g_level = kInitialLevel;
 LogSink g_sink = logFileWrite;
 
 const char* levelMark(std::int32_t level) {
-    return kLevelMarks[std::clamp<std::int32_t>(level, 0, std::size(kLevelMarks) - 1)];
+    return kLevelMarks[std::clamp<std::int32_t>(level, kLogAlways, kLogDetail)];
 }
 
 // Cached per thread: two system calls would cost as much as the rest of a record.
@@ -144,7 +144,7 @@ void logRecord(const char* prefix, const char* tag, std::int32_t level, const ch
 }
 
 void logNoMemory(const char* operation, const char* prefix) {
-    logRecord(prefix, kServiceTag, 0, "Not enough memory for %s", operation);
+    logRecord(prefix, kServiceTag, kLogAlways, "Not enough memory for %s", operation);
 }
 
 }  // namespace qnt

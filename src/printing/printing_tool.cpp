@@ -19,7 +19,7 @@ bool startWorker(pthread_t& thread, void* (*entry)(void*), CPrintingTool& tool, 
     if (pthread_create(&thread, nullptr, entry, &tool) == 0)
         return true;
     thread = 0;
-    QNT_LOG(0, "Failed to start thread '%s'", name);
+    QNT_LOG(kLogAlways, "Failed to start thread '%s'", name);
     return false;
 }
 
@@ -39,9 +39,9 @@ std::int32_t CPrintingTool::run() {
     m_defaultPrinterId.clear();
     m_listSequence = 0;
     CCommandManager commands(m_knownQueues);
-    listTrustedQueues(m_knownQueues, {});
+    (void)listTrustedQueues(m_knownQueues, {});  // without an answer, no queue is known yet
     if (!m_bufferCmd.resize(kPrintingCmdHeaderSize)) {
-        QNT_LOG(0, "Not enough memory to init m_bufferCmd");
+        QNT_LOG(kLogAlways, "Not enough memory to init m_bufferCmd");
         return 1;
     }
     if (!startWorkers())
@@ -103,7 +103,7 @@ std::int32_t CPrintingTool::converse(ICommandManager& commands) {
             case Step::kStopped:
                 return 0;
             case Step::kFailed:
-                QNT_LOG(0, "Error in state machine execution");
+                QNT_LOG(kLogAlways, "Error in state machine execution");
                 return 1;
         }
         while (!applyPendingDefault() && m_running) {

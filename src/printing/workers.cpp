@@ -55,7 +55,7 @@ private:
     }
 
     bool makeRoom(std::uint32_t requiredSize) {
-        QNT_LOG(3, "Buffer too small reqSize = %d", static_cast<int>(requiredSize));
+        QNT_LOG(kLogDetail, "Buffer too small reqSize = %d", static_cast<int>(requiredSize));
         return resize(requiredSize);
     }
 
@@ -67,7 +67,7 @@ private:
             parseDefaultPrinterAnswer(m_receivedId, answerPayload(m_buffer),
                                       answerPayloadLength(m_buffer));
             if (m_receivedId != m_tool.defaultPrinterId()) {
-                QNT_LOG(0, "Set default printer: '%s'", m_receivedId.c_str());
+                QNT_LOG(kLogAlways, "Set default printer: '%s'", m_receivedId.c_str());
                 m_applyPending = true;
             }
             if (m_applyPending && !applyDefaultPrinter(m_tool, m_receivedId))

@@ -44,7 +44,7 @@ PrintingCmdResult ICommandManager::processPrintingCmd(const PrintingCmd& command
         case CmdWaitAllOffline:
             return waitAllOffline();
         default:
-            QNT_LOG_AS(kProtocolLogPrefix, kServiceTag, 1, "Unknown command %d",
+            QNT_LOG_AS(kProtocolLogPrefix, kServiceTag, kLogWarning, "Unknown command %d",
                        static_cast<int>(command.code));
             return CmdUnknown;
     }

@@ -58,7 +58,7 @@ protected:
     }
     static std::string queueOf(const std::string& id) {
         QueueBindingList queues;
-        listPrinterQueues(queues, id);
+        (void)listPrinterQueues(queues, id);
         return queues.size() == 1 ? queues.front().queueName : std::to_string(queues.size());
     }
     void expectNothingElseTouched() const {
