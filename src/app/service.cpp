@@ -24,7 +24,8 @@ namespace {
 constexpr char kApplicationId[] = "quintaris.PrintingTool.guest.lin";
 constexpr char kApplicationName[] = "Quintaris Shared Printers Tool";
 
-// How often a stop request is repeated to the run loop until the process ends.
+// How often a stop request is repeated to the run loop until the process ends. For alarm(2), as is
+// the next.
 constexpr unsigned kStopRepeatSeconds = 1;
 // How long the host may take to accept the status "stopped" after a stop request.
 constexpr unsigned kStoppedGraceSeconds = 5;
@@ -107,7 +108,7 @@ bool openDevice() {
     openRequestDevice();
     if (isRequestDeviceOpen())
         return true;
-    QNT_LOG(kLogAlways, "Failed to open Kavelink");
+    QNT_LOG(kLogAlways, "Failed to open Kavelink");  // the record is fixed; it means the device
     return false;
 }
 

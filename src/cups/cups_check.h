@@ -5,7 +5,7 @@
 namespace qnt {
 
 inline constexpr int kCupsTries = 7;
-inline constexpr unsigned kCupsPauseSeconds = 10;  // between two tries
+inline constexpr unsigned kCupsPauseSeconds = 10;  // for sleep(3) between two tries
 
 // True if CUPS answers.
 bool isCupsAnswering();

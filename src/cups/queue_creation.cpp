@@ -30,6 +30,7 @@ std::string waitForUsbProduct(const std::string& id) {
     return {};
 }
 
+// Unlike deletePrinterById, lists the queues of this id only. The id is not empty.
 void deleteQueuesOf(const std::string& id) {
     QueueBindingList queues;
     if (!listPrinterQueues(queues, id))
@@ -78,7 +79,7 @@ void addPrinter(std::string& name, const std::string& id) {
     std::string givenName;
     givenName.swap(name);
     forgetAppliedDefault(id);
-    if (rejectInvalidId(id))
+    if (!checkPrinterId(id))
         return;
     if (givenName.empty() && !id.empty())
         givenName = queueNameFor(waitForUsbProduct(id));
@@ -86,7 +87,7 @@ void addPrinter(std::string& name, const std::string& id) {
         QNT_LOG(kLogAlways, "Cannot get name for printer with id=%s", id.c_str());
         return;
     }
-    if (rejectUnusableName(givenName))
+    if (!checkPrinterName(givenName))
         return;
     name = queueNameFor(givenName);
     deleteQueuesOf(id);
@@ -104,7 +105,7 @@ bool renamePrinter(const std::string& currentName, std::string& newName) {
     newName = queueNameFor(newName);
     if (currentName == newName)
         return true;
-    if (rejectUnusableName(newName))
+    if (!checkPrinterName(newName))
         return false;
     if (currentName == acceptedQueueName(newName))
         return true;
@@ -112,7 +113,7 @@ bool renamePrinter(const std::string& currentName, std::string& newName) {
     if (!listTrustedQueues(queues, {}))
         return false;
     const auto queue = std::ranges::find(queues, currentName, &QueueBinding::queueName);
-    if (queue == queues.end() || rejectInvalidId(queue->id) ||
+    if (queue == queues.end() || !checkPrinterId(queue->id) ||
         !deletePrinter(currentName, queue->id))
         return false;
     std::string createdName = newName;

@@ -10,18 +10,19 @@
 namespace qnt {
 
 // A CUPS queue and the host printer that it belongs to. `id` is the host's identifier of the
-// printer: the USB serial number of its virtual device, and the text after the last "=" of the
-// queue's device URI that is followed by "TAG". Ids and names are compared byte for byte.
+// printer: the USB serial number of its virtual device, and the end of the queue's device URI after
+// the last "=" that is followed by "TAG". Ids and names are compared byte for byte.
 struct QueueBinding {
     std::string id;
     std::string queueName;
 };
 
-// Queues in the order in which lpstat prints them; or the host's printers in the host's order, with
-// their names in `queueName`. An id may occur more than once.
+// Queues in the order in which lpstat prints them. An id may occur more than once. The protocol's
+// list of the host's printers has the same type: there, `queueName` is the host's name of the
+// printer, which may contain blanks.
 using QueueBindingList = std::list<QueueBinding>;
 
-// Bit 0 of getHostPrinterQueues' flags; the other bits have no effect.
+// Bit 0 of getHostPrinterQueues' flags, which every caller sets; the other bits have no effect.
 inline constexpr std::int32_t kListHostQueues = 1;
 
 // Appends the queues that are bound to exactly this id, or, if it is empty, to any id that begins

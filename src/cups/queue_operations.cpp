@@ -13,8 +13,7 @@ namespace qnt {
 namespace {
 
 std::string defaultPrinterName;
-
-std::string appliedDefaultId;
+std::string g_appliedDefaultId;
 
 // The names come from the listing, whose lines contain neither a zero byte nor a newline, so they
 // always have a pattern and a quoted form.
@@ -61,16 +60,16 @@ void setDefaultPrinter(const std::string& id) {
         return;
     }
     defaultPrinterName = queue->queueName;
-    appliedDefaultId = id;
+    g_appliedDefaultId = id;
 }
 
 bool isAppliedDefault(const std::string& id) {
-    return id == appliedDefaultId;
+    return id == g_appliedDefaultId;
 }
 
 void forgetAppliedDefault(const std::string& id) {
     if (isAppliedDefault(id))
-        appliedDefaultId.clear();
+        g_appliedDefaultId.clear();
 }
 
 const std::string& lastDefaultQueueName() {
@@ -93,7 +92,7 @@ bool deletePrinter(const std::string& queueName, const std::string& id) {
 
 void deletePrinterById(const std::string& id) {
     QueueBindingList queues;
-    if (rejectInvalidId(id) || !getHostPrinterQueues(queues, kListHostQueues))
+    if (!checkPrinterId(id) || !getHostPrinterQueues(queues, kListHostQueues))
         return;
     for (const QueueBinding& queue : queues) {
         if (queue.id == id)

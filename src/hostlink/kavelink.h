@@ -2,7 +2,8 @@
 // device exists but refuses link calls, through the hypervisor's backdoor.
 //
 // Allocates and logs nothing and takes no lock: a link belongs to the thread that uses it, and
-// callers handle the results.
+// callers handle the results. The interface is complete: the service itself uses one mode and
+// requests no output.
 
 #pragma once
 
@@ -41,7 +42,9 @@ enum KavelinkMode : std::int32_t {
 struct KavelinkLink {
     std::int32_t state = kLinkStateClosed;  // during and after an exchange: the exchange's status
     std::uint32_t kind = 0;                 // KavelinkKind, while open
-    std::uint64_t handle = 0;  // device: its descriptor; backdoor: maxTransfer; 0: none
+    // Device: its descriptor; backdoor: maxTransfer; 0: none. No owner, as the record is plain
+    // data.
+    std::uint64_t handle = 0;
 };
 
 // Opens the link and selects its transport. A device that is missing, or whose driver fails the
@@ -61,7 +64,7 @@ LinkResult kavelinkClose(KavelinkLink* link);
 
 // Bounds a loop whose length the host decides and that would otherwise block start or stop for
 // ever: the device's probe, and transfers that move nothing. The first hundred repetitions follow
-// at once, later ones after a pause; a minute is longer than a host's service takes to start.
+// without a pause, later ones after one; a minute is longer than a host's service takes to start.
 class HostLoopLimit {
 public:
     static constexpr std::chrono::seconds kTimeLimit{60};  // on the monotonic clock

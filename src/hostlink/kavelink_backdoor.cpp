@@ -39,7 +39,7 @@ private:
     struct sigaction m_previous {};
 };
 
-// A synchronous signal that is blocked kills the process, whatever its handler.
+// A synchronous signal that is blocked kills the process and does not reach its handler.
 void unblockFaults() {
     sigset_t faults;
     sigemptyset(&faults);
@@ -84,15 +84,17 @@ struct Progress {
     std::uint32_t sent = 0;
     std::uint32_t received = 0;
 
-    // When the input needs several transfers, the last is full-sized.
+    // By the protocol, the last of several transfers is full-sized: 250 bytes with a maxTransfer of
+    // 100 go as 100, 50 and 100.
     std::uint32_t nextChunk() const {
         const std::uint32_t remaining = inputSize - sent;
         return remaining <= maxTransfer ? remaining
                                         : std::min(remaining - maxTransfer, maxTransfer);
     }
 
-    // While input is left, the host may answer into the chunk itself, even if no output was
-    // requested, or, if the output is longer than the input, into everything from the chunk on.
+    // One area serves both directions. So, while input is left, the host may write into the chunk
+    // that it reads, even if no output was requested. If the output is longer than the input, it
+    // may write into everything from the chunk on.
     TransferArea nextArea() const {
         const std::uint32_t chunk = nextChunk();
         if (chunk == 0)

@@ -3,12 +3,14 @@
 // Four commands, each one RDPMC instruction with a magic number in EAX. Values are 32-bit and
 // zero-extended unless the table states otherwise.
 //
-//   command   EAX        EBX            ECX              EDX            ESI    RDI
-//   probe     0x5F9E652  0x5F9E652      0                0              0      0
-//   begin     0x5F9E653  totalInput     1 with a receive the area's     chunk  the area's
-//                                       limit, else 0    length                64-bit address
-//   continue  0x5F9E654  exchangeId, sign-extended       as for begin
-//   cancel    0x5F9E655  exchangeId, sign-extended; 0    0              0      0
+//   command   EAX        EBX         ECX      EDX     ESI    RDI
+//   probe     0x5F9E652  0x5F9E652   0        0       0      0
+//   begin     0x5F9E653  totalInput  hasRoom  length  chunk  start
+//   continue  0x5F9E654  exchangeId  hasRoom  length  chunk  start
+//   cancel    0x5F9E655  exchangeId  0        0       0      0
+//
+//   exchangeId is sign-extended to 64 bits; length, chunk and start (64 bits) are the transfer
+//   area's; hasRoom is 1 if the area has a receive limit, else 0
 //
 //   returned: probe    EAX 0x0B36AF47, EDX = ESI = EDI = 0, EBX version, ECX maxTransfer
 //             begin    EBX exchangeId, and as for continue

@@ -1,4 +1,4 @@
-// The link over the request device, through a descriptor of its own.
+// The link over the request device, through another descriptor than the printing traffic.
 
 #pragma once
 

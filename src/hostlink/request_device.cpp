@@ -10,7 +10,8 @@ namespace {
 
 constexpr char kDeviceTag[] = "QntCCBase";
 
-// Written before other threads exist. The device is open while this is greater than 0.
+// Written before other threads exist. The device is open while this is greater than 0. No UniqueFd,
+// as it stays open until the process exits, and closeRequestDevice returns the result of close(2).
 int requestDeviceFd = 0;
 
 }  // namespace

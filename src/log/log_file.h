@@ -1,4 +1,4 @@
-// The log file: where it lies, and its reopening after it has been removed, moved or replaced.
+// The log file: its place, and its reopening after it has been removed, moved or replaced.
 //
 // Writers take no lock, so one may use a descriptor number while another thread reopens the file.
 // The log therefore keeps one number for the life of the process: reopening is an atomic dup3(2)
@@ -8,6 +8,8 @@
 // Opening and placement are serialised by a mutex that the common path never takes: a thread that
 // finds it held continues with the open file, and waits only when there is none. Signal handlers
 // never take it (see SignalLogScope): they open a moved file for one record.
+//
+// The service itself only calls logFileWrite, through the sink of log_record.h.
 
 #pragma once
 
@@ -19,7 +21,7 @@ namespace qnt {
 inline constexpr std::size_t kLogPathSize = 1024;  // bytes, with the NUL terminator
 inline constexpr char kDefaultLogDirectory[] = "/var/log";
 inline constexpr char kLogFileName[] = "quintaris.log";
-inline constexpr unsigned kLogFileMode = 0666;
+inline constexpr unsigned kLogFileMode = 0666;  // fixed: any user of the guest can write to it
 inline constexpr unsigned kUserLogDirMode = 0755;
 
 // Appends a record to the log file with one write call; a short write is not completed. Returns
@@ -40,8 +42,8 @@ void logFileSetPlacement(const char* directory, const char* fileName);
 // records or set the placement while the text is used.
 const char* logFilePath();
 
-// Opens a file for appending and sets its mode to 0666, whatever the umask or an earlier mode.
-// Returns a descriptor that the caller owns, or -1.
+// Opens a file for appending and sets its mode to 0666, not limited by the umask or an earlier
+// mode. Returns a descriptor that the caller owns, or -1.
 [[nodiscard]] int logFileOpen(const char* path);
 
 // Returns the directory .quintaris in the effective user's home directory, created if missing;

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstdarg>
 #include <cstdio>
@@ -14,7 +15,7 @@
 
 #include "log/log_file.h"
 #include "log/log_time.h"
-#include "posix/guards.h"
+#include "posix/cancel_guard.h"
 
 namespace qnt {
 namespace {
@@ -42,6 +43,18 @@ const ThreadIds& threadIds() {
         t_ids = {getpid(), static_cast<pid_t>(syscall(SYS_gettid))};
     return t_ids;
 }
+
+// Restores errno at the end of the scope, also when an exception passes.
+class ErrnoGuard {
+public:
+    ErrnoGuard() : m_saved(errno) {}
+    ~ErrnoGuard() { errno = m_saved; }
+    ErrnoGuard(const ErrnoGuard&) = delete;
+    ErrnoGuard& operator=(const ErrnoGuard&) = delete;
+
+private:
+    const int m_saved;
+};
 
 // A record under composition. What does not fit is truncated.
 class RecordBuffer {

@@ -1,6 +1,6 @@
 // system(3) and popen(3) for a service whose threads can be cancelled at any time:
 //
-// - A cancelled thread leaves no process running. Each command runs in a session of its own, whose
+// - A cancelled thread leaves no process running. Each command runs in a new session, whose
 //   process group is killed while the thread unwinds; the shell is reaped, and init reaps the rest.
 //   (glibc's pclose would wait for a command that hangs.) A tool that would ask for a password
 //   fails, as it has no terminal.

@@ -13,8 +13,8 @@ namespace qnt {
 bool applyDefaultPrinter(CPrintingTool& tool, const std::string& receivedId) {
     const std::lock_guard lock(tool.m_mutex);
     tool.m_defaultPrinterId = receivedId;
-    const bool rejected = rejectInvalidId(receivedId);
-    return tool.applyIfQueueExists() || rejected;
+    const bool valid = checkPrinterId(receivedId);
+    return tool.applyIfQueueExists() || !valid;  // repeating would not make it valid
 }
 
 void CPrintingTool::noteAddedPrinter() {

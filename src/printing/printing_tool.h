@@ -24,7 +24,7 @@
 namespace qnt {
 
 // How long a thread pauses after a failed exchange, a listing that could not be started, or a lack
-// of memory. Pauses are counts for sleep(3), which a stop signal ends early;
+// of memory. Pauses are numbers for sleep(3), which a stop signal ends early;
 // std::this_thread::sleep_for would sleep on.
 inline constexpr unsigned kRetryDelaySeconds = 1;
 // How long the run loop tries to lock the mutex after a stop request before it cancels both workers

@@ -31,7 +31,7 @@ public:
     // Sends a query and handles its answer. False if a pause is needed before the next call: after
     // a failed exchange, or when there was not enough memory or no process for a listing.
     bool ask() {
-        if (!m_answerPending && !exchange())
+        if (!m_hasAnswer && !exchange())
             return false;
         const std::uint32_t requiredSize = answerRequiredSize(m_buffer);
         return requiredSize != 0 ? makeRoom(requiredSize) : handleAnswer();
@@ -62,21 +62,21 @@ private:
     // An answer that could not be handled stays in the buffer for the next call, as a host that has
     // nothing new may hold the next query for ever.
     bool handleAnswer() {
-        m_answerPending = true;
+        m_hasAnswer = true;
         try {
             parseDefaultPrinterAnswer(m_receivedId, answerPayload(m_buffer),
                                       answerPayloadLength(m_buffer));
             if (m_receivedId != m_tool.defaultPrinterId()) {
                 QNT_LOG(kLogAlways, "Set default printer: '%s'", m_receivedId.c_str());
-                m_applyPending = true;
+                m_mustApply = true;
             }
-            if (m_applyPending && !applyDefaultPrinter(m_tool, m_receivedId))
+            if (m_mustApply && !applyDefaultPrinter(m_tool, m_receivedId))
                 return false;
         } catch (const std::bad_alloc&) {
             logNoMemory("defaultPrinterLoop");
             return false;
         }
-        m_answerPending = m_applyPending = false;
+        m_hasAnswer = m_mustApply = false;
         m_sequence = answerSequence(m_buffer);
         return true;
     }
@@ -84,8 +84,8 @@ private:
     CPrintingTool& m_tool;
     ByteArray m_buffer;
     std::string m_receivedId;
-    bool m_answerPending = false;  // the buffer holds an answer that has not been handled yet
-    bool m_applyPending = false;   // the queues of the received id have not been listed yet
+    bool m_hasAnswer = false;  // the buffer holds an answer that has not been handled yet
+    bool m_mustApply = false;  // the queues of the received id have not been listed yet
     std::uint32_t m_sequence = 0;
     DeviceRequest m_request{};
 };

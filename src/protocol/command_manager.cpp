@@ -54,6 +54,7 @@ PrintingCmdResult ICommandManager::add(const std::string& printerId) {
     onPrintersChanged();
     std::string name;
     addPrinter(name, printerId);
+    // For the empty id, isPrinterOnline takes any printer; hasQueueForId takes none.
     if (isPrinterOnline(printerId) && hasQueueForId(printerId)) {
         syncPrinterNames(m_hostPrinters);
         return CmdDone;

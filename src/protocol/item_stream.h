@@ -1,4 +1,4 @@
-// The item stream: the typed, nestable encoding of every payload that is exchanged with the host.
+// The item stream: the typed, nestable encoding of every payload and of the status messages.
 //
 //   stream header, 12 bytes at the base offset: bodyLength, magic 0x1000, reserved 0
 //   items without gaps, each: length, type, index (0, 1, 2, ...), then `length` data bytes

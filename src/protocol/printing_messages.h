@@ -1,7 +1,7 @@
 // Building the service's requests and reading the host's answers.
 //
-// The answer overwrites the request in the same buffer. The operations keep no state and take no
-// lock. Only the parse operations throw: std::bad_alloc. Records have the prefix "PRINTING_TOOL".
+// The answer overwrites the request in the same buffer. The functions keep no state and take no
+// lock. Only the parsers throw: std::bad_alloc. Records have the prefix "PRINTING_TOOL".
 // A failure to grow a buffer is logged; a failure to grow an item stream is only returned.
 
 #pragma once
@@ -25,7 +25,7 @@ struct PrintingCmd {
 };
 
 enum AnswerResult : std::uint32_t {
-    AnswerNone = 0,     // nothing to carry out; the buffer is now large enough
+    AnswerNone = 0,     // the answer needs more room, which the buffer now has
     AnswerFailed = 1,   // the answer can't be used
     AnswerCommand = 2,  // the buffer holds a complete answer
 };

@@ -1,4 +1,5 @@
-// The printing tool as the state machine sees it.
+// The printing tool as the state machine sees it. The classes, the order of their virtual functions
+// and the order of their fields are fixed.
 
 #pragma once
 
