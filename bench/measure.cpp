@@ -50,7 +50,7 @@ void waitForIdle(const sim::SimulatedHost& host) {
 }
 
 pid_t cupsProcess() {
-    return g_guest->cups->pid();
+    return g_guest->cups.pid();
 }
 
 namespace {

@@ -21,21 +21,21 @@ std::uint32_t sizeOf(const Bytes& bytes) {
 template <typename Append>
 Bytes stream(Append append) {
     ItemStream items;
-    items.create(0);
+    (void)items.create(0);
     append(items);
     return {items.data(), items.data() + items.streamEnd()};
 }
 
 void appendBytes(ItemStream& items, std::uint32_t type, const Bytes& bytes) {
-    items.appendItem(type, bytes.data(), sizeOf(bytes));
+    (void)items.appendItem(type, bytes.data(), sizeOf(bytes));
 }
 
 Bytes encodeList(const std::vector<HostPrinter>& printers) {
     return stream([&](ItemStream& list) {
         for (const HostPrinter& printer : printers) {
             appendBytes(list, qnt::PrinterEntry, stream([&](ItemStream& entry) {
-                            entry.appendText(qnt::PrinterId, printer.id);
-                            entry.appendText(qnt::PrinterName, printer.name);
+                            (void)entry.appendText(qnt::PrinterId, printer.id);
+                            (void)entry.appendText(qnt::PrinterName, printer.name);
                         }));
         }
     });
@@ -202,7 +202,7 @@ Bytes encodeAnswer(const HostCommand& command, std::uint32_t sequence) {
                           qnt::writeU32(code.data(), command.code);
                           appendBytes(items, qnt::CmdCode, code);
                           if (namesPrinter)
-                              items.appendText(qnt::PrinterId, command.printerId);
+                              (void)items.appendText(qnt::PrinterId, command.printerId);
                           if (command.code == qnt::CmdPrinterList)
                               appendBytes(items, qnt::PrinterList, encodeList(command.printers));
                       }),
@@ -210,8 +210,8 @@ Bytes encodeAnswer(const HostCommand& command, std::uint32_t sequence) {
 }
 
 Bytes encodeDefaultPrinter(const std::string& id, std::uint32_t sequence) {
-    return answerWith(stream([&](ItemStream& items) { items.appendText(qnt::PrinterId, id); }),
-                      sequence);
+    return answerWith(
+        stream([&](ItemStream& items) { (void)items.appendText(qnt::PrinterId, id); }), sequence);
 }
 
 std::string describeRequest(const Exchange& exchange) {

@@ -18,6 +18,12 @@ std::filesystem::path makeFolder() {
     return name;
 }
 
+// Returns the folder of CUPS.
+std::filesystem::path enterNamespace(const std::filesystem::path& folder) {
+    enterGuestNamespace(folder / "log");
+    return folder / "cups";
+}
+
 }  // namespace
 
 PrivateCups::PrivateCups(const std::string& folder)
@@ -46,9 +52,8 @@ void PrivateCups::stop() {
 
 TemporaryFolder::TemporaryFolder() : path(makeFolder()) {}
 
-Guest::Guest() {
-    enterGuestNamespace(folder.path / "log");
-    cups.emplace(folder.path / "cups");
-}
+Guest::Guest() : cups(enterNamespace(folder.path)) {}
+
+Guest::~Guest() = default;
 
 }  // namespace sim

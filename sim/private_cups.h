@@ -45,12 +45,12 @@ public:
 // Puts the process into a guest's namespace for good, with a private CUPS.
 struct Guest {
     Guest();
-    ~Guest() { cups.reset(); }
+    ~Guest();
     Guest(const Guest&) = delete;
     Guest& operator=(const Guest&) = delete;
 
     const TemporaryFolder folder;
-    std::optional<PrivateCups> cups;
+    PrivateCups cups;
 };
 
 }  // namespace sim

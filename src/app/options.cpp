@@ -11,13 +11,11 @@
 namespace qnt {
 namespace {
 
-constexpr std::int32_t kDefaultLogLevel = 2;
-constexpr std::int32_t kLowestLogLevel = 0;
-constexpr std::int32_t kHighestLogLevel = 3;
+constexpr std::int32_t kDefaultLogLevel = kLogInfo;
 
 void setLevelFrom(const char* text) {
     const auto level = static_cast<std::int32_t>(std::strtol(text, nullptr, 10));
-    if (level >= kLowestLogLevel && level <= kHighestLogLevel)
+    if (level >= kLogAlways && level <= kLogDetail)
         logSetLevel(level);
 }
 
@@ -43,7 +41,7 @@ OptionsResult readOptions(int argc, char** argv) {
                 setLevelFrom(optarg);
                 break;
             case 'v':
-                logSetLevel(kHighestLogLevel);
+                logSetLevel(kLogDetail);
                 break;
             case 'h':
                 printUsage(argv[0]);

@@ -24,7 +24,8 @@ namespace {
 constexpr char kApplicationId[] = "quintaris.PrintingTool.guest.lin";
 constexpr char kApplicationName[] = "Quintaris Shared Printers Tool";
 
-// How often a stop request is repeated to the run loop until the process ends.
+// How often a stop request is repeated to the run loop until the process ends. For alarm(2), as is
+// the next.
 constexpr unsigned kStopRepeatSeconds = 1;
 // How long the host may take to accept the status "stopped" after a stop request.
 constexpr unsigned kStoppedGraceSeconds = 5;
@@ -60,7 +61,7 @@ void resetInheritedState() {
 
 void requestStop() {
     if (CPrintingTool* tool = g_printingTool; tool != nullptr)
-        tool->m_running = false;
+        tool->requestStop();
 }
 
 // The request is lost if it comes before the tool exists or runs, and it does not interrupt a write
@@ -84,12 +85,12 @@ void delayStopRepeat() {
 }
 
 bool openLink() {
-    const std::int32_t result = kavelinkOpen(&g_link, kLinkDeviceThenBackdoor);
+    const LinkResult result = kavelinkOpen(&g_link, kLinkDeviceThenBackdoor);
     if (result != kLinkOk) {
-        QNT_LOG(0, "Could not open link to Open Kavelink: %d", result);
+        QNT_LOG(kLogAlways, "Could not open link to Open Kavelink: %d", result);
         return false;
     }
-    QNT_LOG(2, "Open Kavelink link was opened.");
+    QNT_LOG(kLogInfo, "Open Kavelink link was opened.");
     g_linkOpen = true;
     return true;
 }
@@ -107,7 +108,7 @@ bool openDevice() {
     openRequestDevice();
     if (isRequestDeviceOpen())
         return true;
-    QNT_LOG(0, "Failed to open Kavelink");
+    QNT_LOG(kLogAlways, "Failed to open Kavelink");  // the record is fixed; it means the device
     return false;
 }
 
@@ -121,7 +122,7 @@ int runTool() {
 
 int startAndRun() {
     if (!checkCups()) {
-        QNT_LOG(0, "CUPS not available. Will exit.");
+        QNT_LOG(kLogAlways, "CUPS not available. Will exit.");
         return 0;
     }
     installStopHandler();
@@ -138,14 +139,14 @@ void closeLink() {
     sendToolStatus(&g_link, {.applicationId = kApplicationId, .state = "stopped"});
     g_linkOpen = false;
     kavelinkClose(&g_link);
-    QNT_LOG(2, "Open Kavelink link was closed.");
+    QNT_LOG(kLogInfo, "Open Kavelink link was closed.");
 }
 
 }  // namespace
 
 void stopSignalHandler(int) {
     const SignalLogScope signalLogScope;
-    QNT_LOG(2, "Closing . . .");
+    QNT_LOG(kLogInfo, "Closing . . .");
     repeatStop(0);
 }
 
@@ -153,7 +154,7 @@ int runService(int argc, char** argv) {
     if (readOptions(argc, argv) == OptionsResult::kUsagePrinted)
         return 0;
     resetInheritedState();
-    QNT_LOG(0, "starting . . .");
+    QNT_LOG(kLogAlways, "starting . . .");
     int returnCode = 1;
     try {
         returnCode = startAndRun();
@@ -162,7 +163,7 @@ int runService(int argc, char** argv) {
     }
     closeLink();
     blockStopSignals();  // "Closing . . ." never follows the last record
-    QNT_LOG(0, "closed, rc = %d", returnCode);
+    QNT_LOG(kLogAlways, "closed, rc = %d", returnCode);
     return returnCode;
 }
 

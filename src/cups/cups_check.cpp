@@ -25,11 +25,11 @@ bool isCupsAnswering() {
 
 bool checkCups() {
     if (runCommand("type lpadmin >/dev/null 2>&1") != 0) {
-        QNT_LOG(0, "lpadmin not found in system");
+        QNT_LOG(kLogAlways, "lpadmin not found in system");
         return false;
     }
     if (!waitForCups()) {
-        QNT_LOG(0, "cups is not responding");
+        QNT_LOG(kLogAlways, "cups is not responding");
         return false;
     }
     return true;

@@ -5,12 +5,12 @@
 namespace qnt {
 
 inline constexpr int kCupsTries = 7;
-inline constexpr unsigned kCupsPauseSeconds = 10;  // between two tries
+inline constexpr unsigned kCupsPauseSeconds = 10;  // for sleep(3) between two tries
 
 // True if CUPS answers.
 bool isCupsAnswering();
 
 // True if the tools are installed and CUPS answers within kCupsTries tries. Logs the reason if not.
-bool checkCups();
+[[nodiscard]] bool checkCups();
 
 }  // namespace qnt

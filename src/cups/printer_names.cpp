@@ -12,12 +12,13 @@ namespace {
 constexpr std::size_t kLongestDescription = 32767;
 constexpr std::string_view kNeverInIds("\0\t\n\v\f\r =", 8);
 // Leaves 4 KiB for the rest of a command line with one such name. The command that creates a queue
-// has the name twice, as queue name and as description. If they are too long for it together, its
-// first run fails ("sh" does not start, rc=32512), and the accepted forms, which fit, are used.
+// has the name twice, as queue name and as description. Where both do not fit, the shell does not
+// start (rc=32512): the creation fails as for a name that CUPS refuses, and is repeated with the
+// accepted forms, which fit.
 constexpr std::size_t kLongestQuotedName = kArgumentLimit - 4096;
 
-// What validate_name() of lpadmin refuses in CUPS 2.4. (After an "@" lpadmin leaves the check to
-// cupsd, which refuses fewer bytes; all of these are replaced there too.)
+// What validate_name() of lpadmin refuses in CUPS 2.4. (CUPS allows some of these bytes after an
+// "@"; they are replaced there too.)
 bool isRefusedByCups(char byte) {
     constexpr std::string_view kRefused = "/\\?'\"#\x7f";
     return (byte >= 0 && byte <= ' ') || kRefused.find(byte) != std::string_view::npos;
@@ -50,30 +51,30 @@ bool isValidPrinterId(std::string_view id) {
            id.find_first_of(kNeverInIds) == std::string_view::npos;
 }
 
-bool rejectInvalidId(const std::string& id) {
+bool checkPrinterId(const std::string& id) {
     if (isValidPrinterId(id))
-        return false;
-    QNT_LOG(0, "Refused printer id '%s': no queue can be bound to it", id.c_str());
-    return true;
+        return true;
+    QNT_LOG(kLogAlways, "Refused printer id '%s': no queue can be bound to it", id.c_str());
+    return false;
 }
 
-bool rejectUnusableName(const std::string& name) {
+bool checkPrinterName(const std::string& name) {
     const auto quoted = quotedQueueName(name);
     if (!quoted)
-        return true;
-    if (quoted->size() <= kLongestQuotedName)
         return false;
-    QNT_LOG(0, "Refused printer name of %zu bytes: too long for a command", name.size());
-    return true;
+    if (quoted->size() <= kLongestQuotedName)
+        return true;
+    QNT_LOG(kLogAlways, "Refused printer name of %zu bytes: too long for a command", name.size());
+    return false;
 }
 
 std::string queueNameFor(std::string name) {
-    std::replace(name.begin(), name.end(), ' ', '_');
+    std::ranges::replace(name, ' ', '_');
     return name;
 }
 
 std::string acceptedQueueName(std::string queueName) {
-    std::replace_if(queueName.begin(), queueName.end(), isRefusedByCups, '_');
+    std::ranges::replace_if(queueName, isRefusedByCups, '_');
     return truncated(std::move(queueName), kLongestQueueName);
 }
 
@@ -82,9 +83,8 @@ bool areSameQueue(std::string_view one, std::string_view other) {
 }
 
 std::string acceptedDescription(std::string description) {
-    std::replace_if(
-        description.begin(), description.end(),
-        [](char byte) { return byte == '\n' || byte == '\r'; }, ' ');
+    std::ranges::replace_if(
+        description, [](char byte) { return byte == '\n' || byte == '\r'; }, ' ');
     return truncated(std::move(description), kLongestDescription);
 }
 
@@ -96,7 +96,7 @@ bool isOneQueueToLpstat(const std::string& queueName) {
 std::optional<std::string> quotedQueueName(const std::string& queueName) {
     auto quoted = shellQuote(queueName);
     if (!quoted)
-        QNT_LOG(0, "Refused queue name '%s': it holds a zero byte", queueName.c_str());
+        QNT_LOG(kLogAlways, "Refused queue name '%s': it holds a zero byte", queueName.c_str());
     return quoted;
 }
 

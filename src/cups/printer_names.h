@@ -25,12 +25,12 @@ inline constexpr std::size_t kLongestId = kLineBufferSize - 1 - kLongestQueueNam
 // printers.
 bool isValidPrinterId(std::string_view id);
 
-// Logs and returns true if the id is not valid.
-bool rejectInvalidId(const std::string& id);
+// Returns isValidPrinterId; logs an id that is not valid.
+[[nodiscard]] bool checkPrinterId(const std::string& id);
 
-// Logs and returns true if the name, as a queue name or a description, does not fit into a command
-// line: it contains a zero byte or is too long.
-bool rejectUnusableName(const std::string& name);
+// True if the name, as a queue name or a description, fits into a command line; otherwise logs why
+// not: it contains a zero byte or is too long.
+[[nodiscard]] bool checkPrinterName(const std::string& name);
 
 // The queue name of a printer: its name with each blank (0x20) replaced by "_".
 std::string queueNameFor(std::string name);

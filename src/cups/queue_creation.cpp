@@ -30,6 +30,7 @@ std::string waitForUsbProduct(const std::string& id) {
     return {};
 }
 
+// Unlike deletePrinterById, lists the queues of this id only. The id is not empty.
 void deleteQueuesOf(const std::string& id) {
     QueueBindingList queues;
     if (!listPrinterQueues(queues, id))
@@ -46,10 +47,10 @@ bool createQueue(const std::string& queueName, const std::string& id,
         shellQuote(ppdModel).value() + " -v " + shellQuote(kDeviceUriPrefix + id).value() +
         " -o printer-error-policy=retry-job -E" + " -D " + shellQuote(description).value() +
         " -L 'Host OS'" + " -o printer-is-shared=false";
-    QNT_LOG(3, "Adding printer: [%s]", command.c_str());
+    QNT_LOG(kLogDetail, "Adding printer: [%s]", command.c_str());
     const int status = runCommand(command);
     if (status != 0) {
-        QNT_LOG(0, "Failed add printer '%s', rc=%d", id.c_str(), status);
+        QNT_LOG(kLogAlways, "Failed add printer '%s', rc=%d", id.c_str(), status);
         return false;
     }
     adoptCreatedQueue({id, queueName});
@@ -74,19 +75,19 @@ std::string readPpdModel() {
 }  // namespace
 
 void addPrinter(std::string& name, const std::string& id) {
-    QNT_LOG(0, "addPrinter: id=%s name=%s", id.c_str(), name.c_str());
+    QNT_LOG(kLogAlways, "addPrinter: id=%s name=%s", id.c_str(), name.c_str());
     std::string givenName;
     givenName.swap(name);
     forgetAppliedDefault(id);
-    if (rejectInvalidId(id))
+    if (!checkPrinterId(id))
         return;
     if (givenName.empty() && !id.empty())
         givenName = queueNameFor(waitForUsbProduct(id));
     if (givenName.empty() || id.empty()) {
-        QNT_LOG(0, "Cannot get name for printer with id=%s", id.c_str());
+        QNT_LOG(kLogAlways, "Cannot get name for printer with id=%s", id.c_str());
         return;
     }
-    if (rejectUnusableName(givenName))
+    if (!checkPrinterName(givenName))
         return;
     name = queueNameFor(givenName);
     deleteQueuesOf(id);
@@ -100,21 +101,19 @@ void addPrinter(std::string& name, const std::string& id) {
 }
 
 bool renamePrinter(const std::string& currentName, std::string& newName) {
-    QNT_LOG(3, "renamePrinter: '%s'->'%s'", currentName.c_str(), newName.c_str());
+    QNT_LOG(kLogDetail, "renamePrinter: '%s'->'%s'", currentName.c_str(), newName.c_str());
     newName = queueNameFor(newName);
     if (currentName == newName)
         return true;
-    if (rejectUnusableName(newName))
+    if (!checkPrinterName(newName))
         return false;
     if (currentName == acceptedQueueName(newName))
         return true;
     QueueBindingList queues;
     if (!listTrustedQueues(queues, {}))
         return false;
-    const auto queue = std::find_if(
-        queues.begin(), queues.end(),
-        [&](const QueueBinding& candidate) { return candidate.queueName == currentName; });
-    if (queue == queues.end() || rejectInvalidId(queue->id) ||
+    const auto queue = std::ranges::find(queues, currentName, &QueueBinding::queueName);
+    if (queue == queues.end() || !checkPrinterId(queue->id) ||
         !deletePrinter(currentName, queue->id))
         return false;
     std::string createdName = newName;

@@ -1,5 +1,7 @@
 #include "cups/queue_operations.h"
 
+#include <optional>
+
 #include "cups/printer_names.h"
 #include "cups/queue_listing.h"
 #include "cups/trusted_queues.h"
@@ -11,8 +13,7 @@ namespace qnt {
 namespace {
 
 std::string defaultPrinterName;
-
-std::string appliedDefaultId;
+std::string g_appliedDefaultId;
 
 // The names come from the listing, whose lines contain neither a zero byte nor a newline, so they
 // always have a pattern and a quoted form.
@@ -27,44 +28,48 @@ bool isQueueEnabled(const std::string& queueName) {
     return runCommand(queueStateCommand(queueName) + " | fgrep -q 'enabled since'") == 0;
 }
 
-bool isOnline(const std::string& id) {
+std::optional<QueueBinding> queueOf(const std::string& id) {
     QueueBindingList queues;
     if (!listTrustedQueues(queues, id) || queues.empty())
-        return false;
-    return isQueueEnabled(queues.back().queueName) && !getUsbProductBySerial(id).empty();
+        return std::nullopt;
+    return queues.back();
+}
+
+bool isOnline(const std::string& id) {
+    const auto queue = queueOf(id);
+    return queue && isQueueEnabled(queue->queueName) && !getUsbProductBySerial(id).empty();
 }
 
 }  // namespace
 
 bool isPrinterOnline(const std::string& id) {
-    QNT_LOG(3, "isPrinterOnline: %s", id.c_str());
+    QNT_LOG(kLogDetail, "isPrinterOnline: %s", id.c_str());
     const bool online = isOnline(id);
-    QNT_LOG(3, " - %s", online ? "true" : "false");
+    QNT_LOG(kLogDetail, " - %s", online ? "true" : "false");
     return online;
 }
 
 void setDefaultPrinter(const std::string& id) {
-    QueueBindingList queues;
-    if (!listTrustedQueues(queues, id) || queues.empty() || !confirmBinding(queues.back()))
+    const auto queue = queueOf(id);
+    if (!queue || !confirmBinding(*queue))
         return;
-    const std::string& queueName = queues.back().queueName;
-    const std::string command = "lpadmin -d " + shellQuote(queueName).value();
-    QNT_LOG(3, "%s", command.c_str());
+    const std::string command = "lpadmin -d " + shellQuote(queue->queueName).value();
+    QNT_LOG(kLogDetail, "%s", command.c_str());
     if (runCommand(command) != 0) {
-        QNT_LOG(0, "Failed to set default printer '%s'", id.c_str());
+        QNT_LOG(kLogAlways, "Failed to set default printer '%s'", id.c_str());
         return;
     }
-    defaultPrinterName = queueName;
-    appliedDefaultId = id;
+    defaultPrinterName = queue->queueName;
+    g_appliedDefaultId = id;
 }
 
 bool isAppliedDefault(const std::string& id) {
-    return id == appliedDefaultId;
+    return id == g_appliedDefaultId;
 }
 
 void forgetAppliedDefault(const std::string& id) {
     if (isAppliedDefault(id))
-        appliedDefaultId.clear();
+        g_appliedDefaultId.clear();
 }
 
 const std::string& lastDefaultQueueName() {
@@ -72,22 +77,22 @@ const std::string& lastDefaultQueueName() {
 }
 
 bool deletePrinter(const std::string& queueName, const std::string& id) {
-    QNT_LOG(0, "deletePrinter: name=%s id=%s", queueName.c_str(), id.c_str());
+    QNT_LOG(kLogAlways, "deletePrinter: name=%s id=%s", queueName.c_str(), id.c_str());
     const QueueBinding queue{id, queueNameFor(queueName)};
     const auto word = quotedQueueName(queue.queueName);
     if (queueName.empty() || !word || !confirmBinding(queue))
         return false;
     const std::string command = "lpadmin -x " + *word;
-    QNT_LOG(3, "Deleting printer with cmd [%s]", command.c_str());
+    QNT_LOG(kLogDetail, "Deleting printer with cmd [%s]", command.c_str());
     forgetTrust(queue);
     if (const int status = runCommand(command); status != 0)
-        QNT_LOG(0, "Failed to delete printer '%s', rc=%d", id.c_str(), status);
+        QNT_LOG(kLogAlways, "Failed to delete printer '%s', rc=%d", id.c_str(), status);
     return true;
 }
 
 void deletePrinterById(const std::string& id) {
     QueueBindingList queues;
-    if (rejectInvalidId(id) || !getHostPrinterQueues(queues, kListHostQueues))
+    if (!checkPrinterId(id) || !getHostPrinterQueues(queues, kListHostQueues))
         return;
     for (const QueueBinding& queue : queues) {
         if (queue.id == id)

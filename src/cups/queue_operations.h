@@ -1,4 +1,4 @@
-// Operations on the queues of host printers, by printer id.
+// Functions on the queues of host printers, by printer id.
 //
 // The functions on an id list its queues first; the last trusted one that lpstat lists counts as
 // the printer's queue. For isPrinterOnline and setDefaultPrinter, the empty id stands for all host

@@ -123,14 +123,15 @@ void forgetAllBut(const QueueBindingList& listing) {
     g_verdicts.swap(listed);
 }
 
-// False if CUPS has not answered about a queue, which is not kept.
-bool keepTrusted(QueueBindingList& listing) {
+// False if CUPS has not answered about a queue, which is not moved.
+bool moveTrusted(QueueBindingList& queues, QueueBindingList& listing) {
     bool isAnswered = true;
     listing.remove_if([&](const QueueBinding& queue) {
         const auto isTrusted = verdictOn(queue);
         isAnswered &= isTrusted.has_value();
         return !isTrusted.value_or(false);
     });
+    queues.splice(queues.end(), listing);
     return isAnswered;
 }
 
@@ -142,17 +143,13 @@ bool listTrustedQueues(QueueBindingList& queues, const std::string& id) {
         return false;
     if (id.empty())
         forgetAllBut(listing);
-    keepTrusted(listing);
-    queues.splice(queues.end(), listing);
+    (void)moveTrusted(queues, listing);
     return true;
 }
 
 bool listTrustedQueuesIfAnswered(QueueBindingList& queues) {
     QueueBindingList listing;
-    if (!listQueuesIfAnswered(listing) || !keepTrusted(listing))
-        return false;
-    queues.splice(queues.end(), listing);
-    return true;
+    return listQueuesIfAnswered(listing) && moveTrusted(queues, listing);
 }
 
 void adoptCreatedQueue(const QueueBinding& queue) {
@@ -160,8 +157,8 @@ void adoptCreatedQueue(const QueueBinding& queue) {
         const std::string command =
             "lpadmin -p " + shellQuote(queue.queueName).value() + " -o printer-is-temporary=false";
         if (const int status = runCommand(command); status != 0)
-            QNT_LOG(0, "Failed to make queue '%s' permanent, rc=%d", queue.queueName.c_str(),
-                    status);
+            QNT_LOG(kLogAlways, "Failed to make queue '%s' permanent, rc=%d",
+                    queue.queueName.c_str(), status);
     }
     g_verdicts[keyOf(queue)] = true;
 }
@@ -173,8 +170,8 @@ void forgetTrust(const QueueBinding& queue) {
 bool confirmBinding(const QueueBinding& queue) {
     if (askBinding(queue) == Binding::kBound)
         return true;
-    QNT_LOG(1, "Queue '%s' is left alone: CUPS does not bind it to '%s'", queue.queueName.c_str(),
-            queue.id.c_str());
+    QNT_LOG(kLogWarning, "Queue '%s' is left alone: CUPS does not bind it to '%s'",
+            queue.queueName.c_str(), queue.id.c_str());
     return false;
 }
 

@@ -9,8 +9,8 @@
 //
 // What CUPS has answered is remembered as long as the queue is listed, and a queue that the service
 // has created is trusted, so CUPS is asked only about a queue that is new, and again at the next
-// listing if it does not answer. All callers hold the tool's mutex once there are workers. May throw
-// std::bad_alloc.
+// listing if it does not answer. All callers hold the tool's mutex once there are workers. May
+// throw std::bad_alloc.
 
 #pragma once
 
@@ -22,8 +22,8 @@ namespace qnt {
 
 // listPrinterQueues and listQueuesIfAnswered, without the queues that are not trusted. The second
 // is false also if CUPS has not answered about one of the queues.
-bool listTrustedQueues(QueueBindingList& queues, const std::string& id);
-bool listTrustedQueuesIfAnswered(QueueBindingList& queues);
+[[nodiscard]] bool listTrustedQueues(QueueBindingList& queues, const std::string& id);
+[[nodiscard]] bool listTrustedQueuesIfAnswered(QueueBindingList& queues);
 
 // Makes a queue that the service has just created permanent if CUPS counts it as temporary, because
 // a temporary queue of this name existed. Trusts it from now on.
@@ -35,6 +35,6 @@ void forgetTrust(const QueueBinding& queue);
 
 // Asks CUPS for this queue only. False, with a record, unless CUPS binds it to exactly this id. To
 // be called before the queue is changed.
-bool confirmBinding(const QueueBinding& queue);
+[[nodiscard]] bool confirmBinding(const QueueBinding& queue);
 
 }  // namespace qnt

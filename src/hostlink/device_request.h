@@ -1,6 +1,6 @@
 // The record that the guest's kernel driver takes: a 16-byte header, inline data, then 16-byte
 // buffer descriptors. The driver and the host read it from the sender's memory, so these are
-// structs in memory order: little-endian, as the service runs on x86-64 only. Payloads inside the
+// structs in memory order: little-endian, as the service runs on x86-64 only. Messages in the
 // buffers are encoded byte by byte (protocol/little_endian.h).
 
 #pragma once

@@ -8,18 +8,18 @@
 namespace qnt {
 namespace {
 
-std::int32_t openOverDevice(KavelinkLink& link) {
+LinkResult openOverDevice(KavelinkLink& link) {
     link.kind = LinkKindDevice;
-    const std::int32_t result = linkDeviceOpen(link.handle);
+    const LinkResult result = linkDeviceOpen(link.handle);
     if (result == kLinkOk)
         link.state = kLinkStateOpen;
     return result;
 }
 
-std::int32_t openOverBackdoor(KavelinkLink& link) {
+LinkResult openOverBackdoor(KavelinkLink& link) {
     link.kind = LinkKindBackdoor;
     BackdoorInfo info;
-    const std::int32_t result = guardedBackdoorProbe(&info);
+    const LinkResult result = guardedBackdoorProbe(&info);
     if (result == kLinkOk) {
         link.handle = info.maxTransfer;
         link.state = kLinkStateOpen;
@@ -29,7 +29,7 @@ std::int32_t openOverBackdoor(KavelinkLink& link) {
 
 }  // namespace
 
-std::int32_t kavelinkOpen(KavelinkLink* link, std::int32_t mode) {
+LinkResult kavelinkOpen(KavelinkLink* link, std::int32_t mode) {
     if (link == nullptr)
         return kLinkBadArgument;
     link->state = kLinkStateClosed;
@@ -37,7 +37,7 @@ std::int32_t kavelinkOpen(KavelinkLink* link, std::int32_t mode) {
         case kLinkDeviceOnly:
             return openOverDevice(*link);
         case kLinkDeviceThenBackdoor: {
-            const std::int32_t result = openOverDevice(*link);
+            const LinkResult result = openOverDevice(*link);
             if (result == kLinkOk || result == kLinkNotAvailable)
                 return result;
             return openOverBackdoor(*link);
@@ -49,7 +49,7 @@ std::int32_t kavelinkOpen(KavelinkLink* link, std::int32_t mode) {
     }
 }
 
-std::int32_t kavelinkClose(KavelinkLink* link) {
+LinkResult kavelinkClose(KavelinkLink* link) {
     if (link == nullptr)
         return kLinkBadArgument;
     if (link->kind == LinkKindDevice)
@@ -58,8 +58,8 @@ std::int32_t kavelinkClose(KavelinkLink* link) {
     return kLinkOk;
 }
 
-std::int32_t kavelinkCall(KavelinkLink* link, void* buffer, std::uint32_t inputSize,
-                          std::uint32_t outputSize, std::uint32_t* answerLength) {
+LinkResult kavelinkCall(KavelinkLink* link, void* buffer, std::uint32_t inputSize,
+                        std::uint32_t outputSize, std::uint32_t* answerLength) {
     if (link == nullptr || buffer == nullptr || (inputSize == 0 && outputSize == 0))
         return kLinkBadArgument;
     switch (link->kind) {

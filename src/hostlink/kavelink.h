@@ -4,7 +4,8 @@
 // The service opens it in one mode and only sends; the rest completes a fixed interface.
 //
 // Allocates and logs nothing and takes no lock: a link belongs to the thread that uses it, and
-// callers handle the results.
+// callers handle the results. The interface is complete: the service itself uses one mode and
+// requests no output.
 
 #pragma once
 
@@ -43,27 +44,29 @@ enum KavelinkMode : std::int32_t {
 struct KavelinkLink {
     std::int32_t state = kLinkStateClosed;  // during and after an exchange: the exchange's status
     std::uint32_t kind = 0;                 // KavelinkKind, while open
-    std::uint64_t handle = 0;  // device: its descriptor; backdoor: maxTransfer; 0: none
+    // Device: its descriptor; backdoor: maxTransfer; 0: none. No owner, as the record is plain
+    // data.
+    std::uint64_t handle = 0;
 };
 
 // Opens the link and selects its transport. A device that is missing, or whose driver fails the
 // probe's write, is final (kLinkNotAvailable): the backdoor is tried only when the device refuses
 // the probe or its write is interrupted (EINTR). The state is kLinkStateOpen on success, else
 // kLinkStateClosed.
-std::int32_t kavelinkOpen(KavelinkLink* link, std::int32_t mode);
+[[nodiscard]] LinkResult kavelinkOpen(KavelinkLink* link, std::int32_t mode);
 
 // Closes the link. Returns kLinkOk, or kLinkBadArgument for a null link.
-std::int32_t kavelinkClose(KavelinkLink* link);
+LinkResult kavelinkClose(KavelinkLink* link);
 
 // Sends the first `inputSize` bytes of the buffer. The host's answer, at most `outputSize` bytes,
 // replaces them; the buffer must hold the larger of the two. `answerLength` may be null. Returns a
 // LinkResult.
-std::int32_t kavelinkCall(KavelinkLink* link, void* buffer, std::uint32_t inputSize,
-                          std::uint32_t outputSize, std::uint32_t* answerLength);
+[[nodiscard]] LinkResult kavelinkCall(KavelinkLink* link, void* buffer, std::uint32_t inputSize,
+                                      std::uint32_t outputSize, std::uint32_t* answerLength);
 
 // Bounds a loop whose length the host decides and that would otherwise block start or stop for
 // ever: the device's probe, and transfers that move nothing. The first hundred repetitions follow
-// at once, later ones after a pause; a minute is longer than a host's service takes to start.
+// without a pause, later ones after one; a minute is longer than a host's service takes to start.
 class HostLoopLimit {
 public:
     static constexpr std::chrono::seconds kTimeLimit{60};  // on the monotonic clock

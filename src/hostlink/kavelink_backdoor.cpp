@@ -39,7 +39,7 @@ private:
     struct sigaction m_previous {};
 };
 
-// A synchronous signal that is blocked kills the process, whatever its handler.
+// A synchronous signal that is blocked kills the process and does not reach its handler.
 void unblockFaults() {
     sigset_t faults;
     sigemptyset(&faults);
@@ -60,8 +60,8 @@ std::uint64_t signExtended(std::int32_t value) {
     return static_cast<std::uint64_t>(std::int64_t{value});
 }
 
-std::int32_t transfer(BackdoorExchange& exchange, const TransferArea& area,
-                      RdpmcRegisters& registers, std::uint32_t& got) {
+LinkResult transfer(BackdoorExchange& exchange, const TransferArea& area, RdpmcRegisters& registers,
+                    std::uint32_t& got) {
     registers.rcx = area.receiveLimit != 0 ? 1 : 0;
     registers.rdx = area.length();
     registers.rsi = area.chunk;
@@ -84,15 +84,17 @@ struct Progress {
     std::uint32_t sent = 0;
     std::uint32_t received = 0;
 
-    // When the input needs several transfers, the last is full-sized.
+    // By the protocol, the last of several transfers is full-sized: 250 bytes with a maxTransfer of
+    // 100 go as 100, 50 and 100.
     std::uint32_t nextChunk() const {
         const std::uint32_t remaining = inputSize - sent;
         return remaining <= maxTransfer ? remaining
                                         : std::min(remaining - maxTransfer, maxTransfer);
     }
 
-    // While input is left, the host may answer into the chunk itself, even if no output was
-    // requested, or, if the output is longer than the input, into everything from the chunk on.
+    // One area serves both directions. So, while input is left, the host may write into the chunk
+    // that it reads, even if no output was requested. If the output is longer than the input, it
+    // may write into everything from the chunk on.
     TransferArea nextArea() const {
         const std::uint32_t chunk = nextChunk();
         if (chunk == 0)
@@ -118,15 +120,14 @@ private:
     std::uint32_t limited(std::uint32_t limit) const { return std::min(limit, maxTransfer); }
 };
 
-std::int32_t transferOnce(BackdoorExchange& exchange, const TransferArea& area,
-                          std::uint32_t& got) {
+LinkResult transferOnce(BackdoorExchange& exchange, const TransferArea& area, std::uint32_t& got) {
     return exchange.exchangeId == kNoExchangeId ? backdoorBegin(exchange, area, got)
                                                 : backdoorContinue(exchange, area, got);
 }
 
 }  // namespace
 
-std::int32_t backdoorProbe(BackdoorInfo* info) {
+LinkResult backdoorProbe(BackdoorInfo* info) {
     RdpmcRegisters registers;
     registers.rax = kBackdoorProbe;
     registers.rbx = kBackdoorProbe;
@@ -141,8 +142,8 @@ std::int32_t backdoorProbe(BackdoorInfo* info) {
     return kLinkOk;
 }
 
-std::int32_t guardedBackdoorProbe(BackdoorInfo* info) {
-    volatile std::int32_t result = kLinkNotAvailable;  // volatile: kept across the jump
+LinkResult guardedBackdoorProbe(BackdoorInfo* info) {
+    volatile LinkResult result = kLinkNotAvailable;  // volatile: kept across the jump
     const FaultHandler illegalInstruction(SIGILL);
     const FaultHandler segmentationFault(SIGSEGV);
     sigset_t previousMask;
@@ -155,18 +156,17 @@ std::int32_t guardedBackdoorProbe(BackdoorInfo* info) {
     return result;
 }
 
-std::int32_t backdoorBegin(BackdoorExchange& exchange, const TransferArea& area,
-                           std::uint32_t& got) {
+LinkResult backdoorBegin(BackdoorExchange& exchange, const TransferArea& area, std::uint32_t& got) {
     RdpmcRegisters registers;
     registers.rax = kBackdoorBegin;
     registers.rbx = exchange.totalInput;
-    const std::int32_t result = transfer(exchange, area, registers, got);
+    const LinkResult result = transfer(exchange, area, registers, got);
     exchange.exchangeId = signedLow32(registers.rbx);
     return result;
 }
 
-std::int32_t backdoorContinue(BackdoorExchange& exchange, const TransferArea& area,
-                              std::uint32_t& got) {
+LinkResult backdoorContinue(BackdoorExchange& exchange, const TransferArea& area,
+                            std::uint32_t& got) {
     RdpmcRegisters registers;
     registers.rax = kBackdoorContinue;
     registers.rbx = signExtended(exchange.exchangeId);
@@ -182,8 +182,8 @@ std::int32_t backdoorCancel(BackdoorExchange& exchange) {
     return exchange.hostStatus;
 }
 
-std::int32_t backdoorCall(KavelinkLink& link, void* buffer, std::uint32_t inputSize,
-                          std::uint32_t outputSize, std::uint32_t* answerLength) {
+LinkResult backdoorCall(KavelinkLink& link, void* buffer, std::uint32_t inputSize,
+                        std::uint32_t outputSize, std::uint32_t* answerLength) {
     if (answerLength != nullptr)
         *answerLength = 0;
     link.state = kLinkNotOpen;
@@ -202,7 +202,7 @@ std::int32_t backdoorCall(KavelinkLink& link, void* buffer, std::uint32_t inputS
         }
         const TransferArea area = progress.nextArea();
         std::uint32_t got = 0;
-        const std::int32_t result = transferOnce(exchange, area, got);
+        const LinkResult result = transferOnce(exchange, area, got);
         link.state = exchange.hostStatus;
         if (result != kLinkOk)
             return result;

@@ -5,12 +5,12 @@
 //
 //   command   EAX        EBX         ECX      EDX     ESI    RDI
 //   probe     0x5F9E652  0x5F9E652   0        0       0      0
-//   begin     0x5F9E653  totalInput  hasRoom  length  chunk  address
-//   continue  0x5F9E654  exchangeId  hasRoom  length  chunk  address
+//   begin     0x5F9E653  totalInput  hasRoom  length  chunk  start
+//   continue  0x5F9E654  exchangeId  hasRoom  length  chunk  start
 //   cancel    0x5F9E655  exchangeId  0        0       0      0
 //
-// exchangeId is sign-extended to 64 bits. hasRoom is 1 if the area has a receive limit, else 0;
-// length and the 64-bit address are those of the area.
+//   exchangeId is sign-extended to 64 bits; length, chunk and start (64 bits) are the transfer
+//   area's; hasRoom is 1 if the area has a receive limit, else 0
 //
 //   returned: probe    EAX 0x0B36AF47, EDX = ESI = EDI = 0, EBX version, ECX maxTransfer
 //             begin    EBX exchangeId, and as for continue
@@ -66,26 +66,26 @@ struct BackdoorInfo {
 
 // Probes for the backdoor: kLinkOk, kLinkNotAvailable or kLinkRefused. Faults where no hypervisor
 // intercepts the instruction. On success, fills in *info if it is not null.
-std::int32_t backdoorProbe(BackdoorInfo* info);
+[[nodiscard]] LinkResult backdoorProbe(BackdoorInfo* info);
 
 // Like backdoorProbe, but returns kLinkNotAvailable on a fault. Meanwhile, handles SIGILL and
 // SIGSEGV and unblocks them in the calling thread, then restores both. Only one thread at a time
 // may call it, and no other thread may rely on these signals meanwhile.
-std::int32_t guardedBackdoorProbe(BackdoorInfo* info);
+[[nodiscard]] LinkResult guardedBackdoorProbe(BackdoorInfo* info);
 
 // One transfer. Returns kLinkOk, or kLinkHostFailed if the host's status is negative or it claims
 // to have written more than the area holds. On success, `got` is the number of bytes that the host
 // wrote.
-std::int32_t backdoorBegin(BackdoorExchange& exchange, const TransferArea& area,
-                           std::uint32_t& got);
-std::int32_t backdoorContinue(BackdoorExchange& exchange, const TransferArea& area,
-                              std::uint32_t& got);
+[[nodiscard]] LinkResult backdoorBegin(BackdoorExchange& exchange, const TransferArea& area,
+                                       std::uint32_t& got);
+[[nodiscard]] LinkResult backdoorContinue(BackdoorExchange& exchange, const TransferArea& area,
+                                          std::uint32_t& got);
 
 // Abandons an exchange and returns the host's status.
 std::int32_t backdoorCancel(BackdoorExchange& exchange);
 
 // kavelinkCall over the backdoor, in transfers of at most maxTransfer bytes in each direction.
-std::int32_t backdoorCall(KavelinkLink& link, void* buffer, std::uint32_t inputSize,
-                          std::uint32_t outputSize, std::uint32_t* answerLength);
+[[nodiscard]] LinkResult backdoorCall(KavelinkLink& link, void* buffer, std::uint32_t inputSize,
+                                      std::uint32_t outputSize, std::uint32_t* answerLength);
 
 }  // namespace qnt

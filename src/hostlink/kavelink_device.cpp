@@ -11,7 +11,7 @@
 namespace qnt {
 namespace {
 
-std::int32_t probe(int fd) {
+LinkResult probe(int fd) {
     DeviceRequestHeader request{QntKlReqLinkCall, 0, 0, 0, 0};
     HostLoopLimit limit;
     do {
@@ -23,12 +23,12 @@ std::int32_t probe(int fd) {
 
 }  // namespace
 
-std::int32_t linkDeviceOpen(std::uint64_t& handle) {
+LinkResult linkDeviceOpen(std::uint64_t& handle) {
     handle = 0;
     UniqueFd device(open(kRequestDevicePath, O_WRONLY | O_CLOEXEC));
     if (!device.isOpen())
         return kLinkNotAvailable;
-    const std::int32_t result = probe(device.get());
+    const LinkResult result = probe(device.get());
     if (result == kLinkOk)
         handle = static_cast<std::uint64_t>(device.release());
     return result;
@@ -39,8 +39,8 @@ void linkDeviceClose(std::uint64_t& handle) {
     handle = 0;
 }
 
-std::int32_t linkDeviceCall(KavelinkLink& link, void* buffer, std::uint32_t inputSize,
-                            std::uint32_t outputSize, std::uint32_t* answerLength) {
+LinkResult linkDeviceCall(KavelinkLink& link, void* buffer, std::uint32_t inputSize,
+                          std::uint32_t outputSize, std::uint32_t* answerLength) {
     KavelinkCallHeader header;
     header.inputSize = inputSize;
     header.outputSize = outputSize;

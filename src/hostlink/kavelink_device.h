@@ -1,5 +1,5 @@
-// The link over the request device, through a descriptor of its own. The service receives nothing
-// over it; the room for an answer completes a fixed interface.
+// The link over the request device, through another descriptor than the printing traffic. The
+// service receives nothing over it; the room for an answer completes a fixed interface.
 
 #pragma once
 
@@ -28,11 +28,11 @@ static_assert(offsetof(KavelinkCallHeader, hostStatus) == 20);
 
 // Opens the device and probes whether it takes link calls. The handle is the descriptor, or 0 if
 // the result is not kLinkOk.
-std::int32_t linkDeviceOpen(std::uint64_t& handle);
+[[nodiscard]] LinkResult linkDeviceOpen(std::uint64_t& handle);
 // Closes the handle, if there is one, and sets it to 0.
 void linkDeviceClose(std::uint64_t& handle);
 
-std::int32_t linkDeviceCall(KavelinkLink& link, void* buffer, std::uint32_t inputSize,
-                            std::uint32_t outputSize, std::uint32_t* answerLength);
+[[nodiscard]] LinkResult linkDeviceCall(KavelinkLink& link, void* buffer, std::uint32_t inputSize,
+                                        std::uint32_t outputSize, std::uint32_t* answerLength);
 
 }  // namespace qnt

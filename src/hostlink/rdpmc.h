@@ -1,4 +1,5 @@
-// The RDPMC instruction, which the hypervisor intercepts.
+// The RDPMC instruction, which the hypervisor intercepts. Its .cpp is separate because tests
+// replace it.
 
 #pragma once
 

@@ -10,7 +10,8 @@ namespace {
 
 constexpr char kDeviceTag[] = "QntCCBase";
 
-// Written before other threads exist. The device is open while this is greater than 0.
+// Written before other threads exist. The device is open while this is greater than 0. No UniqueFd,
+// as it stays open until the process exits, and closeRequestDevice returns the result of close(2).
 int requestDeviceFd = 0;
 
 }  // namespace
@@ -18,11 +19,11 @@ int requestDeviceFd = 0;
 bool openRequestDevice() {
     requestDeviceFd = open(kRequestDevicePath, O_WRONLY);
     if (requestDeviceFd <= 0) {
-        QNT_LOG_AS("", kDeviceTag, 0, "Error: Can't open %s", kRequestDevicePath);
+        QNT_LOG_AS("", kDeviceTag, kLogAlways, "Error: Can't open %s", kRequestDevicePath);
         return false;
     }
     fcntl(requestDeviceFd, F_SETFD, FD_CLOEXEC);  // no other thread starts a process in between
-    QNT_LOG_AS("", kDeviceTag, 2, "Opened %s", kRequestDevicePath);
+    QNT_LOG_AS("", kDeviceTag, kLogInfo, "Opened %s", kRequestDevicePath);
     return true;
 }
 
@@ -32,10 +33,10 @@ bool closeRequestDevice() {
     const int result = close(requestDeviceFd);
     requestDeviceFd = 0;
     if (result != 0) {
-        QNT_LOG_AS("", kDeviceTag, 0, "Error: Can't close %s", kRequestDevicePath);
+        QNT_LOG_AS("", kDeviceTag, kLogAlways, "Error: Can't close %s", kRequestDevicePath);
         return false;
     }
-    QNT_LOG_AS("", kDeviceTag, 2, "Closed %s", kRequestDevicePath);
+    QNT_LOG_AS("", kDeviceTag, kLogInfo, "Closed %s", kRequestDevicePath);
     return true;
 }
 
@@ -66,9 +67,9 @@ bool SendRequest(DeviceRequest& request, void* buffer, std::uint32_t inSize,
     if (taken >= 0 && status == kRequestDone)
         return true;
     if (status == kRequestCanceled)
-        QNT_LOG(2, "SendRequest() was canceled");
+        QNT_LOG(kLogInfo, "SendRequest() was canceled");
     else
-        QNT_LOG(0, "SendRequest() failed %x", status);
+        QNT_LOG(kLogAlways, "SendRequest() failed %x", status);
     return false;
 }
 

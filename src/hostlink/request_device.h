@@ -18,25 +18,26 @@
 
 namespace qnt {
 
-// The service's one descriptor for the printing traffic. The entry point opens it before other
-// threads exist and leaves it open until the process exits. openRequestDevice: true if the device
-// is open. closeRequestDevice: true if an open device was closed without error; false, without a
-// record, if none was open; only the tests call it. Everything else is logged.
+// Opens the service's one descriptor for the printing traffic. runService calls it before other
+// threads exist. False, with a record, on failure; isRequestDeviceOpen returns the same.
 bool openRequestDevice();
+// True if an open device was closed without error; false, without a record, if none was open. Only
+// tests call it: the service leaves the device open until the process exits.
 bool closeRequestDevice();
 bool isRequestDeviceOpen();
 
 // Submits a request to the host. Returns the result of write(2): not negative if the driver took
 // the request, negative with errno if it refused it; 0, without writing, if the device is not open.
-ssize_t submitRequest(DeviceRequest& request);
+[[nodiscard]] ssize_t submitRequest(DeviceRequest& request);
 
 // As submitRequest, through the given descriptor and for a record of any layout.
-ssize_t submitRequestTo(int descriptor, DeviceRequestHeader& request);
+[[nodiscard]] ssize_t submitRequestTo(int descriptor, DeviceRequestHeader& request);
 
 // One exchange of the printing protocol: sends the first `inSize` bytes of the buffer to the host,
 // whose answer of up to `outSize` bytes replaces them. Fills in the whole request. True if the host
-// completed it, and also, without an exchange, if the device is not open; a failure is logged, a
-// cancellation at level 2.
-bool SendRequest(DeviceRequest& request, void* buffer, std::uint32_t inSize, std::uint32_t outSize);
+// completed it; a failure is logged, a cancellation at kLogInfo. Also true, without an exchange, if
+// the device is not open, as submitRequest then does not fail; the service ends before that.
+[[nodiscard]] bool SendRequest(DeviceRequest& request, void* buffer, std::uint32_t inSize,
+                               std::uint32_t outSize);
 
 }  // namespace qnt

@@ -48,7 +48,7 @@ void fillVersionRecord(ToolVersionRecord& record, std::uint32_t first, std::uint
     record.nine = 9;
 }
 
-std::int32_t sendToolStatus(KavelinkLink* link, const ToolStatus& status) {
+StatusResult sendToolStatus(KavelinkLink* link, const ToolStatus& status) {
     if (link == nullptr || status.applicationId == nullptr ||
         (status.extra == nullptr && status.extraSize != 0))
         return kStatusBadArgument;
@@ -59,7 +59,7 @@ std::int32_t sendToolStatus(KavelinkLink* link, const ToolStatus& status) {
         writeU32(message.data() + 4 * i, StatusMessagePrefix[i]);
     if (!appendItems(message, status))
         return kStatusNoItem;
-    const std::int32_t result = kavelinkCall(link, message.data(), message.streamEnd(), 0, nullptr);
+    const LinkResult result = kavelinkCall(link, message.data(), message.streamEnd(), 0, nullptr);
     return result == kLinkOk ? kStatusSent : kStatusCallFailed;
 }
 

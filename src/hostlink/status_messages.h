@@ -54,7 +54,8 @@ enum StatusResult : std::int32_t {
     kStatusCallFailed = -4,  // the link call failed
 };
 
-// The content of a status message. Null fields are omitted; the pointers are borrowed.
+// The content of a status message. Null fields are omitted; the pointers are borrowed. The service
+// itself sends no extra bytes.
 struct ToolStatus {
     const char* applicationId = nullptr;  // required
     const char* applicationName = nullptr;
@@ -64,11 +65,10 @@ struct ToolStatus {
     std::uint32_t extraSize = 0;  // bytes
 };
 
-// Fills the record with the product's version, which is fixed at build time, and two values from
-// the caller.
+// Fills the record with the product's version, fixed at build time, and two values from the caller.
 void fillVersionRecord(ToolVersionRecord& record, std::uint32_t first, std::uint32_t second);
 
-// Sends a status message over an open link. Returns a StatusResult; logs nothing.
-std::int32_t sendToolStatus(KavelinkLink* link, const ToolStatus& status);
+// Sends a status message over an open link. Logs nothing.
+StatusResult sendToolStatus(KavelinkLink* link, const ToolStatus& status);
 
 }  // namespace qnt

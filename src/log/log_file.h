@@ -9,7 +9,7 @@
 // finds it held continues with the open file, and waits only when there is none. Signal handlers
 // never take it (see SignalLogScope): they open a moved file for one record.
 //
-// The service itself calls only logFileWrite; the other functions belong to the fixed interface.
+// The service itself only calls logFileWrite, through the sink of log_record.h.
 
 #pragma once
 
@@ -21,7 +21,7 @@ namespace qnt {
 inline constexpr std::size_t kLogPathSize = 1024;  // bytes, with the NUL terminator
 inline constexpr char kDefaultLogDirectory[] = "/var/log";
 inline constexpr char kLogFileName[] = "quintaris.log";
-inline constexpr unsigned kLogFileMode = 0666;
+inline constexpr unsigned kLogFileMode = 0666;  // fixed: any user of the guest can write to it
 inline constexpr unsigned kUserLogDirMode = 0755;
 
 // Appends a record to the log file with one write call; a short write is not completed. Returns
@@ -42,9 +42,9 @@ void logFileSetPlacement(const char* directory, const char* fileName);
 // records or set the placement while the text is used.
 const char* logFilePath();
 
-// Opens a file for appending and sets its mode to 0666, whatever the umask or an earlier mode.
-// Returns a descriptor that the caller owns, or -1.
-int logFileOpen(const char* path);
+// Opens a file for appending and sets its mode to 0666, not limited by the umask or an earlier
+// mode. Returns a descriptor that the caller owns, or -1.
+[[nodiscard]] int logFileOpen(const char* path);
 
 // Returns the directory .quintaris in the effective user's home directory, created if missing;
 // empty on failure. The log owns the text, which does not change once it is not empty. Any thread.

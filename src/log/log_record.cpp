@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstdarg>
 #include <cstdio>
@@ -14,19 +15,19 @@
 
 #include "log/log_file.h"
 #include "log/log_time.h"
-#include "posix/guards.h"
+#include "posix/cancel_guard.h"
 
 namespace qnt {
 namespace {
 
-constexpr std::int32_t kInitialLevel = 1;
-constexpr const char* kLevelMarks[] = {"F ", "W ", "I ", "D "};
+constexpr std::int32_t kInitialLevel = kLogWarning;
+constexpr const char* kLevelMarks[kLogDetail + 1] = {"F ", "W ", "I ", "D "};
 
 std::int32_t g_level = kInitialLevel;
 LogSink g_sink = logFileWrite;
 
 const char* levelMark(std::int32_t level) {
-    return kLevelMarks[std::clamp<std::int32_t>(level, 0, std::size(kLevelMarks) - 1)];
+    return kLevelMarks[std::clamp<std::int32_t>(level, kLogAlways, kLogDetail)];
 }
 
 // Cached per thread: two system calls would cost as much as the rest of a record.
@@ -42,6 +43,18 @@ const ThreadIds& threadIds() {
         t_ids = {getpid(), static_cast<pid_t>(syscall(SYS_gettid))};
     return t_ids;
 }
+
+// Restores errno at the end of the scope, also when an exception passes.
+class ErrnoGuard {
+public:
+    ErrnoGuard() : m_saved(errno) {}
+    ~ErrnoGuard() { errno = m_saved; }
+    ErrnoGuard(const ErrnoGuard&) = delete;
+    ErrnoGuard& operator=(const ErrnoGuard&) = delete;
+
+private:
+    const int m_saved;
+};
 
 // A record under composition. What does not fit is truncated.
 class RecordBuffer {
@@ -144,7 +157,7 @@ void logRecord(const char* prefix, const char* tag, std::int32_t level, const ch
 }
 
 void logNoMemory(const char* operation, const char* prefix) {
-    logRecord(prefix, kServiceTag, 0, "Not enough memory for %s", operation);
+    logRecord(prefix, kServiceTag, kLogAlways, "Not enough memory for %s", operation);
 }
 
 }  // namespace qnt

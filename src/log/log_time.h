@@ -1,4 +1,4 @@
-// Local time for records, and records inside signal handlers.
+// Local time for records, also inside signal handlers.
 
 #pragma once
 

@@ -1,6 +1,6 @@
 // system(3) and popen(3) for a service whose threads can be cancelled at any time:
 //
-// - A cancelled thread leaves no process running. Each command runs in a session of its own, whose
+// - A cancelled thread leaves no process running. Each command runs in a new session, whose
 //   process group is killed while the thread unwinds; the shell is reaped, and init reaps the rest.
 //   (glibc's pclose would wait for a command that hangs.) A tool that would ask for a password
 //   fails, as it has no terminal.
@@ -39,7 +39,7 @@ public:
 
     // Starts "sh -c command" with `output` as its standard output; -1: inherited. False when no
     // process could be started.
-    bool start(const std::string& command, int output);
+    [[nodiscard]] bool start(const std::string& command, int output);
     // Waits for the shell to end. Returns its wait status, or -1 when there is no such child.
     int wait();
 
@@ -49,16 +49,16 @@ private:
 
 // Runs a command and returns its wait status: 0 for success, 256 for exit code 1. When no process
 // could be started, returns the wait status of exit code 127, as system(3) does.
-int runCommand(const std::string& command);
+[[nodiscard]] int runCommand(const std::string& command);
 
 // A command whose output is read.
 class CommandOutput {
 public:
     // False when no pipe or process could be created.
-    bool open(const std::string& command);
+    [[nodiscard]] bool open(const std::string& command);
     // Reads the next line with its newline; a longer line comes in pieces of kLineBufferSize - 1
     // bytes. False at the end of the output and on a read error; an interrupted read is repeated.
-    bool readLine(char (&line)[kLineBufferSize]);
+    [[nodiscard]] bool readLine(char (&line)[kLineBufferSize]);
     // Closes the pipe and waits for the command to end. Returns its wait status, as
     // ShellChild::wait does.
     int close();

@@ -1,4 +1,4 @@
-// Owners of open files. close(2) is a cancellation point; the owners close with cancellation
+// Owners (RAII) of open files. close(2) is a cancellation point; the owners close with cancellation
 // disabled, as a destructor must not be left by the unwinding of a cancelled thread.
 
 #pragma once
@@ -9,7 +9,7 @@
 #include <memory>
 #include <utility>
 
-#include "posix/guards.h"
+#include "posix/cancel_guard.h"
 
 namespace qnt {
 

@@ -8,8 +8,8 @@
 #include "cups/trusted_queues.h"
 #include "hostlink/request_device.h"
 #include "log/log_record.h"
-#include "printing/default_printer.h"
 #include "printing/workers.h"
+#include "protocol/reconciliation.h"
 #include "protocol/state_machine.h"
 
 namespace qnt {
@@ -19,7 +19,7 @@ bool startWorker(pthread_t& thread, void* (*entry)(void*), CPrintingTool& tool, 
     if (pthread_create(&thread, nullptr, entry, &tool) == 0)
         return true;
     thread = 0;
-    QNT_LOG(0, "Failed to start thread '%s'", name);
+    QNT_LOG(kLogAlways, "Failed to start thread '%s'", name);
     return false;
 }
 
@@ -39,9 +39,9 @@ std::int32_t CPrintingTool::run() {
     m_defaultPrinterId.clear();
     m_listSequence = 0;
     CCommandManager commands(m_knownQueues);
-    listTrustedQueues(m_knownQueues, {});
+    (void)listTrustedQueues(m_knownQueues, {});  // without an answer, no queue is known yet
     if (!m_bufferCmd.resize(kPrintingCmdHeaderSize)) {
-        QNT_LOG(0, "Not enough memory to init m_bufferCmd");
+        QNT_LOG(kLogAlways, "Not enough memory to init m_bufferCmd");
         return 1;
     }
     if (!startWorkers())
@@ -70,6 +70,15 @@ bool CPrintingTool::sendUserDeletedPrinters(const QueueBindingList& deleted) {
     return sent;
 }
 
+void CPrintingTool::reportDeletedQueues() {
+    const std::lock_guard lock(m_mutex);
+    try {
+        (void)sendUserDeletedPrinters(getUserDeletedPrinters(m_knownQueues));
+    } catch (const std::bad_alloc&) {
+        logNoMemory("deletedPrintersLoop");
+    }
+}
+
 bool CPrintingTool::startWorkers() {
     return startWorker(m_deletedPrintersThread, deletedPrintersEntry, *this, "DeletedPrinrters") &&
            startWorker(m_defaultPrinterThread, defaultPrinterEntry, *this, "SetDefaultPrinter");
@@ -80,22 +89,24 @@ void CPrintingTool::cancelWorkers() const {
     pthread_cancel(m_defaultPrinterThread);
 }
 
-// Has no interval of its own: the host holds each request until it has an answer. Pauses only after
-// a failed exchange, for lack of memory, and while a worker waits for the mutex or holds it.
+// Has no interval: the host holds each request until it has an answer. Pauses only after a failed
+// exchange, for lack of memory, and while a worker waits for the mutex or holds it.
 std::int32_t CPrintingTool::converse(ICommandManager& commands) {
     while (m_running) {
         if (!exchangeUnlessStopped())
             return 0;
         const AnswerResult answer = processAnswerFromHost(m_bufferCmd);
         std::unique_lock lock = lockForStep();
-        m_reportCanceledByStop = false;
-        if (!takeStep(answer, commands)) {
-            if (m_reportCanceledByStop)
+        switch (takeStep(answer, commands)) {
+            case Step::kNext:
+                break;
+            case Step::kStopped:
                 return 0;
-            QNT_LOG(0, "Error in state machine execution");
-            return 1;
+            case Step::kFailed:
+                QNT_LOG(kLogAlways, "Error in state machine execution");
+                return 1;
         }
-        while (!applyPendingDefault(*this) && m_running) {
+        while (!applyPendingDefault() && m_running) {
             lock.unlock();
             sleep(kRetryDelaySeconds);
             lock = lockForStep();
@@ -129,15 +140,18 @@ std::unique_lock<ToolMutex> CPrintingTool::lockForStep() {
     return {m_mutex, std::adopt_lock};
 }
 
-bool CPrintingTool::takeStep(AnswerResult answer, ICommandManager& commands) {
+CPrintingTool::Step CPrintingTool::takeStep(AnswerResult answer, ICommandManager& commands) {
     try {
         m_addedPrinterId.clear();
+        m_reportCanceledByStop = false;
         const bool goOn = executeStateMachine(*this, answer, commands);
-        noteAddedPrinter(*this, m_addedPrinterId);
-        return goOn;
+        noteAddedPrinter();
+        if (goOn)
+            return Step::kNext;
+        return m_reportCanceledByStop ? Step::kStopped : Step::kFailed;
     } catch (const std::bad_alloc&) {
         logNoMemory("executeStateMachine");
-        return false;
+        return Step::kFailed;
     }
 }
 

@@ -24,11 +24,11 @@
 namespace qnt {
 
 // How long a thread pauses after a failed exchange, a listing that could not be started, or a lack
-// of memory.
+// of memory. Pauses are numbers for sleep(3), which a stop signal ends early;
+// std::this_thread::sleep_for would sleep on.
 inline constexpr unsigned kRetryDelaySeconds = 1;
-// How long the run loop waits for a worker that holds the mutex or waits for it, from its first
-// failed attempt to lock it after a stop request. Then the loop cancels both workers, as it does
-// not know which of them holds the mutex.
+// How long the run loop tries to lock the mutex after a stop request before it cancels both workers
+// (it does not know which of them holds the mutex).
 inline constexpr std::chrono::seconds kWorkerGrace{1};
 // How often the run loop looks for a stop request while a worker holds the mutex.
 inline constexpr std::chrono::milliseconds kStopPollInterval{50};
@@ -41,27 +41,54 @@ public:
     std::int32_t run() override;
     // Cancels the workers and waits for them to end. Main thread, after run().
     std::int32_t stop() override;
-    bool sendUserDeletedPrinters(const QueueBindingList& deleted) override;
+    [[nodiscard]] bool sendUserDeletedPrinters(const QueueBindingList& deleted) override;
+
+    // False before run() and after a stop request. Any thread.
+    bool isRunning() const { return m_running; }
+    // Asks the run loop and the workers to end. Any thread and signal handlers.
+    void requestStop() { m_running = false; }
+    // Compares the known queues with CUPS and reports those that vanished; a report that fails is
+    // not repeated. Takes the mutex. 'DeletedPrinrters' worker only.
+    void reportDeletedQueues();
+    // The host's default printer, empty at first. 'SetDefaultPrinter' worker only: no other thread
+    // changes the id while the workers run, so it may read it without the mutex.
+    const std::string& defaultPrinterId() const { return m_defaultPrinterId; }
+
+private:
+    enum class Step { kNext, kStopped, kFailed };
+
+    friend bool applyDefaultPrinter(CPrintingTool& tool, const std::string& receivedId);
+
+    bool startWorkers();
+    void cancelWorkers() const;
+    std::int32_t converse(ICommandManager& commands);
+    bool exchangeUnlessStopped();
+    std::unique_lock<ToolMutex> lockForStep();
+    Step takeStep(AnswerResult answer, ICommandManager& commands);
+
+    // The rule of the default printer, in default_printer.cpp. The caller holds the mutex.
+    //
+    // If the last step has added the host's default printer, its new queue has to be made the
+    // guest's default, unless a rename in the same step has done that.
+    void noteAddedPrinter();
+    // Makes the queue of a pending default the guest's default if it exists. False if there was not
+    // enough memory: the host may have nothing to send after this step, so the caller must repeat
+    // the call.
+    [[nodiscard]] bool applyPendingDefault();
+    // The same whether pending or not. False if the queues could not be listed. May throw
+    // std::bad_alloc.
+    bool applyIfQueueExists();
 
     DeviceRequest m_request{};              // run loop's thread
     std::atomic<bool> m_running{false};     // any thread and the stop handler
     pthread_t m_deletedPrintersThread = 0;  // run loop's thread; 0 when not started
     pthread_t m_defaultPrinterThread = 0;   // run loop's thread; 0 when not started
     ToolMutex m_mutex;
-    // Cleared by run(), then written by the 'SetDefaultPrinter' worker under the mutex; the worker
-    // itself reads it without the mutex.
+    // Cleared by run(), then written by the 'SetDefaultPrinter' worker under the mutex.
     std::string m_defaultPrinterId;
     bool m_defaultPrinterPending = false;  // under the mutex: the default has not been applied yet
-
-private:
-    bool startWorkers();
-    void cancelWorkers() const;
-    std::int32_t converse(ICommandManager& commands);
-    bool exchangeUnlessStopped();
-    std::unique_lock<ToolMutex> lockForStep();
-    bool takeStep(AnswerResult answer, ICommandManager& commands);
-
-    // Under the mutex: the last report was cancelled, after a stop request.
+    // Under the mutex: the last report was cancelled, after a stop request. takeStep() makes it a
+    // result; the state machine between the two only knows success and failure.
     bool m_reportCanceledByStop = false;
 };
 

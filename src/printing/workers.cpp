@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <mutex>
 #include <new>
 #include <string>
 
@@ -13,23 +12,18 @@
 #include "printing/default_printer.h"
 #include "protocol/printing_format.h"
 #include "protocol/printing_messages.h"
-#include "protocol/reconciliation.h"
 
 namespace qnt {
 namespace {
 
-// Unlike in the run loop, a report that fails is ignored here: it is not repeated and does not end
-// the run.
-void reportDeleted(IPrintingTool& tool) {
-    try {
-        tool.sendUserDeletedPrinters(getUserDeletedPrinters(tool.m_knownQueues));
-    } catch (const std::bad_alloc&) {
-        logNoMemory("deletedPrintersLoop");
-    }
+// The name is what top(1) and a debugger show; the system allows 15 bytes.
+void startAs(const char* threadName) {
+    blockStopSignals();
+    pthread_setname_np(pthread_self(), threadName);
 }
 
 // The default-printer exchange. A query overwrites three header fields and leaves the rest of the
-// previous answer in place.
+// previous answer in place, as the protocol requires.
 class DefaultPrinterQuery {
 public:
     explicit DefaultPrinterQuery(CPrintingTool& tool) : m_tool(tool) {}
@@ -37,7 +31,7 @@ public:
     // Sends a query and handles its answer. False if a pause is needed before the next call: after
     // a failed exchange, or when there was not enough memory or no process for a listing.
     bool ask() {
-        if (!m_answerPending && !exchange())
+        if (!m_hasAnswer && !exchange())
             return false;
         const std::uint32_t requiredSize = answerRequiredSize(m_buffer);
         return requiredSize != 0 ? makeRoom(requiredSize) : handleAnswer();
@@ -61,29 +55,28 @@ private:
     }
 
     bool makeRoom(std::uint32_t requiredSize) {
-        QNT_LOG(3, "Buffer too small reqSize = %d", static_cast<int>(requiredSize));
+        QNT_LOG(kLogDetail, "Buffer too small reqSize = %d", static_cast<int>(requiredSize));
         return resize(requiredSize);
     }
 
     // An answer that could not be handled stays in the buffer for the next call, as a host that has
     // nothing new may hold the next query for ever.
     bool handleAnswer() {
-        m_answerPending = true;
+        m_hasAnswer = true;
         try {
             parseDefaultPrinterAnswer(m_receivedId, answerPayload(m_buffer),
                                       answerPayloadLength(m_buffer));
-            // Only this thread writes the tool's id, so it may read it without the mutex.
-            if (m_receivedId != m_tool.m_defaultPrinterId) {
-                QNT_LOG(0, "Set default printer: '%s'", m_receivedId.c_str());
-                m_applyPending = true;
+            if (m_receivedId != m_tool.defaultPrinterId()) {
+                QNT_LOG(kLogAlways, "Set default printer: '%s'", m_receivedId.c_str());
+                m_mustApply = true;
             }
-            if (m_applyPending && !applyDefaultPrinter(m_tool, m_receivedId))
+            if (m_mustApply && !applyDefaultPrinter(m_tool, m_receivedId))
                 return false;
         } catch (const std::bad_alloc&) {
             logNoMemory("defaultPrinterLoop");
             return false;
         }
-        m_answerPending = m_applyPending = false;
+        m_hasAnswer = m_mustApply = false;
         m_sequence = answerSequence(m_buffer);
         return true;
     }
@@ -91,8 +84,8 @@ private:
     CPrintingTool& m_tool;
     ByteArray m_buffer;
     std::string m_receivedId;
-    bool m_answerPending = false;  // the buffer holds an answer that has not been handled yet
-    bool m_applyPending = false;   // the queues of the received id have not been listed yet
+    bool m_hasAnswer = false;  // the buffer holds an answer that has not been handled yet
+    bool m_mustApply = false;  // the queues of the received id have not been listed yet
     std::uint32_t m_sequence = 0;
     DeviceRequest m_request{};
 };
@@ -100,31 +93,28 @@ private:
 }  // namespace
 
 void* deletedPrintersEntry(void* tool) {
-    blockStopSignals();
+    startAs("DeletedPrinters");
     deletedPrintersLoop(*static_cast<CPrintingTool*>(tool));
     return nullptr;
 }
 
 void deletedPrintersLoop(CPrintingTool& tool) {
-    while (tool.m_running) {
-        {
-            const std::lock_guard lock(tool.m_mutex);
-            reportDeleted(tool);
-        }
-        refreshUtcOffset();
+    while (tool.isRunning()) {
+        tool.reportDeletedQueues();
+        refreshUtcOffset();  // here, as only this loop runs once a second
         sleep(kDeletedCheckPauseSeconds);
     }
 }
 
 void* defaultPrinterEntry(void* tool) {
-    blockStopSignals();
+    startAs("DefaultPrinter");
     defaultPrinterLoop(*static_cast<CPrintingTool*>(tool));
     return nullptr;
 }
 
 void defaultPrinterLoop(CPrintingTool& tool) {
     DefaultPrinterQuery query(tool);
-    while (tool.m_running) {
+    while (tool.isRunning()) {
         if (!query.ask())
             sleep(kRetryDelaySeconds);
     }

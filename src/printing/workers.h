@@ -13,8 +13,9 @@ namespace qnt {
 
 inline constexpr unsigned kDeletedCheckPauseSeconds = 1;
 
-// 'DeletedPrinrters' (the records spell it so): once a second, reports to the host the queues that
-// vanished from CUPS. The entry operations take the CPrintingTool and return null.
+// 'DeletedPrinrters' (sic: the record of a failed start spells it so): once a second, reports to
+// the host the queues that vanished from CUPS. The thread functions take the CPrintingTool and
+// return null.
 void* deletedPrintersEntry(void* tool);
 void deletedPrintersLoop(CPrintingTool& tool);
 

@@ -20,7 +20,7 @@ public:
 
     // Makes the array `size` bytes long. False if there is not enough memory; the array is then
     // unchanged.
-    bool resize(std::size_t size);
+    [[nodiscard]] bool resize(std::size_t size);
 
     std::uint8_t* data() { return m_bytes; }
     const std::uint8_t* data() const { return m_bytes; }
@@ -30,7 +30,7 @@ public:
     std::size_t storage() const { return m_storage; }
 
 private:
-    bool resizeStorage(std::size_t storage);
+    [[nodiscard]] bool resizeStorage(std::size_t storage);
 
     std::uint8_t* m_bytes = nullptr;
     std::size_t m_size = 0;

@@ -44,7 +44,7 @@ PrintingCmdResult ICommandManager::processPrintingCmd(const PrintingCmd& command
         case CmdWaitAllOffline:
             return waitAllOffline();
         default:
-            QNT_LOG_AS(kProtocolLogPrefix, kServiceTag, 1, "Unknown command %d",
+            QNT_LOG_AS(kProtocolLogPrefix, kServiceTag, kLogWarning, "Unknown command %d",
                        static_cast<int>(command.code));
             return CmdUnknown;
     }
@@ -54,6 +54,7 @@ PrintingCmdResult ICommandManager::add(const std::string& printerId) {
     onPrintersChanged();
     std::string name;
     addPrinter(name, printerId);
+    // For the empty id, isPrinterOnline takes any printer; hasQueueForId takes none.
     if (isPrinterOnline(printerId) && hasQueueForId(printerId)) {
         syncPrinterNames(m_hostPrinters);
         return CmdDone;

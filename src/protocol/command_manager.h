@@ -13,7 +13,8 @@ namespace qnt {
 
 // Carries out one host command at a time. A command is pending if it has been accepted but could
 // not be finished: an add whose printer is not online yet, or a wait while a printer is online. The
-// service does not retry it; the host's next command answer ends it.
+// service does not retry it. By the protocol, the host's next command ends it and is itself
+// ignored; the service then asks for a command again.
 //
 // Runs on the run loop's thread only, with the tool's mutex held.
 class ICommandManager {
@@ -31,7 +32,7 @@ public:
     virtual void onPrintersChanged() = 0;
 
     // Carries out one command; to be called only while none is pending. Runs CUPS tools; an add may
-    // wait two minutes for its USB device. Failures of the tools are logged by the operations on
+    // wait two minutes for its USB device. Failures of the tools are logged by the functions on
     // queues; an add is done if its queue then exists and is online.
     PrintingCmdResult processPrintingCmd(const PrintingCmd& command);
 

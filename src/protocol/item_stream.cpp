@@ -9,7 +9,7 @@
 
 namespace qnt {
 
-std::int32_t ItemStream::create(std::uint32_t base) {
+StreamResult ItemStream::create(std::uint32_t base) {
     release();
     const std::uint64_t needed = std::uint64_t{base} + kStreamHeaderSize;
     if (!growTo(needed))
@@ -23,7 +23,7 @@ std::int32_t ItemStream::create(std::uint32_t base) {
     return kStreamOk;
 }
 
-std::int32_t ItemStream::appendItem(std::uint32_t type, const void* data, std::uint32_t length) {
+StreamResult ItemStream::appendItem(std::uint32_t type, const void* data, std::uint32_t length) {
     if (m_borrowed != 0)
         return kStreamNoMemory;  // a borrowed buffer can't grow
     const std::uint64_t end = std::uint64_t{m_position} + kItemHeaderSize + length;
@@ -41,18 +41,18 @@ std::int32_t ItemStream::appendItem(std::uint32_t type, const void* data, std::u
     return kStreamOk;
 }
 
-std::int32_t ItemStream::appendText(std::uint32_t type, std::string_view text) {
+StreamResult ItemStream::appendText(std::uint32_t type, std::string_view text) {
     if (text.size() > std::numeric_limits<std::uint32_t>::max())
         return kStreamNoMemory;
     return appendItem(type, text.data(), static_cast<std::uint32_t>(text.size()));
 }
 
-std::int32_t ItemStream::open(const std::uint8_t* buffer, std::uint32_t bufferLength,
+StreamResult ItemStream::open(const std::uint8_t* buffer, std::uint32_t bufferLength,
                               std::uint32_t base) {
     release();
     if (bufferLength < std::uint64_t{base} + kStreamHeaderSize)
         return kStreamBadHeader;
-    m_buffer = const_cast<std::uint8_t*>(buffer);  // the reading operations never write to it
+    m_buffer = const_cast<std::uint8_t*>(buffer);  // the reading functions never write to it
     m_borrowed = 1;
     m_capacity = bufferLength;
     m_base = base;

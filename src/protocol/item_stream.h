@@ -1,4 +1,4 @@
-// The item stream: the typed, nestable encoding of every payload that is exchanged with the host.
+// The item stream: the typed, nestable encoding of every payload and of the status messages.
 //
 //   stream header, 12 bytes at the base offset: bodyLength, magic 0x1000, reserved 0
 //   items without gaps, each: length, type, index (0, 1, 2, ...), then `length` data bytes
@@ -50,17 +50,19 @@ public:
     // Writing. create() releases the current buffer and allocates one with an empty stream at the
     // base offset; the bytes before it are uninitialised. appendItem() and appendText() append a
     // copy of one item to a stream that create() has made. They return kStreamOk, or
-    // kStreamNoMemory, which leaves no stream after create(), and the stream unchanged otherwise.
-    std::int32_t create(std::uint32_t base);
-    std::int32_t appendItem(std::uint32_t type, const void* data, std::uint32_t length);
-    std::int32_t appendText(std::uint32_t type, std::string_view text);
+    // kStreamNoMemory: create() then leaves no stream, the append functions leave it unchanged.
+    [[nodiscard]] StreamResult create(std::uint32_t base);
+    [[nodiscard]] StreamResult appendItem(std::uint32_t type, const void* data,
+                                          std::uint32_t length);
+    [[nodiscard]] StreamResult appendText(std::uint32_t type, std::string_view text);
 
     // Reading. open() succeeds if the header and the first item are valid, so a stream without
     // items does not open. next() moves to the following item and may be called only while the last
     // result was kStreamOk. Any other result ends the reading: callers treat the end of the stream
     // and a malformed item alike.
-    std::int32_t open(const std::uint8_t* buffer, std::uint32_t bufferLength, std::uint32_t base);
-    std::int32_t next();
+    [[nodiscard]] StreamResult open(const std::uint8_t* buffer, std::uint32_t bufferLength,
+                                    std::uint32_t base);
+    [[nodiscard]] StreamResult next();
 
     // The current item; valid while the last open() or next() returned kStreamOk.
     std::uint32_t itemType() const;
@@ -77,8 +79,8 @@ public:
     void release();
 
 private:
-    std::int32_t validateItem() const;
-    bool growTo(std::uint64_t size);
+    StreamResult validateItem() const;
+    [[nodiscard]] bool growTo(std::uint64_t size);
     std::uint8_t* header() const { return m_buffer + m_base; }
 
     std::uint32_t m_counter = 0;   // index of the current item, or of the next one to write
@@ -91,7 +93,7 @@ private:
 
 // Inline for speed: a printer list has three items and one nested stream per printer.
 
-inline std::int32_t ItemStream::next() {
+inline StreamResult ItemStream::next() {
     m_position += itemLength() + kItemHeaderSize;
     ++m_counter;
     return validateItem();
@@ -118,7 +120,7 @@ inline std::uint32_t ItemStream::streamEnd() const {
     return m_base + kStreamHeaderSize + readU32(header() + kStreamBodyLengthOffset);
 }
 
-inline std::int32_t ItemStream::validateItem() const {
+inline StreamResult ItemStream::validateItem() const {
     const std::uint32_t end = streamEnd();
     if (m_position == end)
         return kStreamEnded;

@@ -1,4 +1,4 @@
-// The integers inside payloads: unsigned 32-bit, little-endian, at any alignment. Records that the
+// The integers inside messages: unsigned 32-bit, little-endian, at any alignment. Records that the
 // driver takes from memory are structs instead (hostlink/device_request.h).
 
 #pragma once

@@ -1,8 +1,8 @@
-// The payloads that the service and the host exchange about printers, in the data buffer of a
+// The messages that the service and the host exchange about printers, in the data buffer of a
 // request. Integers are encoded as in little_endian.h; texts are raw bytes without a NUL
 // terminator.
 //
-// Every request and answer begins with the PrintingCmdHeader:
+// Every message begins with the PrintingCmdHeader; its payload is the item stream:
 //
 //   offset  width  field
 //        0    u32  version        1 in requests

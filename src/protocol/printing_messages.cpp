@@ -24,8 +24,9 @@ void writeHeader(std::uint8_t* buffer, std::uint32_t requestType, std::uint32_t 
 }
 
 void logSkipped(const ItemStream& stream) {
-    QNT_LOG_AS(kProtocolLogPrefix, kServiceTag, 2, "Unsupported data skipped, type = %u, size = %u",
-               stream.itemType(), stream.itemLength());
+    QNT_LOG_AS(kProtocolLogPrefix, kServiceTag, kLogInfo,
+               "Unsupported data skipped, type = %u, size = %u", stream.itemType(),
+               stream.itemLength());
 }
 
 // Calls `read` for each item of an opened stream until the stream ends, an item is malformed, or
@@ -39,7 +40,7 @@ bool forEachItem(ItemStream& stream, Read read) {
     return true;
 }
 
-std::int32_t openNested(ItemStream& nested, const ItemStream& outer) {
+StreamResult openNested(ItemStream& nested, const ItemStream& outer) {
     return nested.open(outer.itemData(), outer.itemLength(), 0);
 }
 
@@ -207,8 +208,8 @@ const std::uint8_t* answerPayload(const ByteArray& buffer) {
 bool parsePrintingCmd(PrintingCmd& command, const std::uint8_t* payload,
                       std::uint32_t payloadLength) {
     ItemStream stream;
-    if (const std::int32_t result = stream.open(payload, payloadLength, 0); result != kStreamOk) {
-        QNT_LOG_AS(kProtocolLogPrefix, kServiceTag, 1,
+    if (const StreamResult result = stream.open(payload, payloadLength, 0); result != kStreamOk) {
+        QNT_LOG_AS(kProtocolLogPrefix, kServiceTag, kLogWarning,
                    "Unusable command: no item stream (%d), payload size = %u", result,
                    payloadLength);
         return false;
@@ -221,7 +222,7 @@ bool parsePrintingCmd(PrintingCmd& command, const std::uint8_t* payload,
     const char* const missing = seen.missingFor(command.code);
     if (missing == nullptr)
         return true;
-    QNT_LOG_AS(kProtocolLogPrefix, kServiceTag, 1,
+    QNT_LOG_AS(kProtocolLogPrefix, kServiceTag, kLogWarning,
                "Unusable command: no %s, code = %u, stream size = %u, payload size = %u", missing,
                command.code, stream.streamEnd(), payloadLength);
     return false;
@@ -231,7 +232,7 @@ bool parseDefaultPrinterAnswer(std::string& printerId, const std::uint8_t* paylo
                                std::uint32_t payloadLength) {
     ItemStream stream;
     if (stream.open(payload, payloadLength, 0) != kStreamOk || stream.itemType() != PrinterId) {
-        QNT_LOG_AS(kProtocolLogPrefix, kServiceTag, 2,
+        QNT_LOG_AS(kProtocolLogPrefix, kServiceTag, kLogInfo,
                    "Unusable default printer answer, payload size = %u", payloadLength);
         return false;
     }

@@ -18,7 +18,7 @@ namespace {
 
 QueueBindingList listHostQueues() {
     QueueBindingList listing;
-    listTrustedQueues(listing, {});
+    (void)listTrustedQueues(listing, {});
     return listing;
 }
 
@@ -35,8 +35,8 @@ QueuesById indexById(const QueueBindingList& listing) {
 QueueBindingList vanishedFrom(const QueueBindingList& known, const QueueBindingList& listing) {
     const QueuesById listed = indexById(listing);
     QueueBindingList vanished;
-    std::copy_if(known.begin(), known.end(), std::back_inserter(vanished),
-                 [&](const QueueBinding& queue) { return !listed.contains(queue.id); });
+    std::ranges::copy_if(known, std::back_inserter(vanished),
+                         [&](const QueueBinding& queue) { return !listed.contains(queue.id); });
     return vanished;
 }
 
@@ -98,17 +98,15 @@ QueueBindingList getUserDeletedPrinters(QueueBindingList& knownQueues) {
 }
 
 void forgetPrinter(QueueBindingList& knownQueues, const std::string& id) {
-    const auto found = std::find_if(knownQueues.begin(), knownQueues.end(),
-                                    [&](const QueueBinding& queue) { return queue.id == id; });
+    const auto found = std::ranges::find(knownQueues, id, &QueueBinding::id);
     if (found != knownQueues.end())
         knownQueues.erase(found);
 }
 
 bool hasQueueForId(const std::string& id) {
     QueueBindingList listing;
-    getHostPrinterQueues(listing, kListHostQueues);
-    return std::any_of(listing.begin(), listing.end(),
-                       [&](const QueueBinding& queue) { return queue.id == id; });
+    (void)getHostPrinterQueues(listing, kListHostQueues);
+    return std::ranges::find(listing, id, &QueueBinding::id) != listing.end();
 }
 
 void deleteOfflinePrinters() {
@@ -120,8 +118,7 @@ void deleteOfflinePrinters() {
 
 bool areAllPrintersOffline() {
     const QueueBindingList listing = listHostQueues();
-    return std::none_of(listing.begin(), listing.end(),
-                        [](const QueueBinding& queue) { return isPrinterOnline(queue.id); });
+    return std::ranges::none_of(listing, isPrinterOnline, &QueueBinding::id);
 }
 
 void syncPrinterNames(const QueueBindingList& hostPrinters) {

@@ -34,9 +34,10 @@ void deleteOfflinePrinters();
 // True if no host-bound queue is online, or there is none.
 bool areAllPrintersOffline();
 
-// Renames each printer's queue (the first of its id) whose name differs from the host's name.
-// Printers may take names from each other: a queue whose name an earlier printer of the list gets
-// is deleted before and created again in its turn, and is the default again if it was.
+// Calls renamePrinter for each printer's queue (the first of its id) whose name differs from the
+// host's name. If only a blank and its "_" differ, that call writes its record and does nothing
+// else. Printers may take names from each other: a queue whose name an earlier printer of the list
+// gets is deleted before and created again in its turn, and is the default again if it was.
 void syncPrinterNames(const QueueBindingList& hostPrinters);
 
 }  // namespace qnt

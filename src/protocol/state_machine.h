@@ -22,6 +22,7 @@ namespace qnt {
 // Returns false, which ends the run, on a failed answer, report or parse, and if there is not
 // enough memory for the next request. Runs on the run loop's thread with the tool's mutex held. May
 // throw std::bad_alloc.
-bool executeStateMachine(IPrintingTool& tool, AnswerResult answer, ICommandManager& commands);
+[[nodiscard]] bool executeStateMachine(IPrintingTool& tool, AnswerResult answer,
+                                       ICommandManager& commands);
 
 }  // namespace qnt

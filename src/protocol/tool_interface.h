@@ -1,4 +1,5 @@
-// The printing tool as the state machine sees it.
+// The printing tool as the state machine sees it. The classes, the order of their virtual functions
+// and the order of their fields are fixed.
 
 #pragma once
 
@@ -30,7 +31,7 @@ class IPrintingTool : public IServiceTool {
 public:
     // Reports the ids of queues that the guest's user deleted. True if the list is empty or the
     // host took the report. Waits for the host; the caller holds the tool's mutex.
-    virtual bool sendUserDeletedPrinters(const QueueBindingList& deleted) = 0;
+    [[nodiscard]] virtual bool sendUserDeletedPrinters(const QueueBindingList& deleted) = 0;
 
     QueueBindingList m_knownQueues;    // under the mutex: host-bound queues as last listed
     std::uint32_t m_listSequence = 0;  // run loop: sequence of the last CmdPrinterList answer

@@ -20,7 +20,7 @@ void parse(const ByteArray& buffer) {
     assert(length <= buffer.size() - kPrintingCmdHeaderSize);
     const std::vector<std::uint8_t> payload(answerPayload(buffer), answerPayload(buffer) + length);
     PrintingCmd command;
-    parsePrintingCmd(command, payload.data(), length);
+    (void)parsePrintingCmd(command, payload.data(), length);
     std::string id = "unchanged";
     if (!parseDefaultPrinterAnswer(id, payload.data(), length))
         assert(id == "unchanged");

@@ -63,7 +63,7 @@ const Failure kSilences[] = {
 class Faults : public ServiceTest {
 protected:
     std::string variables() const {
-        return "CUPSD=" + std::to_string(guest().cups->pid()) +
+        return "CUPSD=" + std::to_string(guest().cups.pid()) +
                " SERVICE=" + std::to_string(service->pid()) + "; ";
     }
     void run(const std::string& command) {
@@ -75,8 +75,8 @@ protected:
     static void startCupsWhereItIsGone() {
         if (sim::commandOutput("lpstat -r 2>&1") == "scheduler is running\n")
             return;
-        guest().cups->kill();
-        guest().cups->start();
+        guest().cups.kill();
+        guest().cups.start();
     }
     void sendAdd(const std::string& id) {
         host.plug(id, "Desk " + id);

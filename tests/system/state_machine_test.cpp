@@ -28,13 +28,14 @@ protected:
         selectPpdModel();
         logSetLevel(3);
         openRequestDevice();
-        tool.m_bufferCmd.resize(1000);
+        (void)tool.m_bufferCmd.resize(1000);
         fillPrintingCmdRequest(tool.m_bufferCmd, 0, tool.m_requestSize);
     }
     ~StateMachineTest() override { closeRequestDevice(); }
 
     bool exchange() {
-        return SendRequest(tool.m_request, tool.m_bufferCmd.data(), tool.m_requestSize,
+        DeviceRequest request;
+        return SendRequest(request, tool.m_bufferCmd.data(), tool.m_requestSize,
                            static_cast<std::uint32_t>(tool.m_bufferCmd.size()));
     }
     // Delivers this answer and executes one step. False if it ends the run.
@@ -79,7 +80,7 @@ TEST_F(StateMachineTest, EachAnswerIsFollowedByItsRequest) {
         {code(0), "PrintingCmdAnswer seq=18 result=2", 400, false},
     };
     host.plug("TAG1001", "Office Laser");
-    tool.m_bufferCmd.resize(80);
+    (void)tool.m_bufferCmd.resize(80);
     std::vector<std::pair<std::string, std::uint32_t>> expected = {{"GetPrintingCmd seq=0", 80}},
                                                        sent;
     for (const auto& row : rows) {

@@ -56,8 +56,8 @@ protected:
     // A thread of cupsd that still waits for the device of a deleted queue crashes when it closes.
     ~WalkTest() override {
         service.reset();
-        guest().cups->kill();
-        guest().cups->start();
+        guest().cups.kill();
+        guest().cups.start();
     }
     void start() {
         startPreloaded({{"QNT_SECOND", "200"}}, {"-v"});
@@ -112,7 +112,7 @@ protected:
         // Later releases of CUPS answer after they have tried to reach the device for two minutes.
         sim::Process& user = users.emplace_back(std::vector<std::string>{
             "setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups", "ipptool", "-q",
-            "ipp://" + std::regex_replace(guest().cups->socketPath(), std::regex("/"), "%2F") + "/",
+            "ipp://" + std::regex_replace(guest().cups.socketPath(), std::regex("/"), "%2F") + "/",
             folder / "request"});
         const auto hasAnswer = [&] { return user.wait(0ms).has_value(); };
         EXPECT_TRUE(eventually([&] { return hasAnswer() || isListed(); }));
@@ -245,8 +245,8 @@ protected:
          }},
         {"restart CUPS",
          [] {
-             guest().cups->stop();
-             guest().cups->start();
+             guest().cups.stop();
+             guest().cups.start();
          }},
         {"restart the service", [this] {
              if (below(2) == 0) {
@@ -315,8 +315,8 @@ TEST_F(WalkTest, AHostPrinterWithTheNameOfATemporaryQueueStays) {
                 HasSubstr(" printer-is-temporary=false "));
     // QNT_WAIT: as long as CUPS needs to delete a temporary queue.
     std::this_thread::sleep_for(std::chrono::seconds(setting("QNT_WAIT", 0)));
-    guest().cups->stop();
-    guest().cups->start();
+    guest().cups.stop();
+    guest().cups.start();
     EXPECT_TRUE(hasQueue("Second", "TAG2"));
     EXPECT_THAT(host.deletedPrinters(), IsEmpty());
 }

@@ -1,24 +1,10 @@
-// Scope guards for errno and the cancellation state of the calling thread.
+// A scope in which the calling thread is not cancelled.
 
 #pragma once
 
 #include <pthread.h>
 
-#include <cerrno>
-
 namespace qnt {
-
-// Restores errno at the end of the scope, also when an exception passes.
-class ErrnoGuard {
-public:
-    ErrnoGuard() : m_saved(errno) {}
-    ~ErrnoGuard() { errno = m_saved; }
-    ErrnoGuard(const ErrnoGuard&) = delete;
-    ErrnoGuard& operator=(const ErrnoGuard&) = delete;
-
-private:
-    const int m_saved;
-};
 
 // Defers pthread_cancel for the calling thread until after the scope. glibc implements cancellation
 // as a forced unwinding that starts inside write, close, waitpid and the like. It must not start in
