@@ -3,7 +3,9 @@
 //   QNT_SLEEPS      sleep() adds a line, its seconds, to this file
 //   QNT_SECOND      the milliseconds that a second of sleep() lasts
 //   QNT_NO_PROCESS  posix_spawn() fails while this file exists
-//   QNT_NO_MEMORY   malloc() fails once in each thread of the service when this file exists
+//   QNT_NO_MEMORY   while this file exists, malloc() fails in the service's workers, and once in
+//   its
+//                   main thread
 //
 // In a service with the address sanitizer, the sanitizer's own waitid() and posix_spawn() are
 // called instead.
@@ -80,11 +82,12 @@ int posix_spawn(pid_t* pid, const char* path, const posix_spawn_file_actions_t* 
 void* __libc_malloc(std::size_t size);
 
 void* malloc(std::size_t size) {
-    static thread_local bool failed = false;
+    static bool failedInMain = false;
     const bool isService = std::strcmp(program_invocation_short_name, "qntspooler") == 0;
-    if (failed || !isService || !fileExists("QNT_NO_MEMORY"))
+    const bool isMain = gettid() == getpid();
+    if (!isService || (isMain && failedInMain) || !fileExists("QNT_NO_MEMORY"))
         return __libc_malloc(size);
-    failed = true;
+    failedInMain |= isMain;
     return nullptr;
 }
 #endif

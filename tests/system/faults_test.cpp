@@ -158,7 +158,7 @@ TEST_F(Faults, ExchangesThatFailAreRepeatedEachSecond) {
     }
 }
 
-// Memory runs out: for a size that the host asks for, and for one allocation of each thread.
+// Memory runs out: for a size that the host asks for, and for allocations of each thread.
 class MemoryTest : public ServiceTest {
 protected:
     void SetUp() override {
@@ -175,7 +175,7 @@ protected:
     }
 
     const std::string id = "TAG" + std::string(100, '1');
-    const fs::path none = folder / "none";  // lets the next allocation of each thread fail
+    const fs::path none = folder / "none";  // lets allocations fail
 };
 
 TEST_F(MemoryTest, AWorkerGoesOnAndAppliesTheDefaultLater) {

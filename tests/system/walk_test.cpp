@@ -130,7 +130,8 @@ protected:
                 expected.push_back("device for " + printer.queueName() + ": " + kUri + printer.id);
         std::istringstream lines(sim::commandOutput("lpstat -v"));
         for (std::string line; std::getline(lines, line);)
-            if (line.find(uri) == std::string::npos && line.find(": usb:=") == std::string::npos)
+            if (line.find("://127.") == std::string::npos &&
+                line.find(": usb:=") == std::string::npos)
                 queues.push_back(line);  // it is not of the user without rights
         EXPECT_THAT(queues, UnorderedElementsAreArray(expected));
         const Printer* preferred = find(defaultId);
@@ -289,7 +290,7 @@ TEST_F(WalkTest, ALongRunLeavesNothingBehind) {
     };
     int kilobytes[2];
     for (int& each : kilobytes) {
-        for (int left = setting("QNT_STEPS", 30); left > 0 && !HasFailure(); --left)
+        for (int left = setting("QNT_STEPS", 15); left > 0 && !HasFailure(); --left)
             takeStep(steps.size() - 3);
         EXPECT_TRUE(eventually(isAtRest));
         const std::string status = contents(process / "status");
@@ -301,16 +302,12 @@ TEST_F(WalkTest, ALongRunLeavesNothingBehind) {
 TEST_F(WalkTest, AHostPrinterWithTheNameOfATemporaryQueueStays) {
     createTemporary("Second", "ipp", "");
     host.plug("TAG2", "Second");
-    const std::size_t results = host.results().size();
-    host.send(sim::addPrinter("TAG2"));
-    const auto isRefused = [] {
-        return contents(kLog).find("Failed add printer 'TAG2'") != std::string::npos;
-    };
-    ASSERT_TRUE(host.waitUntil([&] { return host.results().size() > results || isRefused(); }));
-    if (isRefused()) {  // later releases do while they try to reach the device of the user's queue
-        EXPECT_NE(std::system("lpadmin -p Second -L x 2>&-"), 0);
-        return;
-    }
+    // Later releases of CUPS refuse a change while they try to reach the device of the user's
+    // queue.
+    ASSERT_TRUE(eventually([&] {
+        host.send(sim::addPrinter("TAG2"));
+        return host.waitUntil([&] { return !host.results().empty(); }, 5s);
+    }));
     EXPECT_THAT(sim::commandOutput("lpoptions -p Second"),
                 HasSubstr(" printer-is-temporary=false "));
     // QNT_WAIT: as long as CUPS needs to delete a temporary queue.
