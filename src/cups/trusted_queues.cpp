@@ -112,7 +112,8 @@ std::optional<bool> verdictOn(const QueueBinding& queue) {
     return known != g_verdicts.end() ? known->second : askVerdict(queue);
 }
 
-// A listing without queues may be one that has failed.
+// A listing without queues may be one that has failed. Of two equal lines one is forged: CUPS is
+// asked again, so that the forged one does not stand for a queue that is deleted.
 void forgetAllBut(const QueueBindingList& listing) {
     if (listing.empty())
         return;
@@ -120,6 +121,8 @@ void forgetAllBut(const QueueBindingList& listing) {
     for (const QueueBinding& queue : listing)
         if (auto verdict = g_verdicts.extract(keyOf(queue)))
             listed.insert(std::move(verdict));
+        else
+            listed.erase(keyOf(queue));
     g_verdicts.swap(listed);
 }
 
