@@ -2,6 +2,7 @@
 
 #include <map>
 #include <optional>
+#include <set>
 #include <string_view>
 #include <utility>
 
@@ -112,8 +113,7 @@ std::optional<bool> verdictOn(const QueueBinding& queue) {
     return known != g_verdicts.end() ? known->second : askVerdict(queue);
 }
 
-// A listing without queues may be one that has failed. Of two equal lines one is forged: CUPS is
-// asked again, so that the forged one does not stand for a queue that is deleted.
+// A listing without queues may be one that has failed.
 void forgetAllBut(const QueueBindingList& listing) {
     if (listing.empty())
         return;
@@ -121,20 +121,28 @@ void forgetAllBut(const QueueBindingList& listing) {
     for (const QueueBinding& queue : listing)
         if (auto verdict = g_verdicts.extract(keyOf(queue)))
             listed.insert(std::move(verdict));
-        else
-            listed.erase(keyOf(queue));
     g_verdicts.swap(listed);
 }
 
-// False if CUPS has not answered about a queue, which is not moved.
+// False if CUPS has not answered about a queue, which is not moved. Of two equal lines one is
+// forged, and may be left when the queue is deleted: one is moved, and the answer is not
+// remembered.
 bool moveTrusted(QueueBindingList& queues, QueueBindingList& listing) {
     bool isAnswered = true;
+    std::set<std::pair<std::string, std::string>> seen, repeated;
     listing.remove_if([&](const QueueBinding& queue) {
+        const auto key = keyOf(queue);
+        if (!seen.insert(key).second) {
+            repeated.insert(key);
+            return true;
+        }
         const auto isTrusted = verdictOn(queue);
         isAnswered &= isTrusted.has_value();
         return !isTrusted.value_or(false);
     });
     queues.splice(queues.end(), listing);
+    for (const auto& key : repeated)
+        g_verdicts.erase(key);
     return isAnswered;
 }
 

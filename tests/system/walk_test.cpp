@@ -302,11 +302,12 @@ TEST_F(WalkTest, ALongRunLeavesNothingBehind) {
 TEST_F(WalkTest, AHostPrinterWithTheNameOfATemporaryQueueStays) {
     createTemporary("Second", "ipp", "");
     host.plug("TAG2", "Second");
-    // Later releases of CUPS refuse a change while they try to reach the device of the user's
-    // queue.
     ASSERT_TRUE(eventually([&] {
         host.send(sim::addPrinter("TAG2"));
-        return host.waitUntil([&] { return !host.results().empty(); }, 5s);
+        const bool isDone = host.waitUntil([&] { return !host.results().empty(); }, 5s);
+        if (!isDone)  // later releases of CUPS refuse it while they wait for the device
+            shutdown(device.get(), SHUT_RDWR);
+        return isDone;
     }));
     EXPECT_THAT(sim::commandOutput("lpoptions -p Second"),
                 HasSubstr(" printer-is-temporary=false "));
