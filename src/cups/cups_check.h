@@ -10,7 +10,7 @@ inline constexpr unsigned kCupsPauseSeconds = 10;  // for sleep(3) between two t
 // True if CUPS answers.
 bool isCupsAnswering();
 
-// True if the tools are installed and CUPS answers within kCupsTries tries. Logs the reason if not.
+// True if lpadmin is installed and CUPS answers within kCupsTries tries. Logs the reason if not.
 [[nodiscard]] bool checkCups();
 
 }  // namespace qnt

@@ -22,7 +22,8 @@ struct QueueBinding {
 // printer, which may contain blanks.
 using QueueBindingList = std::list<QueueBinding>;
 
-// Bit 0 of getHostPrinterQueues' flags, which every caller sets; the other bits have no effect.
+// Bit 0 of getHostPrinterQueues' flags, which every caller sets; the other bits have no effect. The
+// flags are fixed from outside.
 inline constexpr std::int32_t kListHostQueues = 1;
 
 // Appends the queues that are bound to exactly this id, or, if it is empty, to any id that begins

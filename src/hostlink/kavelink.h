@@ -4,8 +4,7 @@
 // The service opens it in one mode and only sends; the rest completes a fixed interface.
 //
 // Allocates and logs nothing and takes no lock: a link belongs to the thread that uses it, and
-// callers handle the results. The interface is complete: the service itself uses one mode and
-// requests no output.
+// callers handle the results.
 
 #pragma once
 
@@ -44,7 +43,7 @@ enum KavelinkMode : std::int32_t {
 struct KavelinkLink {
     std::int32_t state = kLinkStateClosed;  // during and after an exchange: the exchange's status
     std::uint32_t kind = 0;                 // KavelinkKind, while open
-    // Device: its descriptor; backdoor: maxTransfer; 0: none. No owner, as the record is plain
+    // Device: its descriptor; backdoor: maxTransfer; 0: none. No owner, as the struct is plain
     // data.
     std::uint64_t handle = 0;
 };

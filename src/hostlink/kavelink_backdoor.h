@@ -16,8 +16,8 @@
 //             begin    EBX exchangeId, and as for continue
 //             continue ESI answerSize, EDI hostStatus, EDX bytes that the host wrote into the area
 //             cancel   EDI hostStatus
-
-// The service receives nothing over it; the rest completes a fixed interface.
+//
+// The service receives nothing over the backdoor; the rest completes a fixed interface.
 
 #pragma once
 

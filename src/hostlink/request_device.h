@@ -19,10 +19,10 @@
 namespace qnt {
 
 // Opens the service's one descriptor for the printing traffic. runService calls it before other
-// threads exist. False, with a record, on failure; isRequestDeviceOpen returns the same.
+// threads exist. False, with a log record, on failure; isRequestDeviceOpen returns the same.
 bool openRequestDevice();
-// True if an open device was closed without error; false, without a record, if none was open. Only
-// tests call it: the service leaves the device open until the process exits.
+// True if an open device was closed without error; false, without a log record, if none was open.
+// Only tests call it: the service leaves the device open until the process exits.
 bool closeRequestDevice();
 bool isRequestDeviceOpen();
 

@@ -1,9 +1,10 @@
 // The rule of the default printer: the queue of the host's default printer is the guest's default,
 // as soon as that queue exists.
 //
-// m_defaultPrinterId is the host's default, and m_defaultPrinterPending is true until its queue has
-// been made the guest's default. The 'SetDefaultPrinter' worker applies each id that the host
-// sends; the run loop applies what is pending after each of its steps.
+// m_defaultPrinterId is the host's default, and m_defaultPrinterPending is true while that printer
+// has no queue; one try of lpadmin ends it, even if it fails. The 'SetDefaultPrinter' worker
+// applies each id that the host sends; the run loop applies what is pending after each of its
+// steps.
 
 #pragma once
 

@@ -86,9 +86,9 @@ private:
     ToolMutex m_mutex;
     // Cleared by run(), then written by the 'SetDefaultPrinter' worker under the mutex.
     std::string m_defaultPrinterId;
-    bool m_defaultPrinterPending = false;  // under the mutex: the default has not been applied yet
+    bool m_defaultPrinterPending = false;  // under the mutex: the default waits for its queue
     // Under the mutex: the last report was cancelled, after a stop request. takeStep() makes it a
-    // result; the state machine between the two only knows success and failure.
+    // result; executeStateMachine, between the two, can only return false.
     bool m_reportCanceledByStop = false;
 };
 

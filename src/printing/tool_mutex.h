@@ -28,8 +28,8 @@ public:
     // Waits at most `time` until the mutex is free and no thread waits in lock(); but after two
     // turns of other threads, this one is next. False if that did not happen. Without the wait for
     // others, a thread that soon locks again would hardly ever leave the mutex to another; without
-    // its end, two others that overlap would never leave it to this one. (A thread that
-    // is cancelled in lock() wakes nobody, so this call notices only when the time ends.) One
+    // the limit of two turns, two others that overlap would never leave it to this one. (A thread
+    // that is cancelled in lock() wakes nobody, so this call notices only when the time ends.) One
     // thread only.
     bool tryLockAfterOthers(std::chrono::milliseconds time) {
         std::unique_lock state(m_state);

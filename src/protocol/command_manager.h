@@ -29,6 +29,7 @@ public:
     // fixed interface; the service does not call it, as only the host's next command ends the add.
     virtual std::uint32_t pendingTimeLeft() = 0;
     virtual void startPendingTimer() = 0;
+    // Does nothing here; called before an add and after a deletion.
     virtual void onPrintersChanged() = 0;
 
     // Carries out one command; to be called only while none is pending. Runs CUPS tools; an add may
@@ -39,7 +40,7 @@ public:
     std::uint32_t m_pendingCmd = 0;  // 0, CmdAddPrinter or CmdWaitAllOffline
 
 protected:
-    std::string m_pendingPrinterId;    // of the last add that became pending
+    std::string m_pendingPrinterId;    // of the last pending add; not read here
     QueueBindingList& m_knownQueues;   // the tool's
     QueueBindingList m_hostPrinters;   // the host's list of the last CmdPrinterList
     std::uint32_t m_pendingSince = 0;  // wall-clock second in which the pending add started

@@ -47,7 +47,7 @@ struct Rename {
     bool wasDefault;
     bool isQueueDeleted = false;
 
-    // False if the host's name only contains bytes that a queue name can't contain.
+    // False if the host's name, as queueNameFor or acceptedQueueName returns it, is the queue's.
     bool changesName() const {
         const std::string queueName = queueNameFor(newName);
         return queue.queueName != queueName && queue.queueName != acceptedQueueName(queueName);

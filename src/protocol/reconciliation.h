@@ -1,11 +1,11 @@
 // Keeps three views of the same printers in step: the host's list, the guest's queues that are
 // bound to host printers, and the service's memory of those queues.
 //
-// Each function except forgetPrinter takes a new listing of the trusted queues; a failed listing
-// counts as empty, except where it would show a deletion. Of several entries with one id, the first
-// counts here (for isPrinterOnline and setDefaultPrinter it is the last). All callers hold the
-// tool's mutex. Failures of the CUPS tools are logged by the functions on queues and not reported
-// here. May throw std::bad_alloc.
+// Each function except forgetPrinter takes a new listing, hasQueueForId of all queues, the others
+// of the trusted ones; a failed listing counts as empty, except where it would show a deletion. Of
+// several entries with one id, the first counts here (for isPrinterOnline and setDefaultPrinter it
+// is the last). All callers hold the tool's mutex. Failures of the CUPS tools are logged by the
+// functions on queues and not reported here. May throw std::bad_alloc.
 
 #pragma once
 

@@ -46,7 +46,7 @@ bool executeStateMachine(IPrintingTool& tool, AnswerResult answer, ICommandManag
         fillPendingRequest(tool);
         return true;
     }
-    commands.m_pendingCmd = 0;  // any command ends the pending one
+    commands.m_pendingCmd = 0;  // ends the pending command, if there is one
     fillCommandRequest(tool);
     return true;
 }
