@@ -42,21 +42,22 @@ protected:
     WalkTest() {
         for (const fs::path& each : {guest().folder.path, folder})
             fs::permissions(each, fs::perms::others_exec, fs::perm_options::add);
-        // Later releases of CUPS delete a queue whose device can't be reached.
+        // A thread of CUPS 2.4.2 that waits for a device crashes when its queue is deleted. Later
+        // releases delete a queue whose device can't be reached.
         sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
         socklen_t size = sizeof address;
         bind(device.get(), reinterpret_cast<sockaddr*>(&address), size);
-        listen(device.get(), 100);
+        if (sim::commandOutput("ipptool --version") != "CUPS v2.4.2\n")
+            listen(device.get(), 100);
         getsockname(device.get(), reinterpret_cast<sockaddr*>(&address), &size);
         uri = "://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/x";
         replaceTool("lpinfo", "echo raw");  // a queue without a driver, which is quicker
         sim::commandOutput("lpadmin -p Own -E -v ipp://printer.example/ipp; lpadmin -d Own");
         start();
     }
-    // A thread of cupsd that still waits for the device of a deleted queue crashes when it closes.
     ~WalkTest() override {
         service.reset();
-        guest().cups.kill();
+        guest().cups.kill();  // a thread of it may still wait for the device, which closes
         guest().cups.start();
     }
     void start() {
