@@ -134,7 +134,7 @@ protected:
             if (line.find("://127.") == std::string::npos &&
                 line.find(": usb:=") == std::string::npos)
                 queues.push_back(line);  // it is not of the user without rights
-        EXPECT_THAT(queues, UnorderedElementsAreArray(expected));
+        EXPECT_THAT(queues, UnorderedElementsAreArray(expected)) << contents(kLog);
         const Printer* preferred = find(defaultId);
         EXPECT_TRUE(!preferred || !preferred->hasQueue || isDefault(preferred->queueName()));
         EXPECT_THAT(host.deletedPrinters(), UnorderedElementsAreArray(reported));
