@@ -80,15 +80,16 @@ Binding askBinding(const QueueBinding& queue) {
 // None if CUPS does not answer, false if it answers and lpoptions fails. Every text that another
 // user may have put into the options of a queue is in the options of a temporary queue, so it can
 // only add the word that is searched for.
-std::optional<bool> askTemporary(const std::string& queueName) {
+std::optional<bool> askTemporary(const QueueBinding& queue) {
     CommandOutput output;
-    if (!output.open("lpoptions -p " + shellQuote(queueName).value()))
+    if (!output.open("lpoptions -p " + shellQuote(queue.queueName).value()))
         return std::nullopt;
     bool isTemporary = false, isAnswered = false;
     for (std::string line; readWholeLine(output, line); isAnswered = true)
         isTemporary |= line.find(" printer-is-temporary=true") != std::string::npos;
     output.close();
-    if (!isAnswered && !isCupsAnswering())
+    // A restart of CUPS in between ends a temporary queue.
+    if (!isAnswered && (!isCupsAnswering() || askBinding(queue) != Binding::kBound))
         return std::nullopt;
     return isTemporary;
 }
@@ -100,7 +101,7 @@ std::optional<bool> askVerdict(const QueueBinding& queue) {
         return std::nullopt;
     bool isTrusted = false;
     if (binding == Binding::kBound) {
-        const auto isTemporary = askTemporary(queue.queueName);
+        const auto isTemporary = askTemporary(queue);
         if (!isTemporary)
             return std::nullopt;
         isTrusted = !*isTemporary;
@@ -164,7 +165,7 @@ bool listTrustedQueuesIfAnswered(QueueBindingList& queues) {
 }
 
 void adoptCreatedQueue(const QueueBinding& queue) {
-    if (askTemporary(queue.queueName).value_or(false)) {
+    if (askTemporary(queue).value_or(false)) {
         const std::string command =
             "lpadmin -p " + shellQuote(queue.queueName).value() + " -o printer-is-temporary=false";
         if (const int status = runCommand(command); status != 0)
