@@ -23,7 +23,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::chrono::seconds kSettling(3);
+constexpr std::chrono::seconds kSettling(15);  // the service asks CUPS about each new queue
 constexpr std::chrono::seconds kWindow(30);
 constexpr std::chrono::seconds kTurn(20);  // of the watch
 constexpr int kTurns = 3;
@@ -103,6 +103,7 @@ void measureIdle(int rounds) {
             const std::string suffix = "/" + std::to_string(queues);
             printValue("idle" + suffix, (used[0].own + used[0].tools) / seconds);
             printValue("idle own" + suffix, used[0].own / seconds);
+            printValue("idle own/sh" + suffix, used[1].own / seconds);
             printValue("idle/sh" + suffix, (used[1].own + used[1].tools) / seconds);
             printValue("idle cupsd" + suffix, used[2].own / seconds / 2);  // used by both sides
             const fs::path folder = "/proc/" + std::to_string(service.pid());

@@ -61,7 +61,8 @@ for queues in (5, 160):
     second = f"CPU time of an idle second, {queues} queues: "
     row(second + "service and tools", "a shell loop of the same pipeline and `sleep`", 1.05,
         f"idle/{queues}", f"idle/sh/{queues}")
-    row(second + "the service without its tools", "", 5e-4, f"idle own/{queues}")
+    row(second + "the service without its tools", "the shell of that loop without its tools", 0.6,
+        f"idle own/{queues}", f"idle own/sh/{queues}")
     row(second + "cupsd", "", None, f"idle cupsd/{queues}")
 row("CPU time of an idle second: the unit's look at the device", "", 1e-3, "watch")
 row("resident memory when idle", "", 2560, "resident/5", show=kibibytes)

@@ -48,8 +48,7 @@ bool createQueue(const std::string& queueName, const std::string& id,
         " -o printer-error-policy=retry-job -E" + " -D " + shellQuote(description).value() +
         " -L 'Host OS'" + " -o printer-is-shared=false";
     QNT_LOG(kLogDetail, "Adding printer: [%s]", command.c_str());
-    const int status = runCommand(command);
-    if (status != 0) {
+    if (const int status = runCommand(command); status != 0) {
         QNT_LOG(kLogAlways, "Failed add printer '%s', rc=%d", id.c_str(), status);
         return false;
     }

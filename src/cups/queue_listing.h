@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include <compare>
 #include <cstdint>
 #include <list>
 #include <string>
@@ -15,6 +16,7 @@ namespace qnt {
 struct QueueBinding {
     std::string id;
     std::string queueName;
+    auto operator<=>(const QueueBinding&) const = default;
 };
 
 // Queues in the order in which lpstat prints them. An id may occur more than once. The protocol's

@@ -4,7 +4,6 @@
 #include <optional>
 #include <set>
 #include <string_view>
-#include <utility>
 
 #include "cups/cups_check.h"
 #include "cups/printer_names.h"
@@ -21,12 +20,8 @@ enum class Binding {
     kUnknown,  // lpstat has failed
 };
 
-// Whether a queue is trusted, by its id and name.
-std::map<std::pair<std::string, std::string>, bool> g_verdicts;
-
-std::pair<std::string, std::string> keyOf(const QueueBinding& queue) {
-    return {queue.id, queue.queueName};
-}
+// Whether a queue is trusted.
+std::map<QueueBinding, bool> g_verdicts;
 
 // Reads a line of any length, without its newline.
 bool readWholeLine(CommandOutput& output, std::string& line) {
@@ -99,18 +94,16 @@ std::optional<bool> askVerdict(const QueueBinding& queue) {
     const Binding binding = askBinding(queue);
     if (binding == Binding::kUnknown || (binding == Binding::kMissing && !isCupsAnswering()))
         return std::nullopt;
-    bool isTrusted = false;
-    if (binding == Binding::kBound) {
-        const auto isTemporary = askTemporary(queue);
-        if (!isTemporary)
-            return std::nullopt;
-        isTrusted = !*isTemporary;
-    }
-    return g_verdicts[keyOf(queue)] = isTrusted;
+    if (binding != Binding::kBound)
+        return g_verdicts[queue] = false;
+    const auto isTemporary = askTemporary(queue);
+    if (!isTemporary)
+        return std::nullopt;
+    return g_verdicts[queue] = !*isTemporary;
 }
 
 std::optional<bool> verdictOn(const QueueBinding& queue) {
-    const auto known = g_verdicts.find(keyOf(queue));
+    const auto known = g_verdicts.find(queue);
     return known != g_verdicts.end() ? known->second : askVerdict(queue);
 }
 
@@ -118,11 +111,8 @@ std::optional<bool> verdictOn(const QueueBinding& queue) {
 void forgetAllBut(const QueueBindingList& listing) {
     if (listing.empty())
         return;
-    decltype(g_verdicts) listed;
-    for (const QueueBinding& queue : listing)
-        if (auto verdict = g_verdicts.extract(keyOf(queue)))
-            listed.insert(std::move(verdict));
-    g_verdicts.swap(listed);
+    const std::set<QueueBinding> listed(listing.begin(), listing.end());
+    std::erase_if(g_verdicts, [&](const auto& known) { return !listed.contains(known.first); });
 }
 
 // False if CUPS has not answered about a queue, which is not moved. Of two equal lines one is
@@ -130,11 +120,10 @@ void forgetAllBut(const QueueBindingList& listing) {
 // remembered.
 bool moveTrusted(QueueBindingList& queues, QueueBindingList& listing) {
     bool isAnswered = true;
-    std::set<std::pair<std::string, std::string>> seen, repeated;
+    std::set<QueueBinding> seen, repeated;
     listing.remove_if([&](const QueueBinding& queue) {
-        const auto key = keyOf(queue);
-        if (!seen.insert(key).second) {
-            repeated.insert(key);
+        if (!seen.insert(queue).second) {
+            repeated.insert(queue);
             return true;
         }
         const auto isTrusted = verdictOn(queue);
@@ -142,8 +131,8 @@ bool moveTrusted(QueueBindingList& queues, QueueBindingList& listing) {
         return !isTrusted.value_or(false);
     });
     queues.splice(queues.end(), listing);
-    for (const auto& key : repeated)
-        g_verdicts.erase(key);
+    for (const QueueBinding& queue : repeated)
+        g_verdicts.erase(queue);
     return isAnswered;
 }
 
@@ -172,11 +161,11 @@ void adoptCreatedQueue(const QueueBinding& queue) {
             QNT_LOG(kLogAlways, "Failed to make queue '%s' permanent, rc=%d",
                     queue.queueName.c_str(), status);
     }
-    g_verdicts[keyOf(queue)] = true;
+    g_verdicts[queue] = true;
 }
 
 void forgetTrust(const QueueBinding& queue) {
-    g_verdicts.erase(keyOf(queue));
+    g_verdicts.erase(queue);
 }
 
 bool confirmBinding(const QueueBinding& queue) {

@@ -1,6 +1,5 @@
 #include "log/log_record.h"
 
-#include <sys/syscall.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -40,7 +39,7 @@ thread_local ThreadIds t_ids;
 
 const ThreadIds& threadIds() {
     if (t_ids.process == 0)
-        t_ids = {getpid(), static_cast<pid_t>(syscall(SYS_gettid))};
+        t_ids = {getpid(), gettid()};
     return t_ids;
 }
 
