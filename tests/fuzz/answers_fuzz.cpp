@@ -1,5 +1,5 @@
-// Any bytes as the answers of the host, one after the other in the run loop's buffer: each two
-// bytes of length, then so many bytes. The sanitizers and a few invariants judge.
+// Parses arbitrary bytes as answers of the host. The input is a sequence of answers, each a 16-bit
+// length and that many bytes, all received into one buffer as in the run loop.
 
 #undef NDEBUG
 #include <algorithm>

@@ -3,9 +3,7 @@
 //   QNT_SLEEPS      sleep() adds a line, its seconds, to this file
 //   QNT_SECOND      the milliseconds that a second of sleep() lasts
 //   QNT_NO_PROCESS  posix_spawn() fails while this file exists
-//   QNT_NO_MEMORY   while this file exists, malloc() fails in the service's workers, and once in
-//   its
-//                   main thread
+//   QNT_NO_MEMORY   while this file exists, malloc() fails in each worker, and once in the run loop
 //
 // In a service with the address sanitizer, the sanitizer's own waitid() and posix_spawn() are
 // called instead.

@@ -55,7 +55,7 @@ struct Hypervisor {
 };
 static Hypervisor g_hypervisor;
 
-// Linked in the place of the library's.
+// Replaces the library's at link time.
 void rdpmc(RdpmcRegisters& registers) {
     Hypervisor& host = g_hypervisor;
     host.commands.push_back(std::bit_cast<Registers>(registers));
