@@ -38,7 +38,7 @@ void PrivateCups::start() {
     m_daemon.emplace(std::vector<std::string>{QNT_PRIVATE_CUPS, m_folder},
                      std::map<std::string, std::string>{}, output);
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (commandOutput("lpstat -r 2>&1") != "scheduler is running\n") {
+    while (commandOutput("LC_ALL=C lpstat -r 2>&1") != "scheduler is running\n") {
         if (std::chrono::steady_clock::now() > end || m_daemon->wait(std::chrono::milliseconds(20)))
             throw std::runtime_error("cupsd does not start; see " + output);
     }

@@ -42,7 +42,8 @@ inline sim::Guest& guest() {
         std::string(
             ":verify_asan_link_order=0:detect_stack_use_after_return=1"
             ":allocator_may_return_null=1:max_allocation_size_mb=200:exitcode=99");
-    [[maybe_unused]] static const int set = setenv("ASAN_OPTIONS", options.c_str(), 1);
+    [[maybe_unused]] static const int set =
+        setenv("ASAN_OPTIONS", options.c_str(), 1) + setenv("LC_ALL", "C", 1);
     static sim::Guest instance;
     return instance;
 }

@@ -25,7 +25,6 @@ const std::string& logged = CapturedLog::text;
 class Cups : public GuestTest {
 protected:
     Cups() {
-        setenv("LC_ALL", "C", 1);
         setenv("HOME", folder.c_str(), 1);
         forget();
     }
