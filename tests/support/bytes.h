@@ -2,8 +2,10 @@
 
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -28,7 +30,7 @@ inline Bytes operator+(Bytes bytes, std::string_view text) {
 }
 
 inline Bytes operator+(Bytes bytes, const Bytes& more) {
-    bytes.insert(bytes.end(), more.begin(), more.end());
+    std::ranges::copy(more, std::back_inserter(bytes));
     return bytes;
 }
 
