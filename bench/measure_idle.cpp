@@ -23,7 +23,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::chrono::seconds kSettling(15);  // the service asks CUPS about each new queue
+constexpr std::chrono::seconds kSettling(15);  // the service asks CUPS about new queues
 constexpr std::chrono::seconds kWindow(30);
 constexpr std::chrono::seconds kTurn(20);  // of the watch
 constexpr int kTurns = 3;

@@ -20,7 +20,7 @@ enum class Binding {
     kUnknown,  // lpstat has failed
 };
 
-// Whether a queue is trusted.
+// The queues about which CUPS has answered, and whether each is trusted.
 std::map<QueueBinding, bool> g_verdicts;
 
 // Reads a line of any length, without its newline.
@@ -42,7 +42,7 @@ bool isUriOf(std::string_view uri, const std::string& id) {
 }
 
 // Asked for one queue, lpstat prints its true line first. In the listing of all queues a forged
-// line may come first, so two lines for the queue are no answer.
+// line may come first, so with two lines for the queue its binding is not known.
 Binding askBinding(const QueueBinding& queue) {
     const bool isOnly = isOneQueueToLpstat(queue.queueName);
     const std::string start = "device for " + queue.queueName + ": ";
@@ -116,8 +116,8 @@ void forgetAllBut(const QueueBindingList& listing) {
 }
 
 // False if CUPS has not answered about a queue, which is not moved. Of two equal lines one is
-// forged, and may be left when the queue is deleted: one is moved, and the answer is not
-// remembered.
+// forged, and may remain when the queue is deleted: one is moved, and the verdict is not
+// kept.
 bool moveTrusted(QueueBindingList& queues, QueueBindingList& listing) {
     bool isAnswered = true;
     std::set<QueueBinding> seen, repeated;

@@ -1,5 +1,5 @@
 // Parses arbitrary bytes as answers of the host. The input is a sequence of answers, each a 16-bit
-// length and that many bytes, all received into one buffer as in the run loop.
+// length (little-endian) and that many bytes, all received into one buffer as in the run loop.
 
 #undef NDEBUG
 #include <algorithm>

@@ -42,6 +42,7 @@ inline sim::Guest& guest() {
         std::string(
             ":verify_asan_link_order=0:detect_stack_use_after_return=1"
             ":allocator_may_return_null=1:max_allocation_size_mb=200:exitcode=99");
+    // The tests compare the texts of CUPS's tools.
     [[maybe_unused]] static const int set =
         setenv("ASAN_OPTIONS", options.c_str(), 1) + setenv("LC_ALL", "C", 1);
     static sim::Guest instance;
@@ -154,8 +155,8 @@ protected:
 
 class ServiceTest : public GuestTest {
 protected:
-    // Sends a command and waits until it is done. (A result may come twice: a signal to the service
-    // cancels the exchange, which is repeated.)
+    // Sends a command and waits until the host is idle. (Not for one more result, as a result may
+    // come twice: an exchange that a signal to the service cancels is repeated.)
     void carryOut(const sim::HostCommand& command) {
         host.send(command);
         ASSERT_TRUE(host.waitUntilIdle());

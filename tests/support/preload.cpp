@@ -5,8 +5,8 @@
 //   QNT_NO_PROCESS  posix_spawn() fails while this file exists
 //   QNT_NO_MEMORY   while this file exists, malloc() fails in each worker, and once in the run loop
 //
-// In a service with the address sanitizer, the sanitizer's own waitid() and posix_spawn() are
-// called instead.
+// In a service with the address sanitizer, the sanitizer's own malloc(), waitid() and posix_spawn()
+// are called instead.
 
 #include <dlfcn.h>
 #include <pthread.h>

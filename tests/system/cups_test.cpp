@@ -102,6 +102,9 @@ TEST_F(Cups, MakesTheLastQueueOfAnIdTheDefaultAndDeletesAllOfThem) {
     EXPECT_EQ(queues(), "C\n");
     addQueue("B_B", "TAG1");
     forget();
+    replaceTool("lpoptions", "echo a printer-is-temporary=true");  // made by somebody else
+    setDefaultPrinter("TAG1");
+    fs::remove(folder / "bin/lpoptions");
     deletePrinter("", "TAG1");
     deletePrinter("B B", "TAG7");
     replaceTool("lpadmin", "exit 1");

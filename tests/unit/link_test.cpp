@@ -55,7 +55,7 @@ struct Hypervisor {
 };
 static Hypervisor g_hypervisor;
 
-// Replaces the library's at link time.
+// Replaces the library's rdpmc() at link time.
 void rdpmc(RdpmcRegisters& registers) {
     Hypervisor& host = g_hypervisor;
     host.commands.push_back(std::bit_cast<Registers>(registers));
