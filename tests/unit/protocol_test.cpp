@@ -109,6 +109,14 @@ TEST(ByteArray, HasZeroInNewBytesAlsoWhenItGrowsBack) {
     EXPECT_EQ(buffer.bytes(), Bytes(40, 0xEE) + Bytes(19960));
 }
 
+TEST(ByteArray, FreesItsMemory) {
+    const auto mappedPages = [] { return std::stol(contents("/proc/self/statm")); };
+    const long before = mappedPages();
+    for (int times = 0; times < 1000; ++times)
+        Buffer(20000);
+    EXPECT_LT(mappedPages(), before + 1000);
+}
+
 TEST(Requests, AreWrittenAsDocumentedAndTheBufferGrowsNoFurtherThanNeeded) {
     for (const std::size_t before : {80U, 107U, 108U, 200U}) {
         Buffer buffer(before);
