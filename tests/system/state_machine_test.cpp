@@ -134,6 +134,13 @@ TEST_F(StateMachineTest, QueuesCountAsDeletedOnceIfCupsAnswers) {
         EXPECT_EQ(vanished().size(), lpstat == ":") << lpstat;
         EXPECT_THAT(vanished(), IsEmpty());
     }
+    // A line for a queue that does not exist holds nothing back.
+    replaceTool("lpstat",
+                "[ \"$*\" != -v ] || echo 'device for None: usb:=TAG9'\n"
+                "PATH=${real%/*}; exec lpstat \"$@\"");  // which prints its name as it was called
+    EXPECT_THAT(vanished(), IsEmpty());
+    deleteQueue("One");
+    EXPECT_EQ(vanished().size(), 1U);
 }
 
 }  // namespace
