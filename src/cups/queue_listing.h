@@ -3,10 +3,10 @@
 
 #pragma once
 
-#include <compare>
 #include <cstdint>
 #include <list>
 #include <string>
+#include <tuple>
 
 namespace qnt {
 
@@ -16,7 +16,9 @@ namespace qnt {
 struct QueueBinding {
     std::string id;
     std::string queueName;
-    auto operator<=>(const QueueBinding&) const = default;
+    bool operator<(const QueueBinding& other) const {
+        return std::tie(id, queueName) < std::tie(other.id, other.queueName);
+    }
 };
 
 // Queues in the order in which lpstat prints them. An id may occur more than once. The protocol's
