@@ -116,8 +116,7 @@ void forgetAllBut(const QueueBindingList& listing) {
 }
 
 // False if CUPS has not answered about a queue, which is not moved. Of two equal lines one is
-// forged, and may remain when the queue is deleted: one is moved, and the verdict is not
-// kept.
+// forged, and may remain when the queue is deleted: one is moved, and the verdict is not kept.
 bool moveTrusted(QueueBindingList& queues, QueueBindingList& listing) {
     bool isAnswered = true;
     std::set<QueueBinding> seen, repeated;
