@@ -6,8 +6,9 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <system_error>
+
+#include "cups/usb_discovery.h"
 
 namespace sim {
 namespace {
@@ -16,8 +17,6 @@ namespace fs = std::filesystem;
 
 constexpr char kBusFolder[] = "/sys/bus";
 constexpr char kLogFolder[] = "/var/log";
-// Does not match the pattern "*-*", so that a device becomes visible only when it is complete.
-constexpr char kUnfinishedDevice[] = "unfinished";
 
 [[noreturn]] void fail(const std::string& sentence) {
     throw std::system_error(errno, std::generic_category(), sentence);
@@ -28,36 +27,12 @@ void mountOver(const char* source, const char* target, const char* type, unsigne
         fail(std::string("Could not mount over ") + target);
 }
 
-void writeLine(const fs::path& path, const std::string& line) {
-    std::ofstream file(path, std::ios::binary);
-    file << line << '\n' << std::flush;
-    if (!file)
-        fail("Could not write " + path.string());
-}
-
-std::string content(const fs::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
+// The serial is written last, so that a reader that finds it finds the product as well.
 void makeDevice(const std::string& name, const std::string& serial, const std::string& product) {
-    const fs::path unfinished = fs::path(kUsbDevicesFolder) / kUnfinishedDevice;
-    fs::create_directory(unfinished);
-    writeLine(unfinished / "serial", serial);
-    writeLine(unfinished / "product", product);
-    fs::rename(unfinished, fs::path(kUsbDevicesFolder) / name);
-}
-
-// The first free device name on the bus, e.g. "1-3".
-std::string freeDeviceName() {
-    int port = 1;
-    while (fs::exists(fs::path(kUsbDevicesFolder) / ("1-" + std::to_string(port))))
-        ++port;
-    return "1-" + std::to_string(port);
-}
-
-fs::path interfaceOf(const fs::path& device) {
-    return device.string() + ":1.0";
+    const fs::path device = fs::path(kUsbDevicesFolder) / name;
+    fs::create_directory(device);
+    std::ofstream(device / "product") << product << '\n';
+    std::ofstream(device / "serial") << serial << '\n';
 }
 
 }  // namespace
@@ -79,19 +54,14 @@ void mountGuestFolders(const std::string& logFolder) {
 }
 
 void plugUsbPrinter(const std::string& serial, const std::string& product) {
-    const std::string name = freeDeviceName();
-    makeDevice(name, serial, product);
-    const fs::path interface = interfaceOf(fs::path(kUsbDevicesFolder) / name);
-    fs::create_directory(interface);
-    writeLine(interface / "bInterfaceClass", "07");
+    static int port = 0;
+    makeDevice("1-" + std::to_string(++port), serial, product);
 }
 
 void unplugUsbPrinter(const std::string& serial) {
     for (const fs::directory_entry& device : fs::directory_iterator(kUsbDevicesFolder)) {
-        if (content(device.path() / "serial") != serial + '\n')
-            continue;
-        fs::remove_all(interfaceOf(device.path()));
-        fs::remove_all(device.path());
+        if (qnt::readFirstLine(device.path() / "serial") == serial)
+            fs::remove_all(device.path());
     }
 }
 
