@@ -30,7 +30,7 @@ double secondsSince(Clock::time_point start, Clock::time_point end) {
 }
 
 sim::Process startQuietly(const Command& command) {
-    return sim::Process(command, {}, "/dev/null");
+    return sim::Process(command, "/dev/null");
 }
 
 Command scriptOf(Command functionAndArguments) {

@@ -61,7 +61,7 @@ public:
             service = contents("service-calls");
             prepare();
             std::ofstream("script-calls", std::ios::trunc).flush();
-            sim::Process process(script, {{"CALLS", fs::absolute("script-calls")}}, "/dev/null");
+            sim::Process process(script, "/dev/null", {{"CALLS", fs::absolute("script-calls")}});
             waitForEnd(process);
             expected = contents("script-calls");
             if (service == expected || service == expected + "lpstat -v\n")

@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <map>
 #include <optional>
 #include <stdexcept>
 #include <thread>
@@ -27,7 +26,6 @@ constexpr std::chrono::seconds kSettling(15);  // the service asks CUPS about ne
 constexpr std::chrono::seconds kWindow(30);
 constexpr std::chrono::seconds kTurn(20);  // of the watch
 constexpr int kTurns = 3;
-const std::map<std::string, std::string> kNoVariables;
 
 // CPU seconds.
 struct Usage {
@@ -124,7 +122,7 @@ void measureWatch(int rounds) {
         std::optional<sim::Process> watch;
         for (int turn = 0; turn < kTurns; ++turn) {
             if (!watch || watch->wait(std::chrono::milliseconds(0)))
-                watch.emplace(scriptOf({"watch", QNT_WATCH}), kNoVariables, "/dev/null");
+                watch.emplace(scriptOf({"watch", QNT_WATCH}), "/dev/null");
             std::this_thread::sleep_for(kTurn);
             if (watch->wait(std::chrono::milliseconds(0)).value_or(0) != 0)
                 throw std::runtime_error("The watch has failed.");

@@ -108,7 +108,7 @@ void waitIdle(const Console& console, std::uint32_t seconds) {
     const auto ends = [&] {
         return console.host.isIdle() || exitCode(console) || console.isInterrupted();
     };
-    const bool ended = console.host.waitUntil(ends, std::chrono::seconds(seconds));
+    const bool ended = waitUntil(ends, std::chrono::seconds(seconds));
     requireRunning(console);
     if (!ended || !console.host.isIdle())
         throw ConsoleError(ended ? "the wait was interrupted"

@@ -19,9 +19,9 @@ void enterGuestNamespace(const std::string& logFolder);
 // Makes the same mounts in the mount namespace of the process, which must be a private one.
 void mountGuestFolders(const std::string& logFolder);
 
-// Adds a virtual USB printer to the device tree, or removes all with this serial. Serial and product
-// are written as given, followed by a newline. Several devices may have the same serial. One thread
-// at a time.
+// Adds a virtual USB printer to the device tree, or removes all with this serial. Serial and
+// product are written as given, followed by a newline. Several devices may have the same serial.
+// One thread at a time.
 void plugUsbPrinter(const std::string& serial, const std::string& product);
 void unplugUsbPrinter(const std::string& serial);
 

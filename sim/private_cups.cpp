@@ -1,6 +1,5 @@
 #include "sim/private_cups.h"
 
-#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -35,25 +34,23 @@ PrivateCups::PrivateCups(const std::string& folder)
 
 void PrivateCups::start() {
     const std::string output = m_folder + "/cupsd.out";
-    m_daemon.emplace(std::vector<std::string>{QNT_PRIVATE_CUPS, m_folder},
-                     std::map<std::string, std::string>{}, output);
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (commandOutput("LC_ALL=C lpstat -r 2>&1") != "scheduler is running\n") {
-        if (std::chrono::steady_clock::now() > end || m_daemon->wait(std::chrono::milliseconds(20)))
-            throw std::runtime_error("cupsd does not start; see " + output);
-    }
+    m_daemon.emplace(std::vector<std::string>{QNT_PRIVATE_CUPS, m_folder}, output);
+    const auto answers = [] {
+        return commandOutput("LC_ALL=C lpstat -r 2>&1") == "scheduler is running\n";
+    };
+    waitUntil([&] { return answers() || m_daemon->wait({}); });
+    if (!answers())
+        throw std::runtime_error("cupsd does not start; see " + output);
 }
 
 void PrivateCups::stop() {
     m_daemon->signal(SIGTERM);
-    if (!m_daemon->wait(std::chrono::seconds(60)))
+    if (!m_daemon->wait(kPatience))
         throw std::runtime_error("cupsd does not stop");
 }
 
 TemporaryFolder::TemporaryFolder() : path(makeFolder()) {}
 
 Guest::Guest() : cups(enterNamespace(folder.path)) {}
-
-Guest::~Guest() = default;
 
 }  // namespace sim

@@ -45,9 +45,6 @@ public:
 // Puts the process into a guest's namespace for good, with a private CUPS.
 struct Guest {
     Guest();
-    ~Guest();
-    Guest(const Guest&) = delete;
-    Guest& operator=(const Guest&) = delete;
 
     const TemporaryFolder folder;
     PrivateCups cups;

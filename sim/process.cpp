@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstdio>
 #include <stdexcept>
+#include <thread>
 
 #include "posix/unique_fd.h"
 
@@ -18,6 +19,7 @@ namespace sim {
 namespace {
 
 constexpr int kNotStarted = 127;
+constexpr std::chrono::milliseconds kPollInterval(5);
 
 // Runs in the child: makes a new process group, unblocks all signals, redirects input and output.
 [[noreturn]] void runChild(char* const* command, int input, int output) {
@@ -41,9 +43,18 @@ int exitCodeOf(int status) {
 
 }  // namespace
 
-Process::Process(std::vector<std::string> command,
-                 const std::map<std::string, std::string>& variables,
-                 const std::string& outputFile) {
+bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds time) {
+    const auto end = std::chrono::steady_clock::now() + time;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= end)
+            return false;
+        std::this_thread::sleep_for(kPollInterval);
+    }
+    return true;
+}
+
+Process::Process(std::vector<std::string> command, const std::string& outputFile,
+                 const std::map<std::string, std::string>& variables) {
     for (const auto& [name, value] : variables)
         command.insert(command.begin(), std::string(name).append("=").append(value));
     if (!variables.empty())

@@ -1,4 +1,4 @@
-// Child processes and the memory of processes.
+// Child processes, the memory of processes, and waiting.
 
 #pragma once
 
@@ -6,12 +6,18 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace sim {
+
+inline constexpr std::chrono::seconds kPatience(60);  // for what normally takes a moment
+
+// Polls the condition until it holds; false if it does not after the time.
+bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds time = kPatience);
 
 // A child process in its own process group. The whole group is killed when the process has ended,
 // at the latest by the destructor; the process is also killed when the thread that started it ends.
@@ -20,9 +26,8 @@ public:
     // Starts a program found on PATH, with the environment plus `variables` and with standard input
     // from /dev/null. Standard output and error are appended to `outputFile`, or inherited if it is
     // empty. The exit code is 127 if the program can't be started.
-    Process(std::vector<std::string> command,
-            const std::map<std::string, std::string>& variables = {},
-            const std::string& outputFile = {});
+    Process(std::vector<std::string> command, const std::string& outputFile = {},
+            const std::map<std::string, std::string>& variables = {});
     ~Process();  // SIGKILL
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;

@@ -9,9 +9,6 @@
 namespace sim {
 namespace {
 
-// waitUntil() also polls: its condition may depend on more than the exchanges.
-constexpr std::chrono::milliseconds kPollInterval(10);
-
 bool isRunLoopType(std::uint32_t requestType) {
     return requestType == qnt::GetPrintingCmd || requestType == qnt::PrintingCmdAnswer ||
            requestType == qnt::PrintingCmdPending;
@@ -169,28 +166,12 @@ bool SimulatedHost::isIdle() const {
            });
 }
 
-// The condition may call the host, so it is called without the mutex.
-bool SimulatedHost::waitUntil(const std::function<bool()>& condition,
-                              std::chrono::milliseconds time) const {
-    const auto deadline = std::chrono::steady_clock::now() + time;
-    while (!condition()) {
-        std::unique_lock lock(m_mutex);
-        if (std::chrono::steady_clock::now() >= deadline)
-            return false;
-        m_changed.wait_for(lock, kPollInterval);
-    }
-    return true;
-}
-
 // Makes a change under the mutex, then answers every held request that can be answered now.
 template <typename Change>
 void SimulatedHost::change(Change apply) {
-    {
-        const std::lock_guard lock(m_mutex);
-        apply();
-        answerHeld();
-    }
-    m_changed.notify_all();
+    const std::lock_guard lock(m_mutex);
+    apply();
+    answerHeld();
 }
 
 void SimulatedHost::arrive(SubmissionPtr submission) {

@@ -10,7 +10,6 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -25,14 +24,13 @@
 #include "sim/device_file.h"
 #include "sim/host_messages.h"
 #include "sim/host_replies.h"
+#include "sim/process.h"
 
 namespace sim {
 
 // Used in place of a request type: for a link call, and for any request of the run loop.
 inline constexpr std::uint32_t kLinkCall = 0;
 inline constexpr std::uint32_t kRunLoopRequest = 0xFFFFFFFF;
-
-inline constexpr std::chrono::seconds kPatience(60);  // for what normally takes a moment
 
 class SimulatedHost {
 public:
@@ -81,9 +79,6 @@ public:
     std::size_t waiting(std::uint32_t requestType) const;
     // True if no command is waiting and the run loop asks for one.
     bool isIdle() const;
-    // Wait until the condition holds, or isIdle(); false after the time.
-    bool waitUntil(const std::function<bool()>& condition,
-                   std::chrono::milliseconds time = kPatience) const;
     bool waitUntilIdle(std::chrono::milliseconds time = kPatience) const {
         return waitUntil([this] { return isIdle(); }, time);
     }
@@ -114,7 +109,6 @@ private:
 
     const std::function<void(const std::string&)> m_report;
     mutable std::mutex m_mutex;
-    mutable std::condition_variable m_changed;
 
     // Guarded by the mutex.
     std::vector<Exchange> m_exchanges;

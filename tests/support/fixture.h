@@ -31,7 +31,6 @@ namespace qnt {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-using Milliseconds = std::chrono::milliseconds;
 
 // Shared by all cases of a process.
 inline sim::Guest& guest() {
@@ -50,15 +49,8 @@ inline sim::Guest& guest() {
 }
 inline const std::string g_path = std::getenv("PATH");
 
-// For waits that end with their condition, on any machine.
-inline constexpr Milliseconds kPatience = 60s;
-
-inline bool eventually(const std::function<bool()>& condition, Milliseconds time = kPatience) {
-    const auto end = std::chrono::steady_clock::now() + time;
-    while (!condition() && std::chrono::steady_clock::now() < end)
-        std::this_thread::sleep_for(5ms);
-    return condition();
-}
+using sim::kPatience;
+using sim::waitUntil;
 
 // A number from the environment, with which scripts make a test last longer.
 inline int setting(const char* variable, int otherwise) {
@@ -94,7 +86,7 @@ protected:
     void startService(std::vector<std::string> options = {},
                       const std::map<std::string, std::string>& variables = {}) {
         options.insert(options.begin(), QNT_SERVICE);
-        service.emplace(options, variables, folder / "output");
+        service.emplace(options, folder / "output", variables);
     }
     // With support/preload.cpp. LD_PRELOAD splits at blanks, so it gets a path without them.
     void startPreloaded(std::map<std::string, std::string> variables,
@@ -121,7 +113,7 @@ protected:
         return messages;
     }
     static bool waitForRecord(const std::string& text) {
-        return eventually([&] { return contents(kLog).find(text) != std::string::npos; });
+        return waitUntil([&] { return contents(kLog).find(text) != std::string::npos; });
     }
 
     // A queue has a name, and a host printer's id at the end of its device URI. Any bytes may be in
@@ -143,7 +135,7 @@ protected:
         return sim::commandOutput("lpstat -d") == "system default destination: " + name + '\n';
     }
     static void expectDefault(const std::string& name) {
-        EXPECT_TRUE(eventually([&] { return isDefault(name); })) << name;
+        EXPECT_TRUE(waitUntil([&] { return isDefault(name); })) << name;
     }
 
     static constexpr char kUri[] = "usb://HP/Color%20LaserJet%208500?serial=";

@@ -137,7 +137,7 @@ TEST_F(Faults, NoQueueCountsAsDeletedWhileCupsDoesNotAnswer) {
             EXPECT_THAT(host.deletedPrinters(), testing::IsEmpty());
         }
     deleteQueue("One");
-    EXPECT_TRUE(host.waitUntil([&] { return !host.deletedPrinters().empty(); }));
+    EXPECT_TRUE(waitUntil([&] { return !host.deletedPrinters().empty(); }));
     std::this_thread::sleep_for(1500ms);  // longer than between two checks
     EXPECT_THAT(host.deletedPrinters(), testing::ElementsAre("TAG1"));
 }
@@ -191,7 +191,7 @@ TEST_F(MemoryTest, AWorkerGoesOnAndAppliesTheDefaultLater) {
 
 TEST_F(MemoryTest, TheRunLoopAppliesTheDefaultLater) {
     host.setDefault(id);
-    ASSERT_TRUE(host.waitUntil([&] { return host.exchanges(GetDefaultPrinter).size() == 3; }));
+    ASSERT_TRUE(waitUntil([&] { return host.exchanges(GetDefaultPrinter).size() == 3; }));
     addQueue("Office", id);
     std::ofstream(none).flush();
     host.answerNext(sim::kRunLoopRequest, sim::askFor(100));
@@ -212,8 +212,8 @@ TEST_F(MemoryTest, ASizeThatTheHostAsksForCostsNothingUntilFilledOrIsTooLarge) {
         for (const std::uint32_t request : {sim::kRunLoopRequest, +GetDefaultPrinter})
             host.answerNext(request, sim::askFor(size));
     host.answerNext(GetDefaultPrinter, sim::askFor(200));
-    ASSERT_TRUE(host.waitUntil(
-        [&] { return host.isIdle() && host.exchanges(GetDefaultPrinter).size() == 5; }));
+    ASSERT_TRUE(
+        waitUntil([&] { return host.isIdle() && host.exchanges(GetDefaultPrinter).size() == 5; }));
     const std::string status = contents("/proc/" + std::to_string(service->pid()) + "/status");
     EXPECT_LT(std::stoi(status.substr(status.find("VmHWM:") + 6)), 64 * 1024);
     const std::string limit = "prlimit -p " + std::to_string(service->pid()) + " --as=";

@@ -38,7 +38,7 @@ TEST_F(ServiceTest, TheDefaultQueryUsesTheLastRequiredSize) {
     host.answerNext(GetDefaultPrinter, sim::askFor(10));
     host.answerNext(GetDefaultPrinter, sim::silence());
     const auto queries = [&] { return host.exchanges(GetDefaultPrinter); };
-    ASSERT_TRUE(host.waitUntil([&] { return queries().size() == 6; }));
+    ASSERT_TRUE(waitUntil([&] { return queries().size() == 6; }));
     std::vector<std::uint32_t> sizes;
     for (const sim::Exchange& query : queries())
         sizes.push_back(query.outSize);
@@ -60,22 +60,21 @@ TEST_F(ServiceTest, AHungToolInAWorkerDelaysNeitherStopNorCommand) {
                                   " && echo $$ >$folder/hung && exec sleep 600\nexec $real \"$@\"");
             startService();
             host.sendPrinterList();  // so that the next command fits
-            ASSERT_TRUE(host.waitUntil([&] { return host.isIdle() && !host.results().empty(); }));
+            ASSERT_TRUE(waitUntil([&] { return host.isIdle() && !host.results().empty(); }));
             fs::create_directory(folder / "hang");
             if (tool == std::string("lpadmin"))
                 host.setDefault("TAG1001");
-            ASSERT_TRUE(eventually([&] { return !contents(folder / "hung").empty(); }));
+            ASSERT_TRUE(waitUntil([&] { return !contents(folder / "hung").empty(); }));
             if (answered) {
                 host.send(sim::deletePrinter("TAG1001"));
-                ASSERT_TRUE(
-                    host.waitUntil([&] { return host.waiting(sim::kRunLoopRequest) == 0; }));
+                ASSERT_TRUE(waitUntil([&] { return host.waiting(sim::kRunLoopRequest) == 0; }));
             }
             const pid_t hung = std::stoi(contents(folder / "hung"));
             EXPECT_TRUE(isAlive(hung));
             EXPECT_NE(getsid(hung), getsid(0));  // no terminal that it could wait for
             EXPECT_EQ(stopService(), 0);
             EXPECT_EQ(hasQueue("Office_Laser", "TAG1001"), !answered);
-            EXPECT_TRUE(eventually([&] { return !isAlive(hung); }));
+            EXPECT_TRUE(waitUntil([&] { return !isAlive(hung); }));
             EXPECT_EQ(records().back(), "closed, rc = 0");
             for (const char* file : {"hung", "hang"})
                 fs::remove(folder / file);
@@ -118,15 +117,15 @@ TEST_F(ServiceTest, AStepThatFailsDuringAStopIsAFailureUnlessTheStopHasCancelled
         // After the worker's first check, which sleeps then, only the run loop lists queues.
         startPreloaded({{"QNT_SLEEPS", folder / "sleeps"}, {"QNT_SECOND", "600000"}});
         ASSERT_TRUE(host.waitUntilIdle());
-        ASSERT_TRUE(eventually([&] { return fs::exists(folder / "sleeps"); }));
+        ASSERT_TRUE(waitUntil([&] { return fs::exists(folder / "sleeps"); }));
         deleteQueue("Old");
         fs::create_directory(folder / "slow");
         host.answerNext(requestType, reply);
         if (requestType == UserDeletedPrinters)
             host.send(sim::deletePrinter("TAG1002"));
-        ASSERT_TRUE(eventually([&] { return fs::exists(folder / "inside"); }));
+        ASSERT_TRUE(waitUntil([&] { return fs::exists(folder / "inside"); }));
         if (exitCode == 0) {
-            ASSERT_TRUE(host.waitUntil([&] { return host.waiting(UserDeletedPrinters) == 1; }));
+            ASSERT_TRUE(waitUntil([&] { return host.waiting(UserDeletedPrinters) == 1; }));
         }
         EXPECT_EQ(stopService(), exitCode) << requestType;
         EXPECT_TRUE(hasQueue("Kept", "TAG1002"));
@@ -181,7 +180,7 @@ TEST_F(GuestTest, AStopAtAnyMomentIsOrderly) {
         startPreloaded({{"QNT_SECOND", "20"}}, {"-v"});
         // Half of the stops come early, from the first probe of the link on.
         const bool early = rounds % 2 == 0;
-        ASSERT_TRUE(host.waitUntil(
+        ASSERT_TRUE(waitUntil(
             [&] { return !host.exchanges(early ? sim::kLinkCall : +GetPrintingCmd).empty(); }));
         deleteQueue("Old");
         host.plug("TAG1", "Office " + std::to_string(below(3)));
@@ -202,7 +201,7 @@ TEST_F(GuestTest, AStopAtAnyMomentIsOrderly) {
         longest = std::max(longest, std::chrono::steady_clock::now() - stopped);
         EXPECT_EQ(sim::statusState(host.statusMessages().back()), "stopped");
         ASSERT_TRUE((contents(moved) + contents(kLog)).ends_with("closed, rc = 0\n"));
-        ASSERT_TRUE(eventually([&] { return livingChildren().empty(); })) << livingChildren();
+        ASSERT_TRUE(waitUntil([&] { return livingChildren().empty(); })) << livingChildren();
         fs::remove(moved);
     }
     std::cout << "longest stop: " << longest / 1ms << " ms\n";
@@ -261,7 +260,7 @@ TEST_F(EntryTest, LpstatHasSevenTriesToAnswer) {
 TEST_F(EntryTest, AStopSignalDuringTheCupsWaitHasItsDefaultEffect) {
     replaceTool("lpstat", "touch $folder/asked; exit 1");
     service.emplace(std::vector<std::string>{"env", "--ignore-signal=TERM,INT", QNT_SERVICE});
-    EXPECT_TRUE(eventually([&] { return fs::exists(folder / "asked"); }));
+    EXPECT_TRUE(waitUntil([&] { return fs::exists(folder / "asked"); }));
     EXPECT_EQ(stopService(), 128 + SIGTERM);
     EXPECT_THAT(records(), ElementsAre("starting . . ."));
 }
@@ -331,7 +330,7 @@ TEST_F(EntryTest, StartAndEndAreLoggedAndTheToolsInheritNoFiles) {
     ASSERT_TRUE(host.waitUntilIdle());
     // The check at the start, the first listing, and a worker's, which blocks the stop signals.
     const std::string count = "grep -c SigBlk: " + (folder / "files").string();
-    ASSERT_TRUE(eventually([&] { return std::stoi(sim::commandOutput(count)) >= 3; }));
+    ASSERT_TRUE(waitUntil([&] { return std::stoi(sim::commandOutput(count)) >= 3; }));
     EXPECT_EQ(stopService(), 0);
     // A worker whose request returns although it is cancelled writes the fifth record as well.
     EXPECT_EQ(

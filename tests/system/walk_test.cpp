@@ -90,8 +90,7 @@ protected:
             if (printer.isReported)
                 reported.push_back(printer.id);
         std::erase_if(printers, [](const Printer& printer) { return printer.isReported; });
-        EXPECT_TRUE(
-            host.waitUntil([&] { return host.deletedPrinters().size() >= reported.size(); }));
+        EXPECT_TRUE(waitUntil([&] { return host.deletedPrinters().size() >= reported.size(); }));
     }
     // Creates a temporary queue, if it is not there any more, whose line in the listing is followed
     // by `more`.
@@ -115,7 +114,7 @@ protected:
             "setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups", "ipptool", "-q",
             "ipp://" + std::regex_replace(guest().cups.socketPath(), std::regex("/"), "%2F") + "/",
             folder / "request"});
-        EXPECT_TRUE(eventually([&] { return isListed() || user.wait(0ms).value_or(0) != 0; }));
+        EXPECT_TRUE(waitUntil([&] { return isListed() || user.wait(0ms).value_or(0) != 0; }));
         EXPECT_EQ(user.wait(0ms).value_or(0), 0);
     }
     void takeStep(std::size_t kinds) {
@@ -123,7 +122,7 @@ protected:
         SCOPED_TRACE(trace += std::string(", ") + what);
         act();
         // A worker has applied the host's default, if that is another one.
-        EXPECT_TRUE(host.waitUntil([&] { return host.waiting(GetDefaultPrinter) == 1; }));
+        EXPECT_TRUE(waitUntil([&] { return host.waiting(GetDefaultPrinter) == 1; }));
         std::vector<std::string> expected{"device for Own: ipp://printer.example/ipp"}, queues;
         for (const Printer& printer : printers)
             if (printer.hasQueue)
@@ -235,7 +234,7 @@ protected:
              answer[below(answer.size())] ^= static_cast<std::uint8_t>(1U << below(8));
              const std::size_t before = host.exchanges().size();
              host.answerNext(sim::kRunLoopRequest, sim::raw(answer));
-             EXPECT_TRUE(host.waitUntil([&] {
+             EXPECT_TRUE(waitUntil([&] {
                  return service->wait(0s) || (host.isIdle() && host.exchanges().size() > before);
              }));
              if (service->wait(0s)) {
@@ -292,7 +291,7 @@ TEST_F(WalkTest, ALongRunLeavesNothingBehind) {
     for (int& each : kilobytes) {
         for (int left = setting("QNT_STEPS", 15); left > 0 && !HasFailure(); --left)
             takeStep(steps.size() - 3);
-        EXPECT_TRUE(eventually(isAtRest));
+        EXPECT_TRUE(waitUntil(isAtRest));
         const std::string status = contents(process / "status");
         each = std::stoi(status.substr(status.find("RssAnon:") + 8));
     }
@@ -302,9 +301,9 @@ TEST_F(WalkTest, ALongRunLeavesNothingBehind) {
 TEST_F(WalkTest, AHostPrinterWithTheNameOfATemporaryQueueStays) {
     createTemporary("Second", "ipp", "");
     host.plug("TAG2", "Second");
-    ASSERT_TRUE(eventually([&] {
+    ASSERT_TRUE(waitUntil([&] {
         host.send(sim::addPrinter("TAG2"));
-        const bool isDone = host.waitUntil([&] { return !host.results().empty(); }, 5s);
+        const bool isDone = waitUntil([&] { return !host.results().empty(); }, 5s);
         if (!isDone)  // later releases of CUPS refuse it while they wait for the device
             shutdown(device.get(), SHUT_RDWR);
         return isDone;
