@@ -11,6 +11,7 @@
 #include "cups/printer_names.h"
 #include "log/log_file.h"
 #include "protocol/printing_format.h"
+#include "sim/guest_namespace.h"
 
 namespace sim {
 namespace {
@@ -27,16 +28,15 @@ struct Fault {
     Reply (*reply)(std::uint32_t number);
 };
 constexpr Fault kFaults[] = {
-    {"cancel", false, [](std::uint32_t) { return cancel(); }},
-    {"status", true, status},
+    {"cancel", false, [](std::uint32_t) { return Reply{.status = qnt::kRequestCanceled}; }},
+    {"status", true, [](std::uint32_t number) { return Reply{.status = number}; }},
     {"ask", true, askFor},
     {"malformed", false, [](std::uint32_t) { return malformed(); }},
-    {"silence", false, [](std::uint32_t) { return silence(); }},
     {"errno", true, [](std::uint32_t number) {
          const int error = static_cast<int>(number);
          if (number == 0 || strerrorname_np(error) == nullptr)
              throw ConsoleError("there is no errno " + std::to_string(number));
-         return writeError(error);
+         return Reply{.error = error};
      }}};
 
 // Decimal, or hexadecimal after 0x.
@@ -150,7 +150,7 @@ constexpr Command kCommands[] = {
     {"unplug", 1, 1, "ID", "remove its USB device",
      [](const Console& console, const Words& words) {
          requireKnown(console, words[0]);
-         console.host.unplug(words[0]);
+         unplugUsbPrinter(words[0]);
      }},
     {"rename", 2, 2, "ID NAME", "change its name and send CmdPrinterList",
      [](const Console& console, const Words& words) {
@@ -176,7 +176,7 @@ constexpr Command kCommands[] = {
          requireRunning(console);
          console.host.send({code, {}, {}});
      }},
-    {"fault", 1, 2, "cancel|status N|ask N|malformed|silence|errno N",
+    {"fault", 1, 2, "cancel|status N|ask N|malformed|errno N",
      "replace the answer to the next request for a command", fault},
     {"show", 0, 0, "", "print the host's printers: ID, NAME, and 'default'",
      [](const Console& console, const Words&) {

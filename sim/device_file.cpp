@@ -2,22 +2,17 @@
 
 #include "sim/device_file.h"
 
-#include <fcntl.h>
 #include <fuse_lowlevel.h>
 #include <linux/fuse.h>
-#include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
-#include <cstdlib>
 #include <cstring>
 #include <stdexcept>
+#include <string>
 #include <string_view>
-#include <system_error>
 #include <utility>
 
 #include "sim/guest_namespace.h"
@@ -27,12 +22,11 @@ namespace sim {
 namespace {
 
 constexpr char kFileName[] = "qnt_kl";
+constexpr char kEndName[] = "end";  // libfuse's loop ends only after a request, which looks this up
 constexpr fuse_ino_t kFileInode = 2;
 constexpr double kForever = 1e9;  // seconds that the kernel may cache an attribute
 // The kernel lets writes run in parallel only if they don't extend the file.
 constexpr off_t kReportedSize = off_t{1} << 60;
-constexpr std::size_t kMaxBuffers = 16;
-constexpr std::size_t kMaxBufferSize = 64u << 20;  // larger buffers are not read
 
 struct stat attributesOf(fuse_ino_t inode) {
     struct stat attributes {};
@@ -41,19 +35,6 @@ struct stat attributesOf(fuse_ino_t inode) {
     attributes.st_mode = inode == FUSE_ROOT_ID ? S_IFDIR | 0755 : S_IFREG | 0666;
     attributes.st_size = inode == FUSE_ROOT_ID ? 0 : kReportedSize;
     return attributes;
-}
-
-void lookUp(fuse_req_t request, fuse_ino_t parent, const char* name) {
-    if (parent != FUSE_ROOT_ID || std::string_view(name) != kFileName) {
-        fuse_reply_err(request, ENOENT);
-        return;
-    }
-    fuse_entry_param entry{};
-    entry.ino = kFileInode;
-    entry.attr = attributesOf(kFileInode);
-    entry.attr_timeout = kForever;
-    entry.entry_timeout = kForever;
-    fuse_reply_entry(request, &entry);
 }
 
 void getAttributes(fuse_req_t request, fuse_ino_t inode, fuse_file_info*) {
@@ -73,50 +54,37 @@ void openFile(fuse_req_t request, fuse_ino_t, fuse_file_info*) {
 
 Submission::Submission(fuse_req* write, std::uint64_t address)
     : m_thread(fuse_req_ctx(write)->pid), m_address(address), m_write(write) {
-    const auto read = [&](std::uint64_t start, void* bytes, std::size_t size) {
-        if (size != 0 && !readMemory(m_thread, start, bytes, size))
-            throw std::system_error(EFAULT, std::generic_category());
-    };
-    read(address, &m_header, sizeof m_header);
-    if (m_header.inlineSize % 8 != 0 || m_header.bufferCount > kMaxBuffers)
-        throw std::system_error(EINVAL, std::generic_category());
+    readMemory(m_thread, address, &m_header, sizeof m_header);
     m_buffers.resize(m_header.bufferCount);
-    read(address + sizeof m_header + m_header.inlineSize, m_buffers.data(),
-         m_buffers.size() * sizeof(qnt::BufferDescriptor));
+    readMemory(m_thread, address + sizeof m_header + m_header.inlineSize, m_buffers.data(),
+               m_buffers.size() * sizeof(qnt::BufferDescriptor));
+}
+
+Submission::~Submission() {
+    if (m_write != nullptr)
+        fuse_reply_err(m_write, ENODEV);
 }
 
 std::optional<Bytes> Submission::readBuffer(std::size_t index) const {
-    if (index >= m_buffers.size() || m_buffers[index].size > kMaxBufferSize)
+    if (index >= m_buffers.size())
         return std::nullopt;
     Bytes bytes(m_buffers[index].size);
-    if (!bytes.empty() &&
-        !readMemory(m_thread, m_buffers[index].address, bytes.data(), bytes.size()))
+    if (!readMemory(m_thread, m_buffers[index].address, bytes.data(), bytes.size()))
         return std::nullopt;
     return bytes;
 }
 
 bool Submission::writeBuffer(std::size_t index, const Bytes& bytes) {
-    const std::lock_guard lock(m_mutex);
-    if (m_write == nullptr || index >= m_buffers.size())
+    if (index >= m_buffers.size())
         return false;
     const std::size_t size = std::min<std::size_t>(bytes.size(), m_buffers[index].size);
-    return size == 0 || writeMemory(m_thread, m_buffers[index].address, bytes.data(), size);
+    return writeMemory(m_thread, m_buffers[index].address, bytes.data(), size);
 }
 
-void Submission::complete(std::uint32_t status) {
-    const std::lock_guard lock(m_mutex);
+void Submission::finish(std::uint32_t status, int error) {
     const std::uint64_t place = m_address + offsetof(qnt::DeviceRequestHeader, status);
-    if (m_write != nullptr)
-        answerLocked(writeMemory(m_thread, place, &status, sizeof status) ? 0 : EFAULT);
-}
-
-void Submission::refuse(int error) {
-    const std::lock_guard lock(m_mutex);
-    if (m_write != nullptr)
-        answerLocked(error);
-}
-
-void Submission::answerLocked(int error) {
+    if (error == 0 && !writeMemory(m_thread, place, &status, sizeof status))
+        error = EFAULT;
     if (error == 0)
         fuse_reply_write(m_write, sizeof m_address);
     else
@@ -124,28 +92,17 @@ void Submission::answerLocked(int error) {
     m_write = nullptr;
 }
 
-bool Submission::isAnswerTo(const fuse_req* write) const {
-    const std::lock_guard lock(m_mutex);
-    return m_write == write;
-}
-
-DeviceFile::DeviceFile(Handlers handlers)
-    : m_handlers(std::move(handlers)), m_end(eventfd(0, EFD_CLOEXEC)) {
-    if (geteuid() != 0)
-        throw std::runtime_error("Mounting the request device needs root.");
-    if (access("/dev/fuse", R_OK | W_OK) != 0)
-        throw std::runtime_error("/dev/fuse can't be opened; the request device needs it.");
+DeviceFile::DeviceFile(Handlers handlers) : m_handlers(std::move(handlers)) {
     mountDevice();
-    m_loop = std::thread([this] { serve(); });
+    m_loop = std::thread([this] {
+        fuse_session_loop(m_session);
+        m_handlers.ended();
+    });
 }
 
 DeviceFile::~DeviceFile() {
-    eventfd_write(m_end.get(), 1);
+    (void)access((std::string(kDriverFolder) + '/' + kEndName).c_str(), F_OK);
     m_loop.join();
-    for (const std::weak_ptr<Submission>& submission : m_submissions) {
-        if (const SubmissionPtr open = submission.lock())
-            open->refuse(ENODEV);
-    }
     fuse_session_unmount(m_session);
     fuse_session_destroy(m_session);
 }
@@ -165,31 +122,24 @@ void DeviceFile::mountDevice() {
     if (m_session == nullptr || fuse_session_mount(m_session, kDriverFolder) != 0) {
         if (m_session != nullptr)
             fuse_session_destroy(m_session);
-        throw std::runtime_error("The request device could not be mounted over /proc/driver.");
+        throw std::runtime_error(
+            "The request device could not be mounted over /proc/driver; it needs /dev/fuse.");
     }
-    fcntl(fuse_session_fd(m_session), F_SETFL, O_RDWR | O_NONBLOCK);
 }
 
-// Ends with the object, or if the device has been unmounted from outside.
-void DeviceFile::serve() {
-    sigset_t signals;
-    sigfillset(&signals);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    fuse_buf buffer{};
-    for (int size = -EAGAIN; (size > 0 || size == -EAGAIN) && awaitRequest();) {
-        size = fuse_session_receive_buf(m_session, &buffer);
-        if (size > 0)
-            fuse_session_process_buf(m_session, &buffer);
-        for (const SubmissionPtr& submission : std::exchange(m_interrupted, {}))
-            m_handlers.interrupted(submission);
+void DeviceFile::lookUp(fuse_req* request, std::uint64_t parent, const char* name) {
+    if (name == std::string_view(kEndName))
+        fuse_session_exit(static_cast<DeviceFile*>(fuse_req_userdata(request))->m_session);
+    if (parent != FUSE_ROOT_ID || name != std::string_view(kFileName)) {
+        fuse_reply_err(request, ENOENT);
+        return;
     }
-    std::free(buffer.mem);
-}
-
-// False if the loop is to end.
-bool DeviceFile::awaitRequest() const {
-    pollfd sources[] = {{fuse_session_fd(m_session), POLLIN, 0}, {m_end.get(), POLLIN, 0}};
-    return poll(sources, std::size(sources), -1) > 0 && sources[1].revents == 0;
+    fuse_entry_param entry{};
+    entry.ino = kFileInode;
+    entry.attr = attributesOf(kFileInode);
+    entry.attr_timeout = kForever;
+    entry.entry_timeout = kForever;
+    fuse_reply_entry(request, &entry);
 }
 
 void DeviceFile::takeWrite(fuse_req* write, std::uint64_t, const char* bytes, std::size_t size,
@@ -201,25 +151,13 @@ void DeviceFile::takeWrite(fuse_req* write, std::uint64_t, const char* bytes, st
         return;
     }
     std::memcpy(&address, bytes, size);
-    try {
-        const auto submission = std::make_shared<Submission>(write, address);
-        std::erase_if(self->m_submissions, [](const auto& old) { return old.expired(); });
-        self->m_submissions.push_back(submission);
-        fuse_req_interrupt_func(write, noteInterrupt, self);
-        self->m_handlers.submitted(submission);
-    } catch (const std::system_error& error) {
-        fuse_reply_err(write, error.code().value());
-    }
+    fuse_req_interrupt_func(write, noteInterrupt, self);
+    self->m_handlers.submitted(std::make_unique<Submission>(write, address));
 }
 
-// libfuse holds the request's lock here, so the handler is called after this has returned.
+// libfuse keeps the write until this returns, although it may be answered meanwhile.
 void DeviceFile::noteInterrupt(fuse_req* write, void* device) {
-    auto* self = static_cast<DeviceFile*>(device);
-    for (const std::weak_ptr<Submission>& submission : self->m_submissions) {
-        const SubmissionPtr open = submission.lock();
-        if (open != nullptr && open->isAnswerTo(write))
-            self->m_interrupted.push_back(open);
-    }
+    static_cast<DeviceFile*>(device)->m_handlers.interrupted(write);
 }
 
 }  // namespace sim

@@ -1,11 +1,12 @@
 #include "sim/host_messages.h"
 
 #include <cstdio>
-#include <ctime>
-#include <string_view>
+#include <iomanip>
+#include <map>
+#include <sstream>
 
-#include "hostlink/device_request.h"
 #include "hostlink/status_messages.h"
+#include "log/log_time.h"
 #include "protocol/item_stream.h"
 #include "protocol/little_endian.h"
 
@@ -13,6 +14,8 @@ namespace sim {
 namespace {
 
 using qnt::ItemStream;
+
+constexpr std::size_t kDateSize = 6;  // before the time of day in qnt::formatLocalSecond
 
 std::uint32_t sizeOf(const Bytes& bytes) {
     return static_cast<std::uint32_t>(bytes.size());
@@ -48,17 +51,10 @@ Bytes answerWith(const Bytes& payload, std::uint32_t sequence) {
     return answer;
 }
 
-// The text in quotes; control characters, quotes and backslashes are escaped.
-std::string quotedText(std::string_view text) {
-    std::string result = "'";
-    for (const char byte : text) {
-        const auto value = static_cast<unsigned char>(byte);
-        char escape[5] = {byte, 0};
-        if (value < 0x20 || value == 0x7F || byte == '\'' || byte == '\\')
-            std::snprintf(escape, sizeof escape, "\\x%02x", value);
-        result += escape;
-    }
-    return result + '\'';
+std::string quotedText(const std::string& text) {
+    std::ostringstream quoted;
+    quoted << std::quoted(text, '\'');
+    return quoted.str();
 }
 
 std::string number(const char* format, std::uint32_t value) {
@@ -67,28 +63,21 @@ std::string number(const char* format, std::uint32_t value) {
     return text;
 }
 
-struct Name {
-    std::uint32_t value;
-    const char* name;
-};
-constexpr Name kRequestNames[] = {{qnt::GetDefaultPrinter, "GetDefaultPrinter"},
-                                  {qnt::GetPrintingCmd, "GetPrintingCmd"},
-                                  {qnt::PrintingCmdAnswer, "PrintingCmdAnswer"},
-                                  {qnt::PrintingCmdPending, "PrintingCmdPending"},
-                                  {qnt::UserDeletedPrinters, "UserDeletedPrinters"}};
-constexpr Name kCommandNames[] = {{qnt::CmdAddPrinter, "CmdAddPrinter"},
-                                  {qnt::CmdDeletePrinter, "CmdDeletePrinter"},
-                                  {qnt::CmdDeleteOfflinePrinters, "CmdDeleteOfflinePrinters"},
-                                  {qnt::CmdPrinterList, "CmdPrinterList"},
-                                  {qnt::CmdWaitAllOffline, "CmdWaitAllOffline"}};
+using Names = std::map<std::uint32_t, const char*>;
+const Names kRequestNames = {{qnt::GetDefaultPrinter, "GetDefaultPrinter"},
+                             {qnt::GetPrintingCmd, "GetPrintingCmd"},
+                             {qnt::PrintingCmdAnswer, "PrintingCmdAnswer"},
+                             {qnt::PrintingCmdPending, "PrintingCmdPending"},
+                             {qnt::UserDeletedPrinters, "UserDeletedPrinters"}};
+const Names kCommandNames = {{qnt::CmdAddPrinter, "CmdAddPrinter"},
+                             {qnt::CmdDeletePrinter, "CmdDeletePrinter"},
+                             {qnt::CmdDeleteOfflinePrinters, "CmdDeleteOfflinePrinters"},
+                             {qnt::CmdPrinterList, "CmdPrinterList"},
+                             {qnt::CmdWaitAllOffline, "CmdWaitAllOffline"}};
 
-template <std::size_t size>
-std::string nameOf(const Name (&names)[size], std::uint32_t value, const char* kind) {
-    for (const Name& entry : names) {
-        if (entry.value == value)
-            return entry.name;
-    }
-    return kind + (" " + std::to_string(value));
+std::string nameOf(const Names& names, std::uint32_t value, const char* kind) {
+    const auto found = names.find(value);
+    return found != names.end() ? found->second : kind + (" " + std::to_string(value));
 }
 
 std::string describeList(const Bytes& list) {
@@ -123,39 +112,48 @@ std::string describeItems(const Bytes& message) {
     return text;
 }
 
+std::string describeSequence(const Bytes& message) {
+    return " seq=" + std::to_string(headerField(message, qnt::PrintingCmdHeader::kSequenceOffset));
+}
+
+std::string describeAnswer(const Bytes& answer) {
+    if (answer.size() < qnt::kPrintingCmdHeaderSize)
+        return "answer of " + std::to_string(answer.size()) + " bytes";
+    const std::uint32_t size = headerField(answer, qnt::PrintingCmdHeader::kRequiredSizeOffset);
+    if (size != 0)
+        return "needs " + std::to_string(size) + " bytes";
+    if (headerField(answer, qnt::PrintingCmdHeader::kPayloadLengthOffset) == 0)
+        return "done";
+    const std::string items = describeItems(answer);
+    return items.empty() ? "malformed" : items.substr(1) + describeSequence(answer);
+}
+
 std::string describeLinkCall(const Exchange& exchange) {
-    const bool backdoor = exchange.transfers != 0;
-    const std::string transport = backdoor ? "backdoor" : "link";
+    const std::string transport = exchange.isOverBackdoor ? "backdoor" : "link";
     if (exchange.request.empty())
         return transport + " probe";
     return transport + " message of " + std::to_string(exchange.request.size()) + " bytes, state " +
-           quotedText(statusState(exchange.request)) +
-           (backdoor ? " transfers=" + std::to_string(exchange.transfers) : "");
+           quotedText(statusState(exchange.request));
+}
+
+std::string describeReply(const Exchange& exchange, const Reply& reply) {
+    if (reply.error != 0)
+        return "write fails with errno " + std::to_string(reply.error);
+    if (reply.status == qnt::kRequestCanceled)
+        return "cancelled";
+    if (reply.status != qnt::kRequestDone)
+        return number("status 0x%x", reply.status);
+    return exchange.requestType == kLinkCall ? "done" : describeAnswer(reply.answer);
 }
 
 std::string timeOfDay(std::chrono::system_clock::time_point time) {
-    const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
-    const auto part = std::chrono::duration_cast<std::chrono::milliseconds>(
-                          time - std::chrono::system_clock::from_time_t(seconds))
-                          .count();
-    std::tm local{};
-    localtime_r(&seconds, &local);
+    char second[qnt::kLocalSecondSize];
+    qnt::formatLocalSecond(std::chrono::system_clock::to_time_t(time), second);
+    const auto part = time.time_since_epoch() % std::chrono::seconds(1);
     char text[32];
-    std::snprintf(text, sizeof text, "%02d:%02d:%02d.%03d", local.tm_hour, local.tm_min,
-                  local.tm_sec, static_cast<int>(part));
+    std::snprintf(text, sizeof text, "%s.%03d", second + kDateSize,
+                  static_cast<int>(part / std::chrono::milliseconds(1)));
     return text;
-}
-
-std::string describeOutcome(const Exchange& exchange) {
-    if (exchange.error != 0)
-        return "write fails with errno " + std::to_string(exchange.error);
-    if (!exchange.status)
-        return "held";
-    if (*exchange.status == qnt::kRequestCanceled)
-        return "cancelled";
-    if (*exchange.status != qnt::kRequestDone)
-        return number("status 0x%x", *exchange.status);
-    return exchange.code == qnt::QntKlReqPrinting ? describeAnswer(exchange.answer) : "done";
 }
 
 }  // namespace
@@ -174,6 +172,10 @@ std::vector<Item> itemsOf(const Bytes& message, std::uint32_t base) {
     return items;
 }
 
+std::uint32_t headerField(const Bytes& message, std::uint32_t offset) {
+    return qnt::readU32(message.data() + offset);
+}
+
 Bytes emptyAnswer(std::uint32_t sequence) {
     Bytes answer(qnt::kPrintingCmdHeaderSize);
     qnt::writeU32(answer.data() + qnt::PrintingCmdHeader::kVersionOffset, qnt::kPrintingVersion);
@@ -184,27 +186,25 @@ Bytes emptyAnswer(std::uint32_t sequence) {
 Reply askFor(std::uint32_t requiredSize) {
     Bytes answer = emptyAnswer(0);
     qnt::writeU32(answer.data() + qnt::PrintingCmdHeader::kRequiredSizeOffset, requiredSize);
-    return raw(std::move(answer));
+    return {.answer = std::move(answer)};
 }
 
 // A stream with one item that is longer than the stream.
 Reply malformed() {
     Bytes answer = encodeAnswer(addPrinter("TAG"), 0);
     qnt::writeU32(answer.data() + qnt::kPrintingCmdHeaderSize + qnt::kStreamHeaderSize, 0xFFFFFFF0);
-    return raw(std::move(answer));
+    return {.answer = std::move(answer)};
 }
 
 Bytes encodeAnswer(const HostCommand& command, std::uint32_t sequence) {
-    const bool namesPrinter =
-        command.code == qnt::CmdAddPrinter || command.code == qnt::CmdDeletePrinter;
     return answerWith(stream([&](ItemStream& items) {
                           Bytes code(qnt::kCmdCodeSize);
                           qnt::writeU32(code.data(), command.code);
                           appendBytes(items, qnt::CmdCode, code);
-                          if (namesPrinter)
+                          if (!command.printerId.empty())
                               (void)items.appendText(qnt::PrinterId, command.printerId);
-                          if (command.code == qnt::CmdPrinterList)
-                              appendBytes(items, qnt::PrinterList, encodeList(command.printers));
+                          if (command.printers)
+                              appendBytes(items, qnt::PrinterList, encodeList(*command.printers));
                       }),
                       sequence);
 }
@@ -215,42 +215,21 @@ Bytes encodeDefaultPrinter(const std::string& id, std::uint32_t sequence) {
 }
 
 std::string describeRequest(const Exchange& exchange) {
-    const std::uint32_t code = exchange.code;
-    const Bytes& request = exchange.request;
-    if (code == qnt::QntKlReqLinkCall)
+    if (exchange.requestType == kLinkCall)
         return describeLinkCall(exchange);
-    if (code != qnt::QntKlReqPrinting)
-        return number("request code 0x%x", code);
-    if (request.size() < qnt::kPrintingCmdHeaderSize)
-        return "printing request of " + std::to_string(request.size()) + " bytes";
-    const auto field = [&](std::uint32_t offset) { return qnt::readU32(request.data() + offset); };
-    return nameOf(kRequestNames, field(qnt::PrintingCmdHeader::kRequestTypeOffset),
-                  "request type") +
-           " seq=" + std::to_string(field(qnt::PrintingCmdHeader::kSequenceOffset)) +
-           describeItems(request);
-}
-
-std::string describeAnswer(const Bytes& answer) {
-    if (answer.size() < qnt::kPrintingCmdHeaderSize)
-        return "answer of " + std::to_string(answer.size()) + " bytes";
-    const auto field = [&](std::uint32_t offset) { return qnt::readU32(answer.data() + offset); };
-    if (const std::uint32_t size = field(qnt::PrintingCmdHeader::kRequiredSizeOffset); size != 0)
-        return "needs " + std::to_string(size) + " bytes";
-    if (field(qnt::PrintingCmdHeader::kPayloadLengthOffset) == 0)
-        return "done";
-    const std::string items = describeItems(answer);
-    return items.empty()
-               ? "malformed"
-               : items.substr(1) +
-                     " seq=" + std::to_string(field(qnt::PrintingCmdHeader::kSequenceOffset));
+    if (exchange.request.empty())
+        return "malformed request";
+    return nameOf(kRequestNames, exchange.requestType, "request type") +
+           describeSequence(exchange.request) + describeItems(exchange.request);
 }
 
 std::string describeExchange(const Exchange& exchange) {
-    const auto end = exchange.answered.value_or(std::chrono::system_clock::now());
-    const auto held = std::chrono::duration_cast<std::chrono::milliseconds>(end - exchange.when);
-    return timeOfDay(end) + " " + describeRequest(exchange) + " (" +
-           std::to_string(exchange.inSize) + "/" + std::to_string(exchange.outSize) + ") -> " +
-           describeOutcome(exchange) + ", " + std::to_string(held.count()) + " ms";
+    const auto now = std::chrono::system_clock::now();
+    const auto held = std::chrono::duration_cast<std::chrono::milliseconds>(now - exchange.when);
+    return timeOfDay(now) + " " + describeRequest(exchange) + " (" +
+           std::to_string(exchange.request.size()) + "/" + std::to_string(exchange.outSize) +
+           ") -> " + describeReply(exchange, *exchange.reply) + ", " +
+           std::to_string(held.count()) + " ms";
 }
 
 std::string statusState(const Bytes& message) {

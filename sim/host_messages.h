@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,11 +17,11 @@ struct HostPrinter {
     std::string name;
 };
 
-// A command of the host, and a builder for each kind. Only CmdPrinterList has `printers`.
+// A command of the host, and a builder for each kind.
 struct HostCommand {
     std::uint32_t code = 0;
-    std::string printerId;
-    std::vector<HostPrinter> printers;
+    std::string printerId;  // has no item if it is empty
+    std::optional<std::vector<HostPrinter>> printers;
 };
 inline HostCommand addPrinter(const std::string& id) {
     return {qnt::CmdAddPrinter, id, {}};
@@ -34,9 +35,6 @@ inline HostCommand deleteOffline() {
 inline HostCommand printerList(const std::vector<HostPrinter>& printers) {
     return {qnt::CmdPrinterList, {}, printers};
 }
-inline HostCommand waitOffline() {
-    return {qnt::CmdWaitAllOffline, {}, {}};
-}
 
 // The answer bytes of a command: header and item stream, with requiredSize 0.
 Bytes encodeAnswer(const HostCommand& command, std::uint32_t sequence);
@@ -44,15 +42,16 @@ Bytes encodeAnswer(const HostCommand& command, std::uint32_t sequence);
 Bytes encodeDefaultPrinter(const std::string& id, std::uint32_t sequence);
 // A request as text, e.g. "PrintingCmdAnswer seq=17 result=1".
 std::string describeRequest(const Exchange& exchange);
-// The answer to a printing request as text, e.g. "CmdAddPrinter id='TAG1' seq=17".
-std::string describeAnswer(const Bytes& answer);
+// The field at this offset of the PrintingCmdHeader that a message begins with.
+std::uint32_t headerField(const Bytes& message, std::uint32_t offset);
 // An answer to a printing request without a payload.
 Bytes emptyAnswer(std::uint32_t sequence);
 // Replies to a printing request that ask for a larger buffer, and with a malformed payload.
 Reply askFor(std::uint32_t requiredSize);
 Reply malformed();
 
-// An exchange as one line: time of day, request, sizes, outcome, and how long it was held.
+// An exchange whose reply is being delivered, as one line: time of day, request, sizes, outcome,
+// and how long it was held.
 std::string describeExchange(const Exchange& exchange);
 // The state text of a status message; empty if it has none.
 std::string statusState(const Bytes& message);

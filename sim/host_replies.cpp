@@ -7,7 +7,6 @@
 #include "hostlink/kavelink_device.h"
 #include "protocol/little_endian.h"
 #include "protocol/printing_format.h"
-#include "sim/host_messages.h"
 
 namespace sim {
 namespace {
@@ -18,100 +17,73 @@ constexpr std::size_t kLinkMessageBuffer = 1;
 constexpr std::size_t kPrintingRequestBuffer = 0;
 constexpr std::size_t kPrintingAnswerBuffer = 1;
 
-const Reply kRefusal = status(kRequestRefused);
-const Reply kUnreadable = writeError(EFAULT);
+// These return false if the request is malformed or can't be read.
 
-std::optional<Reply> readPrinting(const Submission& submission, Exchange& exchange) {
+bool readPrinting(const Submission& submission, Exchange& exchange) {
     const auto& buffers = submission.buffers();
+    const std::optional<Bytes> request = submission.readBuffer(kPrintingRequestBuffer);
     if (buffers.size() != 2 || buffers[kPrintingRequestBuffer].flags != 0 ||
-        buffers[kPrintingAnswerBuffer].flags != qnt::kBufferWritable)
-        return kRefusal;
-    exchange.inSize = buffers[kPrintingRequestBuffer].size;
+        buffers[kPrintingAnswerBuffer].flags != qnt::kBufferWritable || !request ||
+        request->size() < qnt::kPrintingCmdHeaderSize)
+        return false;
+    exchange.requestType = qnt::readU32(&(*request)[qnt::PrintingCmdHeader::kRequestTypeOffset]);
     exchange.outSize = buffers[kPrintingAnswerBuffer].size;
-    std::optional<Bytes> request = submission.readBuffer(kPrintingRequestBuffer);
-    if (!request)
-        return kUnreadable;
-    exchange.request = std::move(*request);
-    if (exchange.request.size() < qnt::kPrintingCmdHeaderSize)
-        return kRefusal;
-    exchange.requestType =
-        qnt::readU32(exchange.request.data() + qnt::PrintingCmdHeader::kRequestTypeOffset);
-    return std::nullopt;
+    exchange.request = *request;
+    return true;
 }
 
-std::optional<Reply> readLinkCall(const Submission& submission, Exchange& exchange) {
+bool readLinkCall(const Submission& submission, Exchange& exchange) {
+    exchange.requestType = kLinkCall;
     if (submission.buffers().empty())
-        return std::nullopt;
+        return true;
     const std::optional<Bytes> head = submission.readBuffer(kLinkHeaderBuffer);
     std::optional<Bytes> message = submission.readBuffer(kLinkMessageBuffer);
-    if (!head || !message)
-        return kUnreadable;
     qnt::KavelinkCallHeader header;
-    if (head->size() != sizeof header)
-        return kRefusal;
+    if (!head || head->size() != sizeof header || !message)
+        return false;
     std::memcpy(&header, head->data(), sizeof header);
-    exchange.inSize = header.inputSize;
-    exchange.outSize = header.outputSize;
     const std::size_t room = std::max(header.inputSize, header.outputSize);
     const auto isWritable = [](const qnt::BufferDescriptor& buffer) {
         return buffer.flags == qnt::kBufferWritable;
     };
     if (header.headerSize != sizeof header || header.reserved != 0 || header.reservedEnd != 0 ||
         message->size() != room || !std::ranges::all_of(submission.buffers(), isWritable))
-        return kRefusal;
+        return false;
+    exchange.outSize = header.outputSize;
     message->resize(header.inputSize);
     exchange.request = std::move(*message);
-    return std::nullopt;
+    return true;
 }
 
 }  // namespace
 
-std::optional<Reply> readRequest(const Submission& submission, Exchange& exchange) {
-    exchange.when = std::chrono::system_clock::now();
-    exchange.thread = submission.thread();
-    exchange.code = submission.header().code;
-    switch (exchange.code) {
-        case qnt::QntKlReqPrinting:
-            return readPrinting(submission, exchange);
-        case qnt::QntKlReqLinkCall:
-            return readLinkCall(submission, exchange);
-        default:
-            return kRefusal;
-    }
+Exchange readRequest(const Submission& submission) {
+    Exchange exchange{.when = std::chrono::system_clock::now()};
+    const std::uint32_t code = submission.header().code;
+    const bool isWellFormed =
+        code == qnt::QntKlReqPrinting
+            ? readPrinting(submission, exchange)
+            : code == qnt::QntKlReqLinkCall && readLinkCall(submission, exchange);
+    if (!isWellFormed)
+        exchange.reply = Reply{.status = kRequestRefused};
+    return exchange;
 }
 
 Reply linkReply(const Exchange& exchange) {
     if (exchange.request.empty())
         return {};  // a probe has no header
     qnt::KavelinkCallHeader header;
-    header.inputSize = exchange.inSize;
+    header.inputSize = static_cast<std::uint32_t>(exchange.request.size());
     const auto* bytes = reinterpret_cast<const std::uint8_t*>(&header);
-    return raw({bytes, bytes + sizeof header});
+    return {.answer = {bytes, bytes + sizeof header}};
 }
 
-void deliver(Submission& submission, Exchange& exchange, const Reply& reply) {
-    exchange.answered = std::chrono::system_clock::now();
-    const Bytes& answer = reply.answer;
+void deliver(Submission& submission, Exchange& exchange) {
+    Reply& reply = *exchange.reply;
     const std::size_t buffer =
-        exchange.code == qnt::QntKlReqPrinting ? kPrintingAnswerBuffer : kLinkHeaderBuffer;
-    exchange.error = reply.error;
-    if (!answer.empty() && !submission.writeBuffer(buffer, answer))
-        exchange.error = EFAULT;
-    if (exchange.error != 0)
-        return;
-    exchange.status = reply.status;
-    if (!answer.empty()) {
-        exchange.answer = answer;
-        exchange.answer.resize(
-            std::min<std::size_t>(answer.size(), submission.buffers()[buffer].size));
-    }
-}
-
-void finish(Submission& submission, const Exchange& exchange) {
-    if (exchange.error != 0)
-        submission.refuse(exchange.error);
-    else
-        submission.complete(*exchange.status);
+        exchange.requestType == kLinkCall ? kLinkHeaderBuffer : kPrintingAnswerBuffer;
+    if (!reply.answer.empty() && !submission.writeBuffer(buffer, reply.answer))
+        reply.error = EFAULT;
 }
 
 }  // namespace sim

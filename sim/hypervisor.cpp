@@ -36,9 +36,6 @@ int awaitStop(pid_t process) {
 Hypervisor::Hypervisor(pid_t process, SimulatedHost& host) : m_process(process), m_host(host) {
     std::promise<bool> attached;
     m_thread = std::thread([this, &attached] {
-        sigset_t signals;
-        sigfillset(&signals);
-        pthread_sigmask(SIG_BLOCK, &signals, nullptr);
         const bool traces = ptrace(PTRACE_SEIZE, m_process, nullptr, nullptr) == 0;
         attached.set_value(traces);
         if (traces)
@@ -48,6 +45,8 @@ Hypervisor::Hypervisor(pid_t process, SimulatedHost& host) : m_process(process),
         m_thread.join();
         throw std::runtime_error("Could not trace the program, which the backdoor needs.");
     }
+    m_host.refuseLink();
+    m_host.release(kLinkCall);
 }
 
 Hypervisor::~Hypervisor() {
@@ -84,12 +83,11 @@ bool Hypervisor::executeCommand(user_regs_struct& state) {
             state.rbx = qnt::kBackdoorVersion;
             state.rcx = kMaxTransfer;
             state.rdx = state.rsi = state.rdi = 0;
-            m_host.receiveFromBackdoor({}, 1);
+            m_host.receiveFromBackdoor({});
             return true;
         case qnt::kBackdoorBegin:
             m_totalInput = static_cast<std::uint32_t>(state.rbx);
             m_input.clear();
-            m_transfers = 0;
             state.rbx = kExchangeId;
             [[fallthrough]];
         case qnt::kBackdoorContinue:
@@ -108,10 +106,9 @@ bool Hypervisor::takeChunk(std::uint64_t address, std::uint64_t length) {
     Bytes chunk(std::min<std::uint64_t>(length, kMaxTransfer));
     if (length > kMaxTransfer || !readMemory(m_process, address, chunk.data(), chunk.size()))
         return false;
-    ++m_transfers;
     m_input.insert(m_input.end(), chunk.begin(), chunk.end());
     if (m_input.size() >= m_totalInput)
-        m_host.receiveFromBackdoor(m_input, m_transfers);
+        m_host.receiveFromBackdoor(m_input);
     return true;
 }
 

@@ -16,7 +16,8 @@ namespace sim {
 
 class Hypervisor {
 public:
-    // Traces the main thread of a child process from the return of the constructor on. Throws
+    // Traces the main thread of a child process from the return of the constructor on, and lets the
+    // host refuse the link calls on the device, which it must hold until then. Throws
     // std::runtime_error.
     Hypervisor(pid_t process, SimulatedHost& host);
     // Waits until the process has ended.
@@ -36,7 +37,6 @@ private:
     // The exchange under way; the hypervisor's thread only.
     std::uint32_t m_totalInput = 0;
     Bytes m_input;
-    int m_transfers = 0;
 
     std::thread m_thread;
 };

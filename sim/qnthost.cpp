@@ -125,16 +125,12 @@ void simulateHost(const Options& options) {
     SimulatedHost host(printLine);
     std::optional<Hypervisor> hypervisor;  // ends after the program
     std::optional<Process> program;
-    if (options.backdoor) {
-        host.refuseLink();
+    if (options.backdoor)
         host.hold(kLinkCall);  // until the hypervisor takes the instruction
-    }
     if (!options.program.empty())
         program.emplace(options.program);
-    if (options.backdoor) {
+    if (options.backdoor)
         hypervisor.emplace(program->pid(), host);
-        host.release(kLinkCall);
-    }
     readCommands({host, program, printLine, isInterrupted});
     if (program) {
         program->signal(SIGTERM);

@@ -3,33 +3,31 @@
 #include <algorithm>
 #include <iterator>
 
-#include "protocol/little_endian.h"
 #include "sim/guest_namespace.h"
 
 namespace sim {
 namespace {
 
-bool isRunLoopType(std::uint32_t requestType) {
-    return requestType == qnt::GetPrintingCmd || requestType == qnt::PrintingCmdAnswer ||
-           requestType == qnt::PrintingCmdPending;
-}
-
-std::uint32_t sequenceOf(const Exchange& exchange) {
-    return qnt::readU32(exchange.request.data() + qnt::PrintingCmdHeader::kSequenceOffset);
+bool isOfType(const Exchange& exchange, std::uint32_t requestType) {
+    const std::uint32_t type = exchange.requestType;
+    return type == requestType || (requestType == kRunLoopRequest &&
+                                   (type == qnt::GetPrintingCmd || type == qnt::PrintingCmdAnswer ||
+                                    type == qnt::PrintingCmdPending));
 }
 
 // The answer, or the buffer size that it needs if it does not fit.
-Reply fittedReply(const Exchange& exchange, Bytes answer) {
+Reply fittedReply(const Exchange& exchange, const Bytes& answer) {
     const auto size = static_cast<std::uint32_t>(answer.size());
-    return size <= exchange.outSize ? raw(std::move(answer)) : askFor(size);
+    return size <= exchange.outSize ? Reply{.answer = answer} : askFor(size);
 }
 
 }  // namespace
 
 SimulatedHost::SimulatedHost(std::function<void(const std::string&)> report)
     : m_report(std::move(report)),
-      m_device({[this](SubmissionPtr submission) { arrive(std::move(submission)); },
-                [this](const SubmissionPtr& submission) { cancel(submission); }}) {}
+      m_device({.submitted = [this](SubmissionPtr submission) { arrive(std::move(submission)); },
+                .interrupted = [this](const fuse_req* write) { cancel(write); },
+                .ended = [this] { change([this] { m_held.clear(); }); }}) {}
 
 void SimulatedHost::plug(const std::string& id, const std::string& name) {
     change([&] {
@@ -42,14 +40,8 @@ void SimulatedHost::plug(const std::string& id, const std::string& name) {
     });
 }
 
-void SimulatedHost::unplug(const std::string& id) {
-    change([&] { unplugUsbPrinter(id); });
-}
-
 void SimulatedHost::forget(const std::string& id) {
-    change([&] {
-        std::erase_if(m_printers, [&](const HostPrinter& printer) { return printer.id == id; });
-    });
+    change([&] { removePrinter(id); });
 }
 
 void SimulatedHost::rename(const std::string& id, const std::string& name) {
@@ -74,19 +66,19 @@ std::vector<HostPrinter> SimulatedHost::printers() const {
 
 std::string SimulatedHost::defaultPrinter() const {
     const std::lock_guard lock(m_mutex);
-    return m_default.value_or("");
+    return m_default;
 }
 
-void SimulatedHost::send(HostCommand command) {
+void SimulatedHost::send(const HostCommand& command) {
     change([&] {
         if (command.code == qnt::CmdPrinterList)
             ++m_listSequence;
-        m_commands.push_back({std::move(command), m_listSequence});
+        m_commands.push_back(encodeAnswer(command, m_listSequence));
     });
 }
 
 void SimulatedHost::answerNext(std::uint32_t requestType, Reply reply) {
-    change([&] { m_queuedReplies[requestType].push_back(std::move(reply)); });
+    change([&] { m_queuedReplies.emplace_back(requestType, std::move(reply)); });
 }
 
 void SimulatedHost::hold(std::uint32_t requestType) {
@@ -101,15 +93,12 @@ void SimulatedHost::refuseLink() {
     change([&] { m_refusesLink = true; });
 }
 
-void SimulatedHost::receiveFromBackdoor(Bytes message, int transfers) {
-    Exchange exchange;
-    exchange.when = std::chrono::system_clock::now();
-    exchange.answered = exchange.when;
-    exchange.code = qnt::QntKlReqLinkCall;
-    exchange.inSize = static_cast<std::uint32_t>(message.size());
-    exchange.transfers = transfers;
-    exchange.request = std::move(message);
-    exchange.status = qnt::kRequestDone;
+void SimulatedHost::receiveFromBackdoor(Bytes message) {
+    Exchange exchange{.when = std::chrono::system_clock::now(),
+                      .requestType = kLinkCall,
+                      .isOverBackdoor = true,
+                      .request = std::move(message),
+                      .reply = Reply{}};
     if (m_report)
         m_report(describeExchange(exchange));
     change([&] { m_exchanges.push_back(std::move(exchange)); });
@@ -123,15 +112,16 @@ std::vector<Exchange> SimulatedHost::exchanges() const {
 std::vector<Exchange> SimulatedHost::exchanges(std::uint32_t requestType) const {
     std::vector<Exchange> found = exchanges();
     std::erase_if(found,
-                  [&](const Exchange& exchange) { return exchange.requestType != requestType; });
+                  [&](const Exchange& exchange) { return !isOfType(exchange, requestType); });
     return found;
 }
 
 std::vector<Bytes> SimulatedHost::statusMessages() const {
     std::vector<Bytes> messages;
     for (const Exchange& exchange : exchanges(kLinkCall)) {
-        if (exchange.code == qnt::QntKlReqLinkCall && !exchange.request.empty() &&
-            exchange.status == qnt::kRequestDone)
+        const std::optional<Reply>& reply = exchange.reply;
+        if (!exchange.request.empty() && reply && reply->status == qnt::kRequestDone &&
+            reply->error == 0)
             messages.push_back(exchange.request);
     }
     return messages;
@@ -139,14 +129,14 @@ std::vector<Bytes> SimulatedHost::statusMessages() const {
 
 std::vector<std::string> SimulatedHost::deletedPrinters() const {
     std::vector<std::string> ids;
-    for (const Item& id : receivedItems(qnt::UserDeletedPrinters, qnt::PrinterId))
+    for (const Item& id : receivedItems(qnt::UserDeletedPrinters))
         ids.push_back(id.text());
     return ids;
 }
 
 std::vector<std::uint32_t> SimulatedHost::results() const {
     std::vector<std::uint32_t> values;
-    for (const Item& result : receivedItems(qnt::PrintingCmdAnswer, qnt::CmdResult))
+    for (const Item& result : receivedItems(qnt::PrintingCmdAnswer))
         values.push_back(result.number());
     return values;
 }
@@ -154,15 +144,14 @@ std::vector<std::uint32_t> SimulatedHost::results() const {
 std::size_t SimulatedHost::waiting(std::uint32_t requestType) const {
     const std::lock_guard lock(m_mutex);
     return static_cast<std::size_t>(std::ranges::count_if(m_held, [&](const Held& held) {
-        const std::uint32_t type = m_exchanges[held.exchange].requestType;
-        return type == requestType || (requestType == kRunLoopRequest && isRunLoopType(type));
+        return isOfType(m_exchanges[held.exchange], requestType);
     }));
 }
 
 bool SimulatedHost::isIdle() const {
     const std::lock_guard lock(m_mutex);
     return m_commands.empty() && std::ranges::any_of(m_held, [&](const Held& held) {
-               return isRunLoopType(m_exchanges[held.exchange].requestType);
+               return isOfType(m_exchanges[held.exchange], kRunLoopRequest);
            });
 }
 
@@ -175,53 +164,52 @@ void SimulatedHost::change(Change apply) {
 }
 
 void SimulatedHost::arrive(SubmissionPtr submission) {
-    Exchange exchange;
-    std::optional<Reply> reply = readRequest(*submission, exchange);
+    Exchange exchange = readRequest(*submission);
     change([&] {
         m_exchanges.push_back(std::move(exchange));
-        m_held.push_back({std::move(submission), m_exchanges.size() - 1, std::move(reply)});
+        m_held.push_back({std::move(submission), m_exchanges.size() - 1});
     });
 }
 
-void SimulatedHost::cancel(const SubmissionPtr& submission) {
+void SimulatedHost::cancel(const fuse_req* write) {
     change([&] {
-        const auto held = std::ranges::find(m_held, submission, &Held::submission);
-        if (held != m_held.end())
-            held->reply = sim::cancel();
+        for (const Held& held : m_held) {
+            if (held.submission->isMadeBy(write))
+                m_exchanges[held.exchange].reply = Reply{.status = qnt::kRequestCanceled};
+        }
     });
 }
 
 void SimulatedHost::answerHeld() {
-    std::erase_if(m_held, [&](Held& held) {
-        const Exchange& exchange = m_exchanges[held.exchange];
-        if (!held.reply && !m_holds.contains(exchange.requestType)) {
-            held.reply = queuedReply(exchange.requestType);
-            if (!held.reply)
-                held.reply = ownReply(exchange);
+    std::erase_if(m_held, [&](const Held& held) {
+        Exchange& exchange = m_exchanges[held.exchange];
+        if (!exchange.reply && !m_holds.contains(exchange.requestType)) {
+            exchange.reply = queuedReply(exchange);
+            if (!exchange.reply)
+                exchange.reply = ownReply(exchange);
         }
-        if (!held.reply || held.reply->isSilence)
+        if (!exchange.reply)
             return false;
-        carryOut(held);
+        carryOut(*held.submission, exchange);
         return true;
     });
 }
 
-std::optional<Reply> SimulatedHost::queuedReply(std::uint32_t requestType) {
-    std::deque<Reply>* replies = &m_queuedReplies[requestType];
-    if (replies->empty() && isRunLoopType(requestType))
-        replies = &m_queuedReplies[kRunLoopRequest];
-    if (replies->empty())
+std::optional<Reply> SimulatedHost::queuedReply(const Exchange& exchange) {
+    const auto queued = std::ranges::find_if(
+        m_queuedReplies, [&](const auto& each) { return isOfType(exchange, each.first); });
+    if (queued == m_queuedReplies.end())
         return std::nullopt;
-    Reply reply = std::move(replies->front());
-    replies->pop_front();
+    Reply reply = std::move(queued->second);
+    m_queuedReplies.erase(queued);
     return reply;
 }
 
 std::optional<Reply> SimulatedHost::ownReply(const Exchange& exchange) {
-    const Reply refusal = status(kRequestRefused);
-    if (exchange.code != qnt::QntKlReqPrinting)
-        return m_refusesLink ? refusal : linkReply(exchange);
+    const Reply refusal{.status = kRequestRefused};
     switch (exchange.requestType) {
+        case kLinkCall:
+            return m_refusesLink ? refusal : linkReply(exchange);
         case qnt::GetDefaultPrinter:
             return defaultPrinterReply(exchange);
         case qnt::GetPrintingCmd:
@@ -229,16 +217,20 @@ std::optional<Reply> SimulatedHost::ownReply(const Exchange& exchange) {
         case qnt::PrintingCmdPending:
             return commandReply(exchange);
         case qnt::UserDeletedPrinters:
-            return raw(emptyAnswer(0));
+            for (const Item& id : itemsOf(exchange.request, qnt::kPrintingCmdHeaderSize))
+                removePrinter(id.text());
+            return Reply{.answer = emptyAnswer(0)};
         default:
             return refusal;
     }
 }
 
 std::optional<Reply> SimulatedHost::defaultPrinterReply(const Exchange& exchange) const {
-    if (!m_default || sequenceOf(exchange) == m_defaultSequence)
+    const std::uint32_t received =
+        headerField(exchange.request, qnt::PrintingCmdHeader::kSequenceOffset);
+    if (received == m_defaultSequence)
         return std::nullopt;
-    return fittedReply(exchange, encodeDefaultPrinter(*m_default, m_defaultSequence));
+    return fittedReply(exchange, encodeDefaultPrinter(m_default, m_defaultSequence));
 }
 
 // The service only drops a pending command at the answer to PrintingCmdPending and then asks for
@@ -246,26 +238,23 @@ std::optional<Reply> SimulatedHost::defaultPrinterReply(const Exchange& exchange
 std::optional<Reply> SimulatedHost::commandReply(const Exchange& exchange) {
     if (m_commands.empty())
         return std::nullopt;
-    const auto& [command, sequence] = m_commands.front();
-    Bytes answer = encodeAnswer(command, sequence);
-    const bool fits = answer.size() <= exchange.outSize;
-    Reply reply = fittedReply(exchange, std::move(answer));
+    const bool fits = m_commands.front().size() <= exchange.outSize;
+    Reply reply = fittedReply(exchange, m_commands.front());
     if (fits && exchange.requestType != qnt::PrintingCmdPending)
         m_commands.pop_front();
     return reply;
 }
 
 // Records and reports the exchange before the sender continues.
-void SimulatedHost::carryOut(const Held& held) {
-    Exchange& exchange = m_exchanges[held.exchange];
-    deliver(*held.submission, exchange, *held.reply);
-    if (exchange.requestType == qnt::UserDeletedPrinters && exchange.status == qnt::kRequestDone)
-        for (const Item& id : itemsOf(exchange.request, qnt::kPrintingCmdHeaderSize))
-            std::erase_if(m_printers,
-                          [&](const HostPrinter& printer) { return printer.id == id.text(); });
+void SimulatedHost::carryOut(Submission& submission, Exchange& exchange) {
+    deliver(submission, exchange);
     if (m_report)
         m_report(describeExchange(exchange));
-    finish(*held.submission, exchange);
+    submission.finish(exchange.reply->status, exchange.reply->error);
+}
+
+void SimulatedHost::removePrinter(const std::string& id) {
+    std::erase_if(m_printers, [&](const HostPrinter& printer) { return printer.id == id; });
 }
 
 HostPrinter* SimulatedHost::findPrinter(const std::string& id) {
@@ -273,16 +262,12 @@ HostPrinter* SimulatedHost::findPrinter(const std::string& id) {
     return found == m_printers.end() ? nullptr : &*found;
 }
 
-// All items of one type in all requests of one type.
-std::vector<Item> SimulatedHost::receivedItems(std::uint32_t requestType,
-                                               std::uint32_t itemType) const {
+// All items in all requests of one type.
+std::vector<Item> SimulatedHost::receivedItems(std::uint32_t requestType) const {
     std::vector<Item> found;
-    for (const Exchange& exchange : exchanges(requestType)) {
-        for (const Item& item : itemsOf(exchange.request, qnt::kPrintingCmdHeaderSize)) {
-            if (item.type == itemType)
-                found.push_back(item);
-        }
-    }
+    for (const Exchange& exchange : exchanges(requestType))
+        std::ranges::move(itemsOf(exchange.request, qnt::kPrintingCmdHeaderSize),
+                          std::back_inserter(found));
     return found;
 }
 

@@ -13,11 +13,11 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
-#include <map>
 #include <mutex>
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "protocol/printing_format.h"
@@ -27,10 +27,6 @@
 #include "sim/process.h"
 
 namespace sim {
-
-// Used in place of a request type: for a link call, and for any request of the run loop.
-inline constexpr std::uint32_t kLinkCall = 0;
-inline constexpr std::uint32_t kRunLoopRequest = 0xFFFFFFFF;
 
 class SimulatedHost {
 public:
@@ -45,9 +41,8 @@ public:
     // Any thread.
 
     // Change the host's printers without sending a command. plug() adds the printer to the host's
-    // list and plugs in its USB device.
+    // list and plugs in its USB device, which unplugUsbPrinter() removes.
     void plug(const std::string& id, const std::string& name);
-    void unplug(const std::string& id);  // removes the USB device only
     void forget(const std::string& id);  // removes it from the host's list
     void rename(const std::string& id, const std::string& name);
     void setDefault(const std::string& id);
@@ -55,7 +50,7 @@ public:
     std::string defaultPrinter() const;
 
     // Queues a command for the service.
-    void send(HostCommand command);
+    void send(const HostCommand& command);
     void sendPrinterList() { send(printerList(printers())); }
     // Queues a reply, which the next request of this type gets in place of the host's own. A
     // request that is held already counts as the next one.
@@ -65,9 +60,8 @@ public:
     void release(std::uint32_t requestType);
     // Refuses all link calls on the device from now on.
     void refuseLink();
-    // Takes a message that the hypervisor has received in `transfers` transfers. An empty message
-    // stands for a probe.
-    void receiveFromBackdoor(Bytes message, int transfers);
+    // Takes a message that the hypervisor has received. An empty message stands for a probe.
+    void receiveFromBackdoor(Bytes message);
 
     // The record of what was received, in the order of arrival.
     std::vector<Exchange> exchanges() const;
@@ -86,40 +80,36 @@ public:
 private:
     struct Held {
         SubmissionPtr submission;
-        std::size_t exchange = 0;    // in m_exchanges
-        std::optional<Reply> reply;  // once it is known
-    };
-    struct WaitingCommand {
-        HostCommand command;
-        std::uint32_t sequence;
+        std::size_t exchange;  // in m_exchanges
     };
 
     template <typename Change>
     void change(Change apply);
     void arrive(SubmissionPtr submission);
-    void cancel(const SubmissionPtr& submission);
+    void cancel(const fuse_req* write);
     void answerHeld();
-    std::optional<Reply> queuedReply(std::uint32_t requestType);
+    std::optional<Reply> queuedReply(const Exchange& exchange);
     std::optional<Reply> ownReply(const Exchange& exchange);
     std::optional<Reply> defaultPrinterReply(const Exchange& exchange) const;
     std::optional<Reply> commandReply(const Exchange& exchange);
-    void carryOut(const Held& held);
+    void carryOut(Submission& submission, Exchange& exchange);
+    void removePrinter(const std::string& id);
     HostPrinter* findPrinter(const std::string& id);
-    std::vector<Item> receivedItems(std::uint32_t requestType, std::uint32_t itemType) const;
+    std::vector<Item> receivedItems(std::uint32_t requestType) const;
 
     const std::function<void(const std::string&)> m_report;
     mutable std::mutex m_mutex;
 
     // Guarded by the mutex.
     std::vector<Exchange> m_exchanges;
-    std::vector<Held> m_held;  // not yet answered, in the order of arrival
-    std::deque<WaitingCommand> m_commands;
+    std::vector<Held> m_held;      // not yet answered, in the order of arrival
+    std::deque<Bytes> m_commands;  // encoded
     std::vector<HostPrinter> m_printers;
     std::uint32_t m_listSequence = 0;
-    std::optional<std::string> m_default;
+    std::string m_default;
     std::uint32_t m_defaultSequence = 0;
-    std::map<std::uint32_t, std::deque<Reply>> m_queuedReplies;  // by request type
-    std::set<std::uint32_t> m_holds;                             // request types
+    std::vector<std::pair<std::uint32_t, Reply>> m_queuedReplies;  // with their request types
+    std::set<std::uint32_t> m_holds;                               // request types
     bool m_refusesLink = false;
 
     DeviceFile m_device;  // last: its thread uses all of the above

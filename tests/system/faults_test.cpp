@@ -145,8 +145,8 @@ TEST_F(Faults, NoQueueCountsAsDeletedWhileCupsDoesNotAnswer) {
 TEST_F(Faults, ExchangesThatFailAreRepeatedEachSecond) {
     for (const std::uint32_t request : {sim::kRunLoopRequest, +GetDefaultPrinter}) {
         for (const int error : {EINTR, EIO, ENODEV})
-            host.answerNext(request, sim::writeError(error));
-        host.answerNext(request, sim::cancel());
+            host.answerNext(request, {.error = error});
+        host.answerNext(request, {.status = kRequestCanceled});
     }
     startService();
     expectWorking("TAG1");

@@ -40,7 +40,7 @@ protected:
     }
     // Delivers this answer and executes one step. False if it ends the run.
     bool stepAfter(const Bytes& answer) {
-        host.answerNext(sim::kRunLoopRequest, sim::raw(answer));
+        host.answerNext(sim::kRunLoopRequest, {.answer = answer});
         EXPECT_TRUE(exchange());
         return executeStateMachine(tool, processAnswerFromHost(tool.m_bufferCmd), commands);
     }
@@ -88,7 +88,7 @@ TEST_F(StateMachineTest, EachAnswerIsFollowedByItsRequest) {
         EXPECT_EQ(hasQueue("Front_Desk", "TAG1001"), row.queueExists) << expected.size();
         expected.emplace_back(row.request, row.bufferSize);
     }
-    host.answerNext(sim::kRunLoopRequest, sim::cancel());
+    host.answerNext(sim::kRunLoopRequest, {.status = kRequestCanceled});
     EXPECT_FALSE(exchange());
     for (const sim::Exchange& each : host.exchanges())
         sent.emplace_back(sim::describeRequest(each), each.outSize);

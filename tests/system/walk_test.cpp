@@ -199,7 +199,7 @@ protected:
              withAnyQueue([this](Printer& printer) {
                  (below(2) == 0 ? printer.isPlugged : printer.isEnabled) = false;
                  if (!printer.isPlugged)
-                     host.unplug(printer.id);
+                     sim::unplugUsbPrinter(printer.id);
                  if (!printer.isEnabled)
                      sim::Process({"cupsdisable", printer.queueName()}).wait(kPatience);
              });
@@ -233,7 +233,7 @@ protected:
              Bytes answer = sim::encodeAnswer({9, "", {}}, 0);
              answer[below(answer.size())] ^= static_cast<std::uint8_t>(1U << below(8));
              const std::size_t before = host.exchanges().size();
-             host.answerNext(sim::kRunLoopRequest, sim::raw(answer));
+             host.answerNext(sim::kRunLoopRequest, {.answer = answer});
              EXPECT_TRUE(waitUntil([&] {
                  return service->wait(0s) || (host.isIdle() && host.exchanges().size() > before);
              }));

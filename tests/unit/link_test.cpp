@@ -153,8 +153,6 @@ TEST(Backdoor, OpensWithItsOwnAnswerOnly) {
 }
 
 using sim::Reply;
-using sim::status;
-using sim::writeError;
 
 // Answers the next requests of a type with these, in order.
 struct Host : sim::SimulatedHost {
@@ -173,12 +171,13 @@ TEST(LinkDevice, IsProbedAndLeftForTheBackdoorWhereItRefuses) {
         std::uint32_t kind;
         std::size_t probes;
     } rows[] = {
-        {{status(0xF0000025)}, kLinkDeviceThenBackdoor, kLinkOk, LinkKindDevice, 2},
-        {std::vector(9999, status(kRequestAgain)), kLinkDeviceOnly, kLinkRefused, 0, kEndless},
-        {{status(5)}, kLinkDeviceOnly, kLinkRefused, 0, 1},
-        {{status(5)}, kLinkDeviceThenBackdoor, kLinkOk, LinkKindBackdoor, 1},
-        {{writeError(EINTR)}, kLinkDeviceThenBackdoor, kLinkOk, LinkKindBackdoor, 1},
-        {{writeError(EIO)}, kLinkDeviceThenBackdoor, kLinkNotAvailable, 0, 1},
+        {{{.status = 0xF0000025}}, kLinkDeviceThenBackdoor, kLinkOk, LinkKindDevice, 2},
+        {std::vector(9999, Reply{.status = kRequestAgain}), kLinkDeviceOnly, kLinkRefused, 0,
+         kEndless},
+        {{{.status = 5}}, kLinkDeviceOnly, kLinkRefused, 0, 1},
+        {{{.status = 5}}, kLinkDeviceThenBackdoor, kLinkOk, LinkKindBackdoor, 1},
+        {{{.error = EINTR}}, kLinkDeviceThenBackdoor, kLinkOk, LinkKindBackdoor, 1},
+        {{{.error = EIO}}, kLinkDeviceThenBackdoor, kLinkNotAvailable, 0, 1},
     };
     const auto openFiles = [] {
         return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
@@ -202,19 +201,19 @@ TEST(LinkDevice, CarriesACallInOneRequest) {
     const auto answer = [](std::uint32_t length, std::uint32_t announced, std::int32_t result) {
         const Bytes header =
             words({32, 0, 5, length, announced, static_cast<std::uint32_t>(result)});
-        return sim::raw(header);
+        return Reply{.answer = header};
     };
     const std::tuple<Reply, std::int32_t, std::int32_t, std::uint32_t> rows[] = {
         {answer(3, 4, 1), kLinkOk, 1, 3},
         {answer(9, 5, 0), kLinkOk, 0, 5},
         {answer(3, 6, 1), kLinkAnswerTooLarge, 1, 0},
         {answer(3, 0, -3), kLinkHostFailed, -3, 0},
-        {status(kRequestAgain), kLinkRefused, kLinkNotOpen, 0},
-        {writeError(EINTR), kLinkWriteInterrupted, kLinkNotOpen, 0},
-        {writeError(EIO), kLinkWriteFailed, kLinkNotOpen, 0},
+        {{.status = kRequestAgain}, kLinkRefused, kLinkNotOpen, 0},
+        {{.error = EINTR}, kLinkWriteInterrupted, kLinkNotOpen, 0},
+        {{.error = EIO}, kLinkWriteFailed, kLinkNotOpen, 0},
     };
     for (const auto& [reply, result, state, answerLength] : rows) {
-        const Host host(sim::kLinkCall, {status(kRequestDone), reply});
+        const Host host(sim::kLinkCall, {Reply{}, reply});
         KavelinkLink link;
         EXPECT_EQ(kavelinkOpen(&link, kLinkDeviceOnly), kLinkOk);
         Bytes buffer{1, 2, 3, 4, 5};
