@@ -2,9 +2,7 @@
 
 #pragma once
 
-#include <functional>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -13,24 +11,18 @@
 
 namespace sim {
 
-// Why a command can't be carried out, in one sentence. Except after a timeout, nothing has changed.
-class ConsoleError : public std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-
 // What the commands act on: a simulated host, and the guest's program if one was started.
 struct Console {
     SimulatedHost& host;
     std::optional<Process>& program;
-    std::function<void(const std::string&)> print;
-    std::function<bool()> isInterrupted;  // ends a wait
 };
 
-// Carries out one line. Returns false after the command to quit. Throws ConsoleError.
+// Carries out one line. Returns false after the command to quit. Throws a std::exception with one
+// sentence if it can't be carried out; except after a timeout, nothing has changed then.
 bool execute(const Console& console, const std::string& line);
 // The list of all commands, as text for a terminal.
 std::string listOfCommands();
-// The words that can stand first in a line, or later: the commands, the ids of the printers.
-std::vector<std::string> completions(const Console& console, bool firstWord);
+// The commands and the ids of the printers.
+std::vector<std::string> completions(const Console& console);
 
 }  // namespace sim

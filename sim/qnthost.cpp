@@ -2,10 +2,8 @@
 // commands, and prints the exchanges.
 
 #include <getopt.h>
-#include <unistd.h>
 
 #include <csignal>
-#include <cstdlib>
 #include <exception>
 #include <iostream>
 
@@ -21,26 +19,25 @@ namespace sim {
 namespace {
 
 constexpr int kUsageExitCode = 64;
-constexpr int kMissingExitCode = 69;                 // the machine lacks something
-constexpr std::chrono::seconds kProgramEndTime(10);  // after SIGTERM; then it is killed
+constexpr int kMissingExitCode = 69;  // the machine lacks something
 
 constexpr char kUsage[] =
-    "usage: qnthost [OPTION...] [--run PROGRAM [ARGUMENT...]]\n"
+    "usage: qnthost --log FOLDER [OPTION...] [PROGRAM [ARGUMENT...]]\n"
     "\n"
     "Simulates the host for a guest's printing service: the request device in /proc/driver,\n"
     "virtual USB printers in /sys/bus/usb, and a folder over /var/log, in a mount namespace that\n"
-    "is not visible from outside. Needs root and /dev/fuse. Reads commands from standard input,\n"
-    "with a prompt on a terminal, and prints each exchange with the service once it is answered:\n"
-    "time, request (bytes sent/size of the answer buffer), answer, time for which it was held.\n"
+    "is not visible from outside. Needs root and /dev/fuse. Starts the program in the guest; the\n"
+    "command 'stop' and the end of qnthost end it. Reads commands from standard input, with a\n"
+    "prompt on a terminal, and prints each exchange with the service once it is answered: time,\n"
+    "request (bytes sent/size of the answer buffer), answer, time for which it was held.\n"
     "\n"
-    "  --log FOLDER         mount this folder over /var/log (default: a new folder in /tmp)\n"
+    "  --log FOLDER         mount this folder over /var/log\n"
     "  --cups FOLDER        start a private cupsd with its files there, which the tools of CUPS\n"
     "                       reach with CUPS_SERVER=FOLDER/cups.sock (default: none is started)\n"
-    "  --backdoor           refuse link calls on the device, and take them from the program of\n"
-    "                       --run as its hypervisor\n"
+    "  --backdoor           refuse link calls on the device, and take them from the program as\n"
+    "                       its hypervisor\n"
     "  --namespace-entered  use the current mount namespace, made by unshare -m, so that other\n"
     "                       programs in it can use the device\n"
-    "  --run PROGRAM...     start this program in the guest; 'stop' and the end of qnthost end it\n"
     "  --help               print this text and the commands\n"
     "\n"
     "Prints 'ready' once the device is mounted. Exit codes: 0 at the end of the commands, 64 for\n"
@@ -50,75 +47,51 @@ constexpr char kUsage[] =
 struct Options {
     std::string logFolder;
     std::string cupsFolder;
-    bool backdoor = false;
-    bool namespaceEntered = false;
-    bool help = false;
+    int backdoor = 0;
+    int namespaceEntered = 0;
+    int help = 0;
     bool wrong = false;
     std::vector<std::string> program;
 };
 
 Options readOptions(int argc, char** argv) {
+    Options options;
     const option known[] = {{"log", required_argument, nullptr, 'l'},
                             {"cups", required_argument, nullptr, 'c'},
-                            {"backdoor", no_argument, nullptr, 'b'},
-                            {"namespace-entered", no_argument, nullptr, 'n'},
-                            {"run", no_argument, nullptr, 'r'},
-                            {"help", no_argument, nullptr, 'h'},
+                            {"backdoor", no_argument, &options.backdoor, 1},
+                            {"namespace-entered", no_argument, &options.namespaceEntered, 1},
+                            {"help", no_argument, &options.help, 1},
                             {nullptr, 0, nullptr, 0}};
-    Options options;
-    int key = 0;
-    while (key != 'r' && (key = getopt_long(argc, argv, "+h", known, nullptr)) != -1) {
+    for (int key = 0; (key = getopt_long(argc, argv, "+", known, nullptr)) != -1;) {
         if (key == 'l')
             options.logFolder = optarg;
         else if (key == 'c')
             options.cupsFolder = optarg;
-        options.backdoor |= key == 'b';
-        options.namespaceEntered |= key == 'n';
-        options.help |= key == 'h';
         options.wrong |= key == '?';
     }
-    const bool runs = key == 'r';
     options.program.assign(argv + optind, argv + argc);
-    options.wrong |= runs == options.program.empty() || (options.backdoor && !runs);
+    options.wrong |= options.logFolder.empty() || (options.backdoor && options.program.empty());
     return options;
-}
-
-void enterNamespace(const Options& options) {
-    std::string folder = options.logFolder;
-    if (folder.empty()) {
-        char name[] = "/tmp/qnthost-log-XXXXXX";
-        if (mkdtemp(name) == nullptr)
-            throw std::runtime_error("Could not make a folder for the log in /tmp.");
-        folder = name;
-        printLine("log folder " + folder);
-    }
-    if (options.namespaceEntered)
-        mountGuestFolders(folder);
-    else
-        enterGuestNamespace(folder);
 }
 
 void readCommands(const Console& console) {
     const auto executeOrReport = [&](const std::string& line) {
         try {
             return execute(console, line);
-        } catch (const ConsoleError& error) {
+        } catch (const std::exception& error) {
             std::cerr << "qnthost: " << error.what() << std::endl;
             return true;
         }
     };
-    if (isatty(STDIN_FILENO) == 1) {
-        printLine("ready; 'help' lists the commands");
-        readLines(executeOrReport, [&](bool first) { return completions(console, first); });
-        return;
-    }
-    printLine("ready");
-    for (std::string line; std::getline(std::cin, line) && executeOrReport(line);) {
-    }
+    printLine("ready; 'help' lists the commands");
+    readLines(executeOrReport, [&] { return completions(console); });
 }
 
 void simulateHost(const Options& options) {
-    enterNamespace(options);
+    if (options.namespaceEntered)
+        mountGuestFolders(options.logFolder);
+    else
+        enterGuestNamespace(options.logFolder);
     std::optional<PrivateCups> cups;
     if (!options.cupsFolder.empty())
         cups.emplace(options.cupsFolder);
@@ -131,10 +104,10 @@ void simulateHost(const Options& options) {
         program.emplace(options.program);
     if (options.backdoor)
         hypervisor.emplace(program->pid(), host);
-    readCommands({host, program, printLine, isInterrupted});
+    readCommands({host, program});
     if (program) {
         program->signal(SIGTERM);
-        program->wait(kProgramEndTime);
+        program->wait(kPatience);
     }
 }
 

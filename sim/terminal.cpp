@@ -1,22 +1,18 @@
 #include "sim/terminal.h"
 
-#include <poll.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <clocale>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <cwchar>
 #include <iostream>
-#include <iterator>
+#include <memory>
 #include <mutex>
 #include <optional>
 
 #include <editline/readline.h>
-
-#include "posix/unique_fd.h"
 
 namespace sim {
 namespace {
@@ -24,17 +20,19 @@ namespace {
 constexpr char kPrompt[] = "> ";
 constexpr char kEraseLine[] = "\r\033[K";
 
-// Guards the output and the line editor, which is not called by several threads at a time.
+// Guards the output and the line editor, except while the editor waits for a character.
 std::mutex g_mutex;
 bool g_editing = false;
 
-// The result of editing; main thread only.
-bool g_edited = false;
-std::optional<std::string> g_line;
-
 // The editor passes no argument to the functions that it calls.
-std::function<std::vector<std::string>(bool)> g_complete;
 std::vector<std::string> g_words;
+
+int readCharacter(std::FILE* input) {
+    g_mutex.unlock();
+    const std::wint_t character = std::fgetwc(input);
+    g_mutex.lock();
+    return static_cast<int>(character);
+}
 
 // The editor calls it with state 0 first, and frees the matches.
 char* nextMatch(const char* text, int state) {
@@ -49,56 +47,24 @@ char* nextMatch(const char* text, int state) {
     return nullptr;
 }
 
-char** findMatches(const char* text, int start, int) {
-    rl_attempted_completion_over = 1;  // no file names
-    g_words = g_complete(start == 0);
-    return rl_completion_matches(text, nextMatch);
+// Makes Ctrl-C a key while a line is edited. The editor forgets it with each line.
+int turnSignalsOff() {
+    return rl_parse_and_bind("setty -d -isig");
 }
 
-// Gets null at the end of the input. The editor shows the prompt once more when this has returned.
-void takeEditedLine(char* line) {
-    g_edited = true;
-    if (line != nullptr && *line != '\0')
-        add_history(line);
-    if (line != nullptr)
-        g_line = line;
-    std::free(line);
-    rl_set_prompt("");
-}
-
-void setEditing(bool editing) {
+// None at the end of the input.
+std::optional<std::string> editLine() {
     const std::lock_guard lock(g_mutex);
-    g_editing = editing;
-    if (editing)
-        rl_callback_handler_install(kPrompt, takeEditedLine);
-    else
-        rl_callback_handler_remove();
-}
-
-// Returns the line, an empty one if it was discarded, and none if the input is to end. `discarded`:
-// whether the line before was, and whether this one is.
-std::optional<std::string> editLine(int interrupts, bool& discarded) {
-    for (signalfd_siginfo old; read(interrupts, &old, sizeof old) > 0;) {
-    }
-    g_edited = false;
-    g_line.reset();
-    setEditing(true);
-    bool isTyped = false;
-    pollfd sources[] = {{STDIN_FILENO, POLLIN, 0}, {interrupts, POLLIN, 0}};
-    while (!g_edited && poll(sources, std::size(sources), -1) > 0 && sources[1].revents == 0 &&
-           sources[0].revents == POLLIN) {
-        const std::lock_guard lock(g_mutex);
-        rl_callback_read_char();
-        isTyped = true;
-    }
-    setEditing(false);
-    const bool interrupted = !g_edited && sources[1].revents != 0;
-    if (interrupted && (isTyped || !discarded))
-        g_line = "";
-    discarded = interrupted;
-    if (!g_edited || !g_line)
+    g_editing = true;
+    const std::unique_ptr<char, decltype(&std::free)> line(readline(kPrompt), std::free);
+    g_editing = false;
+    if (line == nullptr) {
         std::cout << std::endl;
-    return g_line;
+        return std::nullopt;
+    }
+    if (*line != '\0')
+        add_history(line.get());
+    return line.get();
 }
 
 }  // namespace
@@ -110,27 +76,24 @@ void printLine(const std::string& line) {
         rl_forced_update_display();
 }
 
-bool isInterrupted() {
-    sigset_t pending;
-    sigpending(&pending);
-    return sigismember(&pending, SIGINT) == 1;
-}
-
 void readLines(const std::function<bool(const std::string&)>& execute,
-               const std::function<std::vector<std::string>(bool)>& complete) {
-    if (setlocale(LC_CTYPE, "") == nullptr || MB_CUR_MAX == 1)
-        setlocale(LC_CTYPE, "C.UTF-8");  // otherwise the editor drops all but ASCII
-    g_complete = complete;
-    rl_attempted_completion_function = findMatches;
-    sigset_t interrupt;
-    sigemptyset(&interrupt);
-    sigaddset(&interrupt, SIGINT);
-    pthread_sigmask(SIG_BLOCK, &interrupt, nullptr);
-    const qnt::UniqueFd interrupts(signalfd(-1, &interrupt, SFD_CLOEXEC | SFD_NONBLOCK));
+               const std::function<std::vector<std::string>()>& words) {
+    if (isatty(STDIN_FILENO) == 0) {
+        for (std::string line; std::getline(std::cin, line) && execute(line);) {
+        }
+        return;
+    }
+    setlocale(LC_CTYPE, "C.UTF-8");  // otherwise the editor drops all but ASCII
+    rl_catch_signals = 0;            // a change of the terminal's size would end the input
+    rl_getc_function = readCharacter;
+    rl_completion_entry_function = nextMatch;
+    rl_pre_input_hook = turnSignalsOff;
+    rl_initialize();
+    rl_parse_and_bind("bind ^C em-kill-line");
     std::optional<std::string> line;
-    bool discarded = false;
     do {
-        line = editLine(interrupts.get(), discarded);
+        g_words = words();
+        line = editLine();
     } while (line && execute(*line));
 }
 
