@@ -57,12 +57,6 @@ std::string quotedText(const std::string& text) {
     return quoted.str();
 }
 
-std::string number(const char* format, std::uint32_t value) {
-    char text[32];
-    std::snprintf(text, sizeof text, format, value);
-    return text;
-}
-
 using Names = std::map<std::uint32_t, const char*>;
 const Names kRequestNames = {{qnt::GetDefaultPrinter, "GetDefaultPrinter"},
                              {qnt::GetPrintingCmd, "GetPrintingCmd"},
@@ -101,7 +95,7 @@ std::string describeItem(const Item& item) {
         case qnt::PrinterList:
             return describeList(item.data);
         default:
-            return number(" item 0x%x", item.type);
+            return " item " + std::to_string(item.type);
     }
 }
 
@@ -142,7 +136,7 @@ std::string describeReply(const Exchange& exchange, const Reply& reply) {
     if (reply.status == qnt::kRequestCanceled)
         return "cancelled";
     if (reply.status != qnt::kRequestDone)
-        return number("status 0x%x", reply.status);
+        return "refused";
     return exchange.requestType == kLinkCall ? "done" : describeAnswer(reply.answer);
 }
 
@@ -233,12 +227,11 @@ std::string describeExchange(const Exchange& exchange) {
 }
 
 std::string statusState(const Bytes& message) {
-    std::string state;
     for (const Item& item : itemsOf(message, qnt::kStatusPrefixSize)) {
         if (item.type == qnt::StatusItemState)
-            state = item.text();
+            return item.text();
     }
-    return state;
+    return {};
 }
 
 }  // namespace sim
