@@ -19,10 +19,12 @@ namespace {
 
 constexpr char kPrompt[] = "> ";
 constexpr char kEraseLine[] = "\r\033[K";
+constexpr std::wint_t kCtrlC = 3;
 
 // Guards the output and the line editor, except while the editor waits for a character.
 std::mutex g_mutex;
 bool g_editing = false;
+bool g_lineIsNew = false;  // nothing has been typed since it began or was discarded
 
 // The editor passes no argument to the functions that it calls.
 std::vector<std::string> g_words;
@@ -31,6 +33,9 @@ int readCharacter(std::FILE* input) {
     g_mutex.unlock();
     const std::wint_t character = std::fgetwc(input);
     g_mutex.lock();
+    if (character == kCtrlC && g_lineIsNew)
+        return EOF;
+    g_lineIsNew = character == kCtrlC;
     return static_cast<int>(character);
 }
 
@@ -55,7 +60,7 @@ int turnSignalsOff() {
 // None at the end of the input.
 std::optional<std::string> editLine() {
     const std::lock_guard lock(g_mutex);
-    g_editing = true;
+    g_editing = g_lineIsNew = true;
     const std::unique_ptr<char, decltype(&std::free)> line(readline(kPrompt), std::free);
     g_editing = false;
     if (line == nullptr) {
