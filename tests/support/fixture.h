@@ -31,7 +31,7 @@ namespace qnt {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-using Milliseconds = std::chrono::milliseconds;
+using sim::kPatience;
 
 // Shared by all cases of a process.
 inline sim::Guest& guest() {
@@ -50,11 +50,8 @@ inline sim::Guest& guest() {
 }
 inline const std::string g_path = std::getenv("PATH");
 
-// For waits that end with their condition, on any machine.
-inline constexpr Milliseconds kPatience = 60s;
-
-inline bool eventually(const std::function<bool()>& condition, Milliseconds time = kPatience) {
-    const auto end = std::chrono::steady_clock::now() + time;
+inline bool eventually(const std::function<bool()>& condition) {
+    const auto end = std::chrono::steady_clock::now() + kPatience;
     while (!condition() && std::chrono::steady_clock::now() < end)
         std::this_thread::sleep_for(5ms);
     return condition();
@@ -73,6 +70,8 @@ protected:
         guest();
         setenv("PATH", ((folder / "bin").string() + ":" + g_path).c_str(), 1);
         fs::create_directory(folder / "bin");
+        // LD_PRELOAD splits at blanks, so it gets a path without them.
+        fs::create_symlink(QNT_PRELOAD, folder / "preload.so");
         sim::commandOutput("lpstat -e | xargs -rn1 lpadmin -x");
         sim::commandOutput(std::string("rm -rf ") + sim::kUsbDevicesFolder + "/*-*");
         std::ofstream(kLog, std::ios::trunc).flush();
@@ -96,13 +95,10 @@ protected:
         options.insert(options.begin(), QNT_SERVICE);
         service.emplace(options, variables, folder / "output");
     }
-    // With support/preload.cpp. LD_PRELOAD splits at blanks, so it gets a path without them.
+    // With support/preload.cpp.
     void startPreloaded(std::map<std::string, std::string> variables,
                         const std::vector<std::string>& options = {}) {
-        const fs::path link = folder / "preload.so";
-        if (!fs::exists(link))
-            fs::create_symlink(QNT_PRELOAD, link);
-        variables["LD_PRELOAD"] = link;
+        variables["LD_PRELOAD"] = folder / "preload.so";
         startService(options, variables);
     }
     // Waits for the service, which ends by itself or after SIGTERM; -1 if it does not end.
@@ -127,8 +123,8 @@ protected:
     // A queue has a name, and a host printer's id at the end of its device URI. Any bytes may be in
     // them, as no shell sees them.
     static void addQueue(const std::string& name, const std::string& id,
-                         const std::string& uri = kUri, bool enabled = true) {
-        sim::Process lpadmin({"lpadmin", "-p", name, "-v", uri + id, enabled ? "-E" : "-ox=y"});
+                         const std::string& uri = kUri) {
+        sim::Process lpadmin({"lpadmin", "-p", name, "-v", uri + id, "-E"});
         ASSERT_EQ(lpadmin.wait(kPatience), 0) << name << ' ' << uri << id;
     }
     static void deleteQueue(const std::string& name) {
@@ -160,12 +156,6 @@ protected:
     void carryOut(const sim::HostCommand& command) {
         host.send(command);
         ASSERT_TRUE(host.waitUntilIdle());
-    }
-    // Plugs a printer in and lets the host send its list and an add.
-    void sharePrinter(const std::string& id, const std::string& name) {
-        host.plug(id, name);
-        carryOut(sim::printerList(host.printers()));
-        carryOut(sim::addPrinter(id));
     }
 
     sim::SimulatedHost host;
