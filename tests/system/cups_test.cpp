@@ -20,8 +20,6 @@ using testing::StartsWith;
 namespace qnt {
 namespace {
 
-const std::string& logged = CapturedLog::text;
-
 class Cups : public GuestTest {
 protected:
     Cups() {
@@ -30,8 +28,8 @@ protected:
     }
     ~Cups() override { g_afterSleep = nullptr; }
 
-    static void forget(std::int32_t level = 3) {
-        const CapturedLog log(level);
+    static void forget() {
+        captureLog();
         g_sleeps.clear();
     }
     static void addQueues(const QueueBindingList& queues) {
@@ -97,7 +95,7 @@ TEST_F(Cups, MakesTheLastQueueOfAnIdTheDefaultAndDeletesAllOfThem) {
     setDefaultPrinter("TAG1");
     EXPECT_TRUE(isDefault("B_B"));
     setDefaultPrinter("TAG3");
-    EXPECT_EQ(logged, "D lpadmin -d 'B_B'\n");
+    EXPECT_EQ(g_logged, "D lpadmin -d 'B_B'\n");
     deletePrinterById("TAG1");
     EXPECT_EQ(queues(), "C\n");
     addQueue("B_B", "TAG1");
@@ -110,7 +108,7 @@ TEST_F(Cups, MakesTheLastQueueOfAnIdTheDefaultAndDeletesAllOfThem) {
     replaceTool("lpadmin", "exit 1");
     deletePrinter("B B", "TAG1");
     setDefaultPrinter("TAG10");
-    EXPECT_EQ(logged,
+    EXPECT_EQ(g_logged,
               "F deletePrinter: name= id=TAG1\nF deletePrinter: name=B B id=TAG7\n"
               "W Queue 'B_B' is left alone: CUPS does not bind it to 'TAG7'\n"
               "F deletePrinter: name=B B id=TAG1\n"
@@ -160,7 +158,7 @@ TEST_F(Cups, AddsAQueueWithTheFixedDriverAndOptions) {
         std::string name = given;
         addPrinter(name, id);
         EXPECT_EQ(name, queue);
-        EXPECT_THAT(logged,
+        EXPECT_THAT(g_logged,
                     StartsWith("F addPrinter: id=" + id + " name=" + given +
                                "\nD Adding printer: [lpadmin -p '" + queue + "' -u allow:all -m '" +
                                kFallbackModel + "' -v '" + kUri + id));
@@ -181,7 +179,7 @@ TEST_F(Cups, WaitsForTheDeviceOfAPrinterWithoutANameAndReplacesItsQueues) {
     addQueues({{"TAG1", "Office_Laser"}, {"TAG1", "Old"}, {"TAG10", "Other"}});
     std::string name = "New";
     addPrinter(name, "");
-    EXPECT_EQ(logged, "F addPrinter: id= name=New\nF Cannot get name for printer with id=\n");
+    EXPECT_EQ(g_logged, "F addPrinter: id= name=New\nF Cannot get name for printer with id=\n");
     g_afterSleep = [] {
         if (g_sleeps.size() == 5)
             sim::plugUsbPrinter("TAG1", "Office Laser");
@@ -204,7 +202,7 @@ TEST_F(Cups, AsksForTheDriverOnceAndFallsBackToAFixedOne) {
             addPrinter(name, "TAG1");
         EXPECT_THAT(contents(folder / "arguments"),
                     HasSubstr("\nallow:all\n-m\n" + model + "\n-v\n"));
-        EXPECT_THAT(logged, EndsWith("\nF Failed add printer 'TAG1', rc=768\n"));
+        EXPECT_THAT(g_logged, EndsWith("\nF Failed add printer 'TAG1', rc=768\n"));
         calls += "C --make-and-model HP Color LaserJet 8500 Postscript -m\n";
         EXPECT_EQ(contents(folder / "calls"), calls);
     }
@@ -276,7 +274,7 @@ TEST_F(Hostile, NamesReachCupsToTheByteOrInTheFormThatItAccepts) {
     int exact = 0;
     for (const std::string& text : corpus()) {
         const bool isRefused = text.find('\0') != std::string::npos || text.size() > 130'000;
-        CapturedLog::clear();
+        captureLog();
         SCOPED_TRACE(testing::PrintToString(text));
         sim::plugUsbPrinter("TAG7", text);
         std::string name;
@@ -287,12 +285,12 @@ TEST_F(Hostile, NamesReachCupsToTheByteOrInTheFormThatItAccepts) {
         }
         addPrinter(name = "Own", "TAG7");
         for (int times = 0; times < 2; ++times) {
-            CapturedLog::clear();
+            captureLog();
             EXPECT_EQ(renamePrinter(queueOf("TAG7"), name = text), !isRefused);
             EXPECT_THAT(queueOf("TAG7"), isNameFor(isRefused ? "Own" : text));
         }
-        EXPECT_EQ(logged.find("deletePrinter"), std::string::npos) << "the second rename deletes";
-        EXPECT_EQ(logged.find("Refused") != std::string::npos, isRefused);
+        EXPECT_EQ(g_logged.find("deletePrinter"), std::string::npos) << "the second rename deletes";
+        EXPECT_EQ(g_logged.find("Refused") != std::string::npos, isRefused);
         exact += queueOf("TAG7") == queueNameFor(text);
         setDefaultPrinter("TAG7");
         EXPECT_EQ(isPrinterOnline("TAG7"), text[0] != '\n');
@@ -318,7 +316,7 @@ TEST_F(Hostile, IdsBindOneQueueOrAreRefused) {
     int bound = 0;
     for (const std::string& id : ids) {
         SCOPED_TRACE(testing::PrintToString(id));
-        CapturedLog::clear();
+        captureLog();
         std::string name = "Own";
         addPrinter(name, id);
         const bool isBound = queueOf(id) == "Own";
@@ -326,7 +324,7 @@ TEST_F(Hostile, IdsBindOneQueueOrAreRefused) {
         setDefaultPrinter(id);
         deletePrinterById(id);
         const char* record = isValid(id) ? "Failed add printer '" : "Refused printer id '";
-        EXPECT_TRUE(isBound || logged.find(record) != std::string::npos) << logged;
+        EXPECT_TRUE(isBound || g_logged.find(record) != std::string::npos) << g_logged;
         sim::commandOutput("lpadmin -d Lab");
         expectNothingElseTouched();
     }

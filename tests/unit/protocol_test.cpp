@@ -239,20 +239,20 @@ TEST(Answers, HaveWhatIsSkippedOrMissingLogged) {
         {stream({code(4)}) + "rest",
          "complete printer list, code = 4, stream size = 28, payload size = 32\n"}};
     for (const auto& [payload, missing] : rows) {
-        const CapturedLog log(2);
+        captureLog();
         parsed(payload);
-        EXPECT_EQ(log.text, unusable + missing);
-        log.clear();
+        EXPECT_EQ(g_logged, unusable + missing);
+        captureLog();
         std::string printerId;
         if (parseDefaultPrinterAnswer(printerId, payload.data(),
                                       static_cast<std::uint32_t>(payload.size())))
             continue;
-        EXPECT_EQ(log.text, "I [PRINTING_TOOL] Unusable default printer answer, payload size = " +
+        EXPECT_EQ(g_logged, "I [PRINTING_TOOL] Unusable default printer answer, payload size = " +
                                 std::to_string(payload.size()) + '\n');
     }
-    const CapturedLog log(2);
+    captureLog();
     parsed(stream({other, list({entry({other, id("TAG1"), name("Lab")})}), name("x"), code(4)}));
-    EXPECT_EQ(log.text, twelve + twelve + skipped + "8203, size = 1\n");
+    EXPECT_EQ(g_logged, twelve + twelve + skipped + "8203, size = 1\n");
 }
 
 }  // namespace
