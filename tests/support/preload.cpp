@@ -1,6 +1,5 @@
 // Preloaded into the service; these variables of the environment choose what it does:
 //
-//   QNT_SLEEPS      sleep() adds a line, its seconds, to this file
 //   QNT_SECOND      the milliseconds that a second of sleep() lasts
 //   QNT_NO_PROCESS  posix_spawn() fails while this file exists
 //   QNT_NO_MEMORY   while this file exists, malloc() fails in each worker, and once in the run loop
@@ -20,7 +19,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <fstream>
 
 namespace {
 
@@ -53,8 +51,6 @@ bool fileExists(const char* variable) {
 extern "C" {
 
 unsigned sleep(unsigned seconds) {
-    if (const char* file = std::getenv("QNT_SLEEPS"))
-        std::ofstream(file, std::ios::app) << seconds << std::endl;
     const char* second = std::getenv("QNT_SECOND");
     waitSlices(seconds * (second != nullptr ? std::atol(second) : 1000L));
     return 0;

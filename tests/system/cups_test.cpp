@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 
+#include "cups/cups_check.h"
 #include "cups/printer_names.h"
 #include "cups/queue_creation.h"
 #include "cups/queue_listing.h"
@@ -43,6 +44,19 @@ protected:
     static constexpr char kFallbackModel[] =
         "postscript-hp:0/ppd/hplip/HP/hp-color_laserjet_8500-ps.ppd";
 };
+
+TEST_F(Cups, HasSevenTriesToAnswer) {
+    for (const std::size_t answered : {4U, 7U, 8U}) {
+        captureLog();
+        g_sleeps.clear();
+        replaceTool("lpstat", "echo >>$folder/tries; [ $# = 0 ] && [ $(wc -l <$folder/tries) -ge " +
+                                  std::to_string(answered) + " ]");
+        EXPECT_EQ(checkCups(), answered <= 7);
+        EXPECT_EQ(g_sleeps, std::vector<unsigned>(std::min<std::size_t>(answered, 7) - 1, 10));
+        EXPECT_EQ(g_logged, answered <= 7 ? "" : "F cups is not responding\n");
+        fs::remove(folder / "tries");
+    }
+}
 
 TEST_F(Cups, ListsTheQueuesOfHostPrintersAndNoOthers) {
     EXPECT_EQ(listed(""), "");
