@@ -1,7 +1,6 @@
 // The whole system: the unmodified service between a simulated host and a real CUPS.
 
 #include <gmock/gmock.h>
-#include <sys/mount.h>
 #include <sys/prctl.h>
 
 #include <random>
@@ -9,7 +8,6 @@
 #include "hostlink/kavelink.h"
 #include "printing/tool_mutex.h"
 #include "protocol/little_endian.h"
-#include "sim/hypervisor.h"
 #include "tests/support/fixture.h"
 
 namespace qnt {
@@ -259,26 +257,6 @@ TEST_F(EntryTest, WithoutALinkItFails) {
                                 "closed, rc = 1"));
         fs::resize_file(kLog, 0);
     }
-}
-
-TEST_F(EntryTest, WithoutALinkOnTheDeviceStatusMessagesGoOverTheBackdoor) {
-    sim::SimulatedHost host;
-    host.refuseLink();
-    host.hold(sim::kLinkCall);  // until the hypervisor takes the instruction
-    // The leak sanitizer fails in a traced process.
-    startService({},
-                 {{"ASAN_OPTIONS", std::getenv("ASAN_OPTIONS") + std::string(":detect_leaks=0")}});
-    const sim::Hypervisor hypervisor(service->pid(), host);
-    host.release(sim::kLinkCall);
-    EXPECT_TRUE(host.waitUntilIdle());
-    EXPECT_EQ(stopService(), 0);
-    std::vector<std::string> received;
-    for (const sim::Exchange& exchange : host.exchanges(sim::kLinkCall))
-        received.push_back(sim::describeRequest(exchange));
-    EXPECT_THAT(received,
-                ElementsAre("link probe", "backdoor probe",
-                            "backdoor message of 209 bytes, state 'initialized' transfers=2",
-                            "backdoor message of 111 bytes, state 'stopped' transfers=1"));
 }
 
 TEST_F(EntryTest, ItWorksWhateverItInherits) {
