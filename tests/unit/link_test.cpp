@@ -82,6 +82,9 @@ namespace {
 
 constexpr auto kMore = kHostStatusMore;
 constexpr auto kDone = kHostStatusComplete;
+// A request and its repetitions until the limit.
+constexpr std::size_t kEndless =
+    1 + HostLoopLimit::kRepeatsAtOnce + HostLoopLimit::kTimeLimit / HostLoopLimit::kPause;
 
 // A call over the backdoor: its sizes, what the host does, and the bytes in each transfer.
 struct Call {
@@ -105,6 +108,8 @@ const Call kCalls[] = {
     {10, 0, 100, {{0, kMore}, {0, -5}}, kLinkHostFailed, {10, 0}},
     {10, 20, 100, {{21, kMore}}, kLinkHostFailed, {10}},
     {10, 20, 100, {{20, kMore}, {1, kMore}}, kLinkHostFailed, {10, 0}},
+    // Nothing moves.
+    {0, 10, 100, {{0, kMore}}, kLinkHostFailed, std::vector<std::uint64_t>(kEndless), true},
     // Each transfer fits, all together do not.
     {20, 10, 10, {{10, kMore}, {10, kDone}}, kLinkOk, {10, 10}},
     {15, 16, 10, {{10, kMore}, {10, kMore}, {0, -1}}, kLinkHostFailed, {5, 10, 0}},
@@ -162,8 +167,6 @@ struct Host : sim::SimulatedHost {
 };
 
 TEST(LinkDevice, IsProbedAndLeftForTheBackdoorWhereItRefuses) {
-    constexpr std::size_t kEndless =
-        1 + HostLoopLimit::kRepeatsAtOnce + HostLoopLimit::kTimeLimit / HostLoopLimit::kPause;
     const struct {
         std::vector<Reply> answers;
         std::int32_t mode, result;
