@@ -90,15 +90,13 @@ TEST(ToolMutex, IsNotKeptFromTheRunLoopByTwoThreadsThatOverlap) {
             std::this_thread::sleep_for(2ms);  // in which the other one begins to wait
         }
     };
-    std::thread one(overlap), other(overlap);
+    const std::jthread one(overlap), other(overlap);
     for (int rounds = 0; rounds < 20; ++rounds) {
         EXPECT_TRUE(mutex.tryLockAfterOthers(5s));
         std::this_thread::sleep_for(2ms);
         mutex.unlock();
     }
     ended = true;
-    one.join();
-    other.join();
 }
 
 TEST_F(ServiceTest, AStepThatFailsDuringAStopIsAFailureUnlessTheStopHasCancelledIt) {
