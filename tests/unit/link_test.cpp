@@ -158,14 +158,6 @@ using sim::Reply;
 using sim::status;
 using sim::writeError;
 
-// Answers the next requests of a type with these, in order.
-struct Host : sim::SimulatedHost {
-    Host(std::uint32_t requestType, const std::vector<Reply>& answers) {
-        for (const Reply& answer : answers)
-            answerNext(requestType, answer);
-    }
-};
-
 TEST(LinkDevice, IsProbedAndLeftForTheBackdoorWhereItRefuses) {
     const struct {
         std::vector<Reply> answers;
@@ -186,7 +178,9 @@ TEST(LinkDevice, IsProbedAndLeftForTheBackdoorWhereItRefuses) {
     for (const auto& [answers, mode, result, kind, probes] : rows) {
         SCOPED_TRACE(probes);
         g_hypervisor = {};
-        const Host host(sim::kLinkCall, answers);
+        sim::SimulatedHost host;
+        for (const Reply& answer : answers)
+            host.answerNext(sim::kLinkCall, answer);
         const auto before = openFiles();
         KavelinkLink link;
         EXPECT_EQ(kavelinkOpen(&link, mode), result);
@@ -199,22 +193,20 @@ TEST(LinkDevice, IsProbedAndLeftForTheBackdoorWhereItRefuses) {
 }
 
 TEST(LinkDevice, CarriesACallInOneRequest) {
-    const auto answer = [](std::uint32_t length, std::uint32_t announced, std::int32_t result) {
-        const Bytes header =
-            words({32, 0, 5, length, announced, static_cast<std::uint32_t>(result)});
-        return sim::raw(header);
-    };
+    // The last words of the header: bytes written, bytes announced, status of the host.
     const std::tuple<Reply, std::int32_t, std::int32_t, std::uint32_t> rows[] = {
-        {answer(3, 4, 1), kLinkOk, 1, 3},
-        {answer(9, 5, 0), kLinkOk, 0, 5},
-        {answer(3, 6, 1), kLinkAnswerTooLarge, 1, 0},
-        {answer(3, 0, -3), kLinkHostFailed, -3, 0},
+        {sim::raw(words({32, 0, 5, 3, 4, 1})), kLinkOk, 1, 3},
+        {sim::raw(words({32, 0, 5, 9, 5, 0})), kLinkOk, 0, 5},
+        {sim::raw(words({32, 0, 5, 3, 6, 1})), kLinkAnswerTooLarge, 1, 0},
+        {sim::raw(words({32, 0, 5, 3, 0, 0xFFFFFFFD})), kLinkHostFailed, -3, 0},
         {status(kRequestAgain), kLinkRefused, kLinkNotOpen, 0},
         {writeError(EINTR), kLinkWriteInterrupted, kLinkNotOpen, 0},
         {writeError(EIO), kLinkWriteFailed, kLinkNotOpen, 0},
     };
     for (const auto& [reply, result, state, answerLength] : rows) {
-        const Host host(sim::kLinkCall, {status(kRequestDone), reply});
+        sim::SimulatedHost host;
+        host.answerNext(sim::kLinkCall, status(kRequestDone));  // the probe
+        host.answerNext(sim::kLinkCall, reply);
         KavelinkLink link;
         EXPECT_EQ(kavelinkOpen(&link, kLinkDeviceOnly), kLinkOk);
         Bytes buffer{1, 2, 3, 4, 5};
