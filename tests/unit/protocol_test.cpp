@@ -7,18 +7,15 @@
 #include "protocol/item_stream.h"
 #include "protocol/printing_format.h"
 #include "protocol/printing_messages.h"
+#include "sim/host_messages.h"
 #include "tests/support/bytes.h"
 #include "tests/support/captured_log.h"
 
 namespace qnt {
 namespace {
 
+using sim::Item;
 using Texts = std::vector<std::string>;
-
-struct Item {
-    std::uint32_t type;
-    Bytes data;
-};
 
 Bytes stream(const std::vector<Item>& items) {
     Bytes body;
@@ -26,10 +23,6 @@ Bytes stream(const std::vector<Item>& items) {
     for (const auto& [type, data] : items)
         body = body + words({static_cast<std::uint32_t>(data.size()), type, index++}) + data;
     return words({static_cast<std::uint32_t>(body.size()), kStreamMagic, 0}) + body;
-}
-
-Bytes written(const ItemStream& stream, std::uint32_t base) {
-    return {stream.data() + base, stream.data() + stream.streamEnd()};
 }
 
 // The texts of the items, and the result that ended the walk. The bytes are copied to where none
@@ -53,7 +46,8 @@ TEST(ItemStream, ReadsBackWhatItHasGrownToHold) {
         ASSERT_EQ(stream.appendText(static_cast<std::uint32_t>(i), texts.back()), kStreamOk);
     }
     EXPECT_EQ(stream.appendItem(1, "", 0xFFFFFFFF), kStreamNoMemory);  // and stays as it was
-    EXPECT_EQ(walk(Bytes(80) + written(stream, 80), 80), std::pair(texts, +kStreamEnded));
+    const Bytes written(stream.data() + 80, stream.data() + stream.streamEnd());
+    EXPECT_EQ(walk(Bytes(80) + written, 80), std::pair(texts, +kStreamEnded));
     EXPECT_EQ(ItemStream().create(0xFFFFFFF0), kStreamNoMemory);
 }
 
