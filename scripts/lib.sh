@@ -11,7 +11,7 @@ build_packages=(cmake g++ libedit-dev libfuse3-dev ninja-build pkg-config)
 cups_packages=(cups cups-client printer-driver-postscript-hp)
 guest_packages=(fuse3 procps)
 test_packages=(clang clang-format clang-tidy cups-ipp-utils dpkg-dev libbenchmark-dev libclang-rt-dev
-    libgmock-dev libgtest-dev locales mandoc shellcheck systemd tmux)
+    libgmock-dev libgtest-dev mandoc shellcheck systemd tmux)
 
 # missing SENTENCE: ends the script because the machine lacks something.
 missing() {

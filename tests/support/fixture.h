@@ -19,11 +19,8 @@
 
 // Sleeps of this process return at once.
 inline std::vector<unsigned> g_sleeps;
-inline std::function<void()> g_afterSleep;
 extern "C" unsigned sleep(unsigned seconds) {
     g_sleeps.push_back(seconds);
-    if (g_afterSleep)
-        g_afterSleep();
     return 0;
 }
 
@@ -65,6 +62,8 @@ protected:
         guest();
         setenv("PATH", ((folder / "bin").string() + ":" + g_path).c_str(), 1);
         fs::create_directory(folder / "bin");
+        // LD_PRELOAD splits at blanks, so it gets a path without them.
+        fs::create_symlink(QNT_PRELOAD, folder / "preload.so");
         sim::commandOutput("lpstat -e | xargs -rn1 lpadmin -x");
         sim::commandOutput(std::string("rm -rf ") + sim::kUsbDevicesFolder + "/*-*");
         std::ofstream(kLog, std::ios::trunc).flush();
@@ -88,13 +87,10 @@ protected:
         options.insert(options.begin(), QNT_SERVICE);
         service.emplace(options, folder / "output", variables);
     }
-    // With support/preload.cpp. LD_PRELOAD splits at blanks, so it gets a path without them.
+    // With support/preload.cpp.
     void startPreloaded(std::map<std::string, std::string> variables,
                         const std::vector<std::string>& options = {}) {
-        const fs::path link = folder / "preload.so";
-        if (!fs::exists(link))
-            fs::create_symlink(QNT_PRELOAD, link);
-        variables["LD_PRELOAD"] = link;
+        variables["LD_PRELOAD"] = folder / "preload.so";
         startService(options, variables);
     }
     // Waits for the service, which ends by itself or after SIGTERM; -1 if it does not end.
@@ -119,8 +115,8 @@ protected:
     // A queue has a name, and a host printer's id at the end of its device URI. Any bytes may be in
     // them, as no shell sees them.
     static void addQueue(const std::string& name, const std::string& id,
-                         const std::string& uri = kUri, bool enabled = true) {
-        sim::Process lpadmin({"lpadmin", "-p", name, "-v", uri + id, enabled ? "-E" : "-ox=y"});
+                         const std::string& uri = kUri) {
+        sim::Process lpadmin({"lpadmin", "-p", name, "-v", uri + id, "-E"});
         ASSERT_EQ(lpadmin.wait(kPatience), 0) << name << ' ' << uri << id;
     }
     static void deleteQueue(const std::string& name) {
@@ -152,12 +148,6 @@ protected:
     void carryOut(const sim::HostCommand& command) {
         host.send(command);
         ASSERT_TRUE(host.waitUntilIdle());
-    }
-    // Plugs a printer in and lets the host send its list and an add.
-    void sharePrinter(const std::string& id, const std::string& name) {
-        host.plug(id, name);
-        carryOut(sim::printerList(host.printers()));
-        carryOut(sim::addPrinter(id));
     }
 
     sim::SimulatedHost host;

@@ -1,26 +1,20 @@
 // Preloaded into the service; these variables of the environment choose what it does:
 //
-//   QNT_SLEEPS      sleep() adds a line, its seconds, to this file
-//   QNT_SECOND      the milliseconds that a second of sleep() lasts
-//   QNT_NO_PROCESS  posix_spawn() fails while this file exists
-//   QNT_NO_MEMORY   while this file exists, malloc() fails in each worker, and once in the run loop
+//   QNT_SECOND     the milliseconds that a second of sleep() lasts
+//   QNT_NO_MEMORY  while this file exists, malloc() fails in each worker, and once in the run loop
 //
-// In a service with the address sanitizer, the sanitizer's own malloc(), waitid() and posix_spawn()
-// are called instead.
+// In a service with the address sanitizer, the sanitizer's own malloc() and waitid() are called
+// instead.
 
 #include <dlfcn.h>
 #include <pthread.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
-#include <fstream>
 
 namespace {
 
@@ -43,18 +37,11 @@ void waitSlices(long slices) {
     }
 }
 
-bool fileExists(const char* variable) {
-    const char* file = std::getenv(variable);
-    return file != nullptr && access(file, F_OK) == 0;
-}
-
 }  // namespace
 
 extern "C" {
 
 unsigned sleep(unsigned seconds) {
-    if (const char* file = std::getenv("QNT_SLEEPS"))
-        std::ofstream(file, std::ios::app) << seconds << std::endl;
     const char* second = std::getenv("QNT_SECOND");
     waitSlices(seconds * (second != nullptr ? std::atol(second) : 1000L));
     return 0;
@@ -69,21 +56,15 @@ int waitid(idtype_t kind, id_t id, siginfo_t* info, int options) {
     return result;
 }
 
-int posix_spawn(pid_t* pid, const char* path, const posix_spawn_file_actions_t* actions,
-                const posix_spawnattr_t* attributes, char* const* words, char* const* variables) {
-    static const auto call = next<decltype(posix_spawn)>("posix_spawn");
-    return fileExists("QNT_NO_PROCESS") ? EAGAIN
-                                        : call(pid, path, actions, attributes, words, variables);
-}
-
 #if !QNT_SANITIZED  // there it is the sanitizer's
 void* __libc_malloc(std::size_t size);
 
 void* malloc(std::size_t size) {
     static bool failedInMain = false;
+    const char* const file = std::getenv("QNT_NO_MEMORY");
     const bool isService = std::strcmp(program_invocation_short_name, "qntspooler") == 0;
     const bool isMain = gettid() == getpid();
-    if (!isService || (isMain && failedInMain) || !fileExists("QNT_NO_MEMORY"))
+    if (!isService || (isMain && failedInMain) || file == nullptr || access(file, F_OK) != 0)
         return __libc_malloc(size);
     failedInMain |= isMain;
     return nullptr;

@@ -6,13 +6,13 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <csignal>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <mutex>
 #include <sstream>
 #include <thread>
 
@@ -20,6 +20,7 @@
 #include "log/log_file.h"
 #include "log/log_record.h"
 #include "log/log_time.h"
+#include "sim/private_cups.h"
 
 namespace {
 // Replaces time() and gettimeofday() at link time: seconds that pass at each call, or when a test
@@ -67,11 +68,9 @@ void logInHandler(const std::string& message) {
 }
 
 void inThreads(int number, const std::function<void(int)>& work) {
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (int i = 0; i < number; ++i)
         threads.emplace_back(work, i);
-    for (std::thread& thread : threads)
-        thread.join();
 }
 
 struct Log : testing::Test {
@@ -79,7 +78,6 @@ struct Log : testing::Test {
         logFileSetPlacement(folder.c_str(), kLogFileName);
         logSetSink(logFileWrite);
     }
-    ~Log() override { fs::remove_all(folder); }
 
     // Runs a process that has the folder for its root, with a user 4242 whose home is in it, and
     // where no place has been chosen for the log.
@@ -101,8 +99,8 @@ struct Log : testing::Test {
         EXPECT_EQ(status, 0);
     }
 
-    std::string name = "/tmp/qnt-log-XXXXXX";
-    const fs::path folder = mkdtemp(name.data());
+    const sim::TemporaryFolder temporary;
+    const fs::path folder = temporary.path;
     const fs::path file = folder / kLogFileName;
 };
 
@@ -217,13 +215,10 @@ TEST_F(Log, IsWrittenToVarLogElseToHomeElseToRoot) {
 TEST_F(Log, LosesNoRecordWhileItsFileIsMoved) {
     constexpr int kWriters = 4, kRecordsEach = QNT_SANITIZED ? 25000 : 250000;
     constexpr int kMoves = QNT_SANITIZED ? 30 : 300;  // at least
-    const auto numbered = [](int writer, int number) {
-        return std::to_string(writer) + ' ' + std::to_string(number) + ' ' +
-               std::string(static_cast<std::size_t>(number) % 97, static_cast<char>('a' + writer));
-    };
     std::atomic<bool> ended = false;
     std::atomic<int> moves = 0;
-    std::array<int, kWriters> written{};
+    std::mutex mutex;
+    Texts found, expected;
     g_secondsPerCall = 1;
     std::thread mover([&] {
         for (; !ended; usleep(500))
@@ -233,19 +228,20 @@ TEST_F(Log, LosesNoRecordWhileItsFileIsMoved) {
             }
     });
     inThreads(kWriters, [&](int writer) {
-        int& number = written.at(static_cast<std::size_t>(writer));
-        for (; number < kRecordsEach || moves < kMoves; ++number)
-            log(numbered(writer, number));
+        Texts written;
+        while (std::ssize(written) < kRecordsEach || moves < kMoves) {
+            written.push_back(std::to_string(writer) + ' ' + std::to_string(written.size()) +
+                              std::string(written.size() % 97, '.'));
+            log(written.back());
+        }
+        const std::lock_guard lock(mutex);
+        std::ranges::copy(written, std::back_inserter(expected));
     });
     ended = true;
     mover.join();
     g_secondsPerCall = 0;
-    Texts found, expected;
     for (const auto& entry : fs::directory_iterator(folder))
         std::ranges::copy(messages(entry), std::back_inserter(found));
-    for (int writer = 0; writer < kWriters; ++writer)
-        for (int number = written.at(static_cast<std::size_t>(writer)); number > 0; --number)
-            expected.push_back(numbered(writer, number - 1));
     std::ranges::sort(found);
     std::ranges::sort(expected);
     EXPECT_TRUE(found == expected);

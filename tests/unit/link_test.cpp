@@ -4,7 +4,6 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <bit>
 #include <cerrno>
 #include <ctime>
 #include <filesystem>
@@ -36,7 +35,6 @@ extern "C" int clock_gettime(clockid_t clock, timespec* now) noexcept {
 
 namespace qnt {
 
-using Registers = std::array<std::uint64_t, 6>;         // rax, rbx, rcx, rdx, rsi, rdi
 constexpr std::uint64_t kGarbage = 0xDEADBEEF00000000;  // in the upper halves that come back
 
 // What the host does in one transfer.
@@ -48,25 +46,27 @@ struct Transfer {
 
 struct Hypervisor {
     std::vector<Transfer> transfers;  // the last one is repeated
-    Registers probeAnswer = {0x0B36AF47, 2, 300, 0, 0, 0};
-    std::vector<Registers> commands = {};  // as they came
+    RdpmcRegisters probeAnswer = {0x0B36AF47, 2, 300, 0, 0, 0};
+    std::vector<std::uint64_t> sent = {};  // bytes of each transfer
     Bytes input = {};                      // of all transfers
     std::uint32_t written = 0;
+    bool isCancelled = false;
 };
 static Hypervisor g_hypervisor;
 
 // Replaces the library's rdpmc() at link time.
 void rdpmc(RdpmcRegisters& registers) {
     Hypervisor& host = g_hypervisor;
-    host.commands.push_back(std::bit_cast<Registers>(registers));
+    host.isCancelled = registers.rax == kBackdoorCancel;
     if (registers.rax == kBackdoorProbe)
-        registers = std::bit_cast<RdpmcRegisters>(host.probeAnswer);
+        registers = host.probeAnswer;
     if (registers.rax != kBackdoorBegin && registers.rax != kBackdoorContinue)
         return;
     const Transfer transfer = host.transfers.front();
     if (host.transfers.size() > 1)
         host.transfers.erase(host.transfers.begin());
     auto* area = reinterpret_cast<std::uint8_t*>(registers.rdi);
+    host.sent.push_back(registers.rsi);
     host.input.insert(host.input.end(), area, area + registers.rsi);
     std::iota(area, area + std::min<std::uint64_t>(transfer.written, registers.rdx),
               static_cast<std::uint8_t>(host.written));
@@ -82,6 +82,9 @@ namespace {
 
 constexpr auto kMore = kHostStatusMore;
 constexpr auto kDone = kHostStatusComplete;
+// A request and its repetitions until the limit.
+constexpr std::size_t kEndless =
+    1 + HostLoopLimit::kRepeatsAtOnce + HostLoopLimit::kTimeLimit / HostLoopLimit::kPause;
 
 // A call over the backdoor: its sizes, what the host does, and the bytes in each transfer.
 struct Call {
@@ -105,6 +108,8 @@ const Call kCalls[] = {
     {10, 0, 100, {{0, kMore}, {0, -5}}, kLinkHostFailed, {10, 0}},
     {10, 20, 100, {{21, kMore}}, kLinkHostFailed, {10}},
     {10, 20, 100, {{20, kMore}, {1, kMore}}, kLinkHostFailed, {10, 0}},
+    // Nothing moves.
+    {0, 10, 100, {{0, kMore}}, kLinkHostFailed, std::vector<std::uint64_t>(kEndless), true},
     // Each transfer fits, all together do not.
     {20, 10, 10, {{10, kMore}, {10, kDone}}, kLinkOk, {10, 10}},
     {15, 16, 10, {{10, kMore}, {10, kMore}, {0, -1}}, kLinkHostFailed, {5, 10, 0}},
@@ -126,25 +131,22 @@ TEST(Backdoor, MovesACallWithinItsBufferOrFailsIt) {
         EXPECT_TRUE(!succeeds || g_hypervisor.input == input);
         for (std::uint32_t i = 0; i < length; ++i)
             EXPECT_EQ(buffer.at(i), i);
-        std::vector<std::uint64_t> sent;
-        for (const Registers& command : g_hypervisor.commands)
-            sent.push_back(command[4]);
-        EXPECT_EQ(g_hypervisor.commands.back()[0] == kBackdoorCancel, row.isCancelled);
-        if (row.isCancelled)
-            sent.pop_back();
-        EXPECT_EQ(sent, row.sent);
+        EXPECT_EQ(g_hypervisor.sent, row.sent);
+        EXPECT_EQ(g_hypervisor.isCancelled, row.isCancelled);
     }
 }
 
 TEST(Backdoor, OpensWithItsOwnAnswerOnly) {
-    const std::tuple<std::size_t, std::uint64_t, std::int32_t> differences[] = {
-        {2, 0, kLinkOk},           {0, 0x5F9E652, kLinkNotAvailable}, {1, 3, kLinkRefused},
-        {3, 1, kLinkNotAvailable}, {4, 1, kLinkNotAvailable},         {5, 1, kLinkNotAvailable}};
+    using R = RdpmcRegisters;
+    const std::tuple<std::uint64_t R::*, std::uint64_t, std::int32_t> differences[] = {
+        {&R::rcx, 0, kLinkOk},           {&R::rax, 0x5F9E652, kLinkNotAvailable},
+        {&R::rbx, 3, kLinkRefused},      {&R::rdx, 1, kLinkNotAvailable},
+        {&R::rsi, 1, kLinkNotAvailable}, {&R::rdi, 1, kLinkNotAvailable}};
     for (const auto& [field, value, result] : differences) {
         g_hypervisor = {};
-        g_hypervisor.probeAnswer[field] = value;
-        for (std::uint64_t& each : g_hypervisor.probeAnswer)
-            each |= kGarbage;
+        g_hypervisor.probeAnswer.*field = value;
+        for (const auto each : {&R::rax, &R::rbx, &R::rcx, &R::rdx, &R::rsi, &R::rdi})
+            g_hypervisor.probeAnswer.*each |= kGarbage;
         KavelinkLink link;
         EXPECT_EQ(kavelinkOpen(&link, kLinkBackdoorOnly), result);
         EXPECT_EQ(link.state, result == kLinkOk ? kLinkStateOpen : kLinkStateClosed);
@@ -154,17 +156,7 @@ TEST(Backdoor, OpensWithItsOwnAnswerOnly) {
 
 using sim::Reply;
 
-// Answers the next requests of a type with these, in order.
-struct Host : sim::SimulatedHost {
-    Host(std::uint32_t requestType, const std::vector<Reply>& answers) {
-        for (const Reply& answer : answers)
-            answerNext(requestType, answer);
-    }
-};
-
 TEST(LinkDevice, IsProbedAndLeftForTheBackdoorWhereItRefuses) {
-    constexpr std::size_t kEndless =
-        1 + HostLoopLimit::kRepeatsAtOnce + HostLoopLimit::kTimeLimit / HostLoopLimit::kPause;
     const struct {
         std::vector<Reply> answers;
         std::int32_t mode, result;
@@ -185,7 +177,9 @@ TEST(LinkDevice, IsProbedAndLeftForTheBackdoorWhereItRefuses) {
     for (const auto& [answers, mode, result, kind, probes] : rows) {
         SCOPED_TRACE(probes);
         g_hypervisor = {};
-        const Host host(sim::kLinkCall, answers);
+        sim::SimulatedHost host;
+        for (const Reply& answer : answers)
+            host.answerNext(sim::kLinkCall, answer);
         const auto before = openFiles();
         KavelinkLink link;
         EXPECT_EQ(kavelinkOpen(&link, mode), result);
@@ -198,22 +192,20 @@ TEST(LinkDevice, IsProbedAndLeftForTheBackdoorWhereItRefuses) {
 }
 
 TEST(LinkDevice, CarriesACallInOneRequest) {
-    const auto answer = [](std::uint32_t length, std::uint32_t announced, std::int32_t result) {
-        const Bytes header =
-            words({32, 0, 5, length, announced, static_cast<std::uint32_t>(result)});
-        return Reply{.answer = header};
-    };
+    // The last words of the header: bytes written, bytes announced, status of the host.
     const std::tuple<Reply, std::int32_t, std::int32_t, std::uint32_t> rows[] = {
-        {answer(3, 4, 1), kLinkOk, 1, 3},
-        {answer(9, 5, 0), kLinkOk, 0, 5},
-        {answer(3, 6, 1), kLinkAnswerTooLarge, 1, 0},
-        {answer(3, 0, -3), kLinkHostFailed, -3, 0},
+        {{.answer = words({32, 0, 5, 3, 4, 1})}, kLinkOk, 1, 3},
+        {{.answer = words({32, 0, 5, 9, 5, 0})}, kLinkOk, 0, 5},
+        {{.answer = words({32, 0, 5, 3, 6, 1})}, kLinkAnswerTooLarge, 1, 0},
+        {{.answer = words({32, 0, 5, 3, 0, 0xFFFFFFFD})}, kLinkHostFailed, -3, 0},
         {{.status = kRequestAgain}, kLinkRefused, kLinkNotOpen, 0},
         {{.error = EINTR}, kLinkWriteInterrupted, kLinkNotOpen, 0},
         {{.error = EIO}, kLinkWriteFailed, kLinkNotOpen, 0},
     };
     for (const auto& [reply, result, state, answerLength] : rows) {
-        const Host host(sim::kLinkCall, {Reply{}, reply});
+        sim::SimulatedHost host;
+        host.answerNext(sim::kLinkCall, Reply{});  // the probe
+        host.answerNext(sim::kLinkCall, reply);
         KavelinkLink link;
         EXPECT_EQ(kavelinkOpen(&link, kLinkDeviceOnly), kLinkOk);
         Bytes buffer{1, 2, 3, 4, 5};

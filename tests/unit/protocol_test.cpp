@@ -7,18 +7,15 @@
 #include "protocol/item_stream.h"
 #include "protocol/printing_format.h"
 #include "protocol/printing_messages.h"
+#include "sim/host_messages.h"
 #include "tests/support/bytes.h"
 #include "tests/support/captured_log.h"
 
 namespace qnt {
 namespace {
 
+using sim::Item;
 using Texts = std::vector<std::string>;
-
-struct Item {
-    std::uint32_t type;
-    Bytes data;
-};
 
 Bytes stream(const std::vector<Item>& items) {
     Bytes body;
@@ -26,10 +23,6 @@ Bytes stream(const std::vector<Item>& items) {
     for (const auto& [type, data] : items)
         body = body + words({static_cast<std::uint32_t>(data.size()), type, index++}) + data;
     return words({static_cast<std::uint32_t>(body.size()), kStreamMagic, 0}) + body;
-}
-
-Bytes written(const ItemStream& stream, std::uint32_t base) {
-    return {stream.data() + base, stream.data() + stream.streamEnd()};
 }
 
 // The texts of the items, and the result that ended the walk. The bytes are copied to where none
@@ -53,7 +46,8 @@ TEST(ItemStream, ReadsBackWhatItHasGrownToHold) {
         ASSERT_EQ(stream.appendText(static_cast<std::uint32_t>(i), texts.back()), kStreamOk);
     }
     EXPECT_EQ(stream.appendItem(1, "", 0xFFFFFFFF), kStreamNoMemory);  // and stays as it was
-    EXPECT_EQ(walk(Bytes(80) + written(stream, 80), 80), std::pair(texts, +kStreamEnded));
+    const Bytes written(stream.data() + 80, stream.data() + stream.streamEnd());
+    EXPECT_EQ(walk(Bytes(80) + written, 80), std::pair(texts, +kStreamEnded));
     EXPECT_EQ(ItemStream().create(0xFFFFFFF0), kStreamNoMemory);
 }
 
@@ -168,22 +162,6 @@ TEST(Answers, AreReadAsDocumented) {
     EXPECT_EQ(id, "TAG1");
 }
 
-TEST(Answers, NameADefaultPrinterInTheirFirstItemOnly) {
-    const Item id{PrinterId, Bytes() + "TAG1"}, name{PrinterName, Bytes() + "Lab"};
-    const Bytes whole = stream({id});
-    for (const auto& [payload, expected] : {std::pair{whole, "TAG1"},
-                                            {stream({id, name}), "TAG1"},
-                                            {stream({name, id}), "unchanged"},
-                                            {stream({}), "unchanged"},
-                                            {Bytes(whole.begin(), whole.end() - 1), "unchanged"}}) {
-        std::string printerId = "unchanged";
-        const auto size = static_cast<std::uint32_t>(payload.size());
-        const bool named = parseDefaultPrinterAnswer(printerId, payload.data(), size);
-        EXPECT_EQ(printerId, expected);
-        EXPECT_EQ(named, printerId != "unchanged");
-    }
-}
-
 const auto code = [](std::uint32_t value) { return Item{CmdCode, words({value})}; };
 const auto id = [](std::string_view text) { return Item{PrinterId, Bytes() + text}; };
 const auto name = [](std::string_view text) { return Item{PrinterName, Bytes() + text}; };
@@ -231,28 +209,34 @@ TEST(Answers, HaveWhatIsSkippedOrMissingLogged) {
     const std::string skipped = "I [PRINTING_TOOL] Unsupported data skipped, type = ";
     const std::string twelve = skipped + "7, size = 12\n";
     const std::string unusable = "W [PRINTING_TOOL] Unusable command: no ";
-    const std::pair<Bytes, std::string> rows[] = {
-        {{}, "item stream (-3), payload size = 0\n"},
-        {stream({}), "item stream (-7), payload size = 12\n"},
-        {stream({id("TAG1")}), "command code, code = 0, stream size = 28, payload size = 28\n"},
-        {stream({code(2)}), "printer id, code = 2, stream size = 28, payload size = 28\n"},
-        {stream({code(4)}) + "rest",
-         "complete printer list, code = 4, stream size = 28, payload size = 32\n"}};
-    for (const auto& [payload, missing] : rows) {
-        const CapturedLog log(2);
+    const Bytes whole = stream({id("TAG1")});
+    // The default printer that a payload names in its first item, and what a command lacks in it.
+    const std::tuple<Bytes, std::string, std::string> rows[] = {
+        {{}, "", "item stream (-3), payload size = 0\n"},
+        {stream({}), "", "item stream (-7), payload size = 12\n"},
+        {Bytes(whole.begin(), whole.end() - 1), "", "item stream (-4), payload size = 27\n"},
+        {stream({id("TAG1"), id("TAG2")}), "TAG1",
+         "command code, code = 0, stream size = 44, payload size = 44\n"},
+        {stream({code(2)}), "", "printer id, code = 2, stream size = 28, payload size = 28\n"},
+        {stream({code(4), id("TAG1")}) + "rest", "",
+         "complete printer list, code = 4, stream size = 44, payload size = 48\n"}};
+    for (const auto& [payload, defaultId, missing] : rows) {
+        captureLog();
         parsed(payload);
-        EXPECT_EQ(log.text, unusable + missing);
-        log.clear();
-        std::string printerId;
-        if (parseDefaultPrinterAnswer(printerId, payload.data(),
-                                      static_cast<std::uint32_t>(payload.size())))
-            continue;
-        EXPECT_EQ(log.text, "I [PRINTING_TOOL] Unusable default printer answer, payload size = " +
-                                std::to_string(payload.size()) + '\n');
+        EXPECT_EQ(g_logged, unusable + missing);
+        captureLog();
+        std::string printerId = "unchanged";
+        const auto size = static_cast<std::uint32_t>(payload.size());
+        const bool isNamed = parseDefaultPrinterAnswer(printerId, payload.data(), size);
+        EXPECT_EQ(isNamed, !defaultId.empty());
+        EXPECT_EQ(printerId, isNamed ? defaultId : "unchanged");
+        const std::string unnamed =
+            "I [PRINTING_TOOL] Unusable default printer answer, payload size";
+        EXPECT_EQ(g_logged, isNamed ? "" : unnamed + " = " + std::to_string(size) + '\n');
     }
-    const CapturedLog log(2);
+    captureLog();
     parsed(stream({other, list({entry({other, id("TAG1"), name("Lab")})}), name("x"), code(4)}));
-    EXPECT_EQ(log.text, twelve + twelve + skipped + "8203, size = 1\n");
+    EXPECT_EQ(g_logged, twelve + twelve + skipped + "8203, size = 1\n");
 }
 
 }  // namespace
