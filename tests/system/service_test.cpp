@@ -291,7 +291,8 @@ TEST_F(EntryTest, ItWorksWhateverItInheritsAndItsToolsInheritNoFiles) {
     service.emplace(std::vector<std::string>{"env", "--block-signal=INT", "--ignore-signal=CHLD",
                                              "sh", "-c", closed});
     ASSERT_TRUE(host.waitUntilIdle());
-    expectDefault("Office_Laser");  // by a worker, which blocks the stop signals
+    expectDefault("Office_Laser");    // by a worker, which blocks the stop signals
+    std::this_thread::sleep_for(1s);  // the alarm would have come
     service->signal(SIGINT);
     EXPECT_EQ(exitCode(), 0);
     EXPECT_THAT(host.statusMessages(),
