@@ -100,6 +100,7 @@ const Call kCalls[] = {
     {10, 250, 100, {{100, kMore}, {100, kMore}, {50, kDone}}, kLinkOk, {10, 0, 0}},
     // Answer bytes that arrive beside the input move down, from 5 to 4 in the second transfer.
     {15, 15, 10, {{4, kMore}, {10, kMore}, {1, kDone}}, kLinkOk, {5, 10, 0}},
+    {15, 15, 10, {{4, kMore}, {1, kMore}, {10, kDone}}, kLinkOk, {5, 10, 0}},
     // The announced answer is larger than the room.
     {10, 0, 100, {{0, kDone, 1}}, kLinkAnswerTooLarge, {10}},
     {10, 0, 100, {{0, kMore, 1}}, kLinkAnswerTooLarge, {10}, true},
