@@ -52,6 +52,11 @@ char* nextMatch(const char* text, int state) {
     return nullptr;
 }
 
+char** findMatches(const char* text, int, int) {
+    rl_attempted_completion_over = 1;  // no file names
+    return rl_completion_matches(text, nextMatch);
+}
+
 // Makes Ctrl-C a key while a line is edited. The editor forgets it with each line.
 int turnSignalsOff() {
     return rl_parse_and_bind("setty -d -isig");
@@ -91,7 +96,8 @@ void readLines(const std::function<bool(const std::string&)>& execute,
     setlocale(LC_CTYPE, "C.UTF-8");  // otherwise the editor drops all but ASCII
     rl_catch_signals = 0;            // a change of the terminal's size would end the input
     rl_getc_function = readCharacter;
-    rl_completion_entry_function = nextMatch;
+    // With an entry function, later releases of the editor add no blank to the word.
+    rl_attempted_completion_function = findMatches;
     rl_pre_input_hook = turnSignalsOff;
     rl_initialize();
     rl_parse_and_bind("bind ^C em-kill-line");
